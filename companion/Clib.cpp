@@ -1,0 +1,185 @@
+// The wrappers of C-library functions, in the order of their header.
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "OQException.h"
+#include "OQString.h"
+
+namespace {
+
+template <class Leaf>
+[[noreturn]] void throwErrorText()
+{
+    char lText[512];
+    throw Leaf(ClibStrerror(lText, sizeof lText), OQErrorCode<Leaf>::value);
+}
+
+struct Free {
+    void operator()(char* apMemory) const { free(apMemory); }
+};
+
+struct Close {
+    void operator()(FILE* apStream) const { fclose(apStream); }
+};
+
+}  // namespace
+
+char* ClibStrerror(char* apBuffer, unsigned int aSize)
+{
+    // The untranslated text: strerror() and strerror_r() go through the message catalogue, which takes locks that a
+    // child of fork() may find held, and may change errno.
+    const int lErrno = errno;
+    const char* lpText = strerrordesc_np(lErrno);
+    if (0 == aSize) {
+        return apBuffer;
+    }
+    if (nullptr != lpText) {
+        const size_t lLength = strnlen(lpText, aSize - 1);
+        memcpy(apBuffer, lpText, lLength);
+        apBuffer[lLength] = '\0';
+    } else {
+        snprintf(apBuffer, aSize, "Unknown error %d", lErrno);
+    }
+    errno = lErrno;
+    return apBuffer;
+}
+
+int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine)
+{
+    const std::unique_ptr<FILE, Close> lFile(fopen(acrPath.get(), "re"));
+    if (!lFile) {
+        return -1;
+    }
+    char* lpLine = nullptr;
+    size_t lRoom = 0;
+    const ssize_t lLength = getline(&lpLine, &lRoom, lFile.get());
+    const std::unique_ptr<char, Free> lLine(lpLine);
+    if (lLength < 0) {
+        if (0 == feof(lFile.get())) {
+            return -1;
+        }
+        arLine = "";
+        return 0;
+    }
+    if (0 < lLength && '\n' == lpLine[lLength - 1]) {
+        lpLine[lLength - 1] = '\0';
+    }
+    arLine = lpLine;
+    return 0;
+}
+
+int ClibOpen(const char* acPath, int aFlags, int aMode) { return open(acPath, aFlags, static_cast<mode_t>(aMode)); }
+
+int ClibRead(int aDescriptor, void* apBuffer, unsigned int aCount)
+{
+    return static_cast<int>(read(aDescriptor, apBuffer, aCount));
+}
+
+int ClibBlockRead(int aDescriptor, void* apBuffer, unsigned int aCount)
+{
+    char* const lpBuffer = static_cast<char*>(apBuffer);
+    unsigned int lDone = 0;
+    while (lDone < aCount) {
+        const ssize_t lRead = read(aDescriptor, lpBuffer + lDone, aCount - lDone);
+        if (0 < lRead) {
+            lDone += static_cast<unsigned int>(lRead);
+        } else if (0 == lRead) {
+            break;
+        } else if (EINTR != errno) {
+            return -1;
+        }
+    }
+    return static_cast<int>(lDone);
+}
+
+int ClibWrite(int aDescriptor, const void* acBuffer, unsigned int aCount)
+{
+    return static_cast<int>(write(aDescriptor, acBuffer, aCount));
+}
+
+int ClibClose(int aDescriptor) { return close(aDescriptor); }
+
+int ClibUnlink(const char* acPath) { return unlink(acPath); }
+
+unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream)
+{
+    const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
+    // Data that came before the error is delivered first; the stream remembers the error for the next call.
+    if (0 == lItems && 0 != aCount && 0 != ferror(apStream)) {
+        throwErrorText<OQCReadFailedEx>();
+    }
+    return static_cast<unsigned int>(lItems);
+}
+
+int ClibStat(const char* acPath, struct stat* apInfo)
+{
+    if (0 != stat(acPath, apInfo)) {
+        throwErrorText<OQCClibStatFailedEx>();
+    }
+    return 0;
+}
+
+void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds)
+{
+    timespec lNow;
+    clock_gettime(CLOCK_REALTIME, &lNow);
+    arSeconds = static_cast<long>(lNow.tv_sec);
+    arMilliseconds = static_cast<unsigned short>(lNow.tv_nsec / 1000000);
+}
+
+void ClibSleepMS(unsigned long aMilliseconds)
+{
+    timespec lTime;
+    lTime.tv_sec = static_cast<time_t>(aMilliseconds / 1000);
+    lTime.tv_nsec = static_cast<long>(aMilliseconds % 1000) * 1000000;
+    while (EINTR == clock_nanosleep(CLOCK_MONOTONIC, 0, &lTime, &lTime)) {
+    }
+}
+
+int ClibGethostname(char* apBuffer, unsigned int aSize) { return gethostname(apBuffer, aSize); }
+
+void* ClibMemcpy(void* apDestination, const void* acSource, unsigned int aCount)
+{
+    return memcpy(apDestination, acSource, aCount);
+}
+
+void* ClibMemset(void* apDestination, int aValue, unsigned int aCount)
+{
+    return memset(apDestination, aValue, aCount);
+}
+
+char* ClibStrcpy(char* apDestination, const char* acSource)
+{
+    // The layer copies an error text onto itself.
+    memmove(apDestination, acSource, strlen(acSource) + 1);
+    return apDestination;
+}
+
+unsigned int ClibStrlen(const char* acText) { return static_cast<unsigned int>(strlen(acText)); }
+
+int ClibnStrcmp(const char* acLeft, const char* acRight, unsigned int aCount)
+{
+    return strncmp(acLeft, acRight, aCount);
+}
+
+unsigned int ClibNtohl(unsigned int aValue) { return ntohl(aValue); }
+
+int ClibSprintf(char* apBuffer, const char* acFormat, ...)
+{
+    va_list lArguments;
+    va_start(lArguments, acFormat);
+    const int lLength = vsprintf(apBuffer, acFormat, lArguments);
+    va_end(lArguments);
+    return lLength;
+}

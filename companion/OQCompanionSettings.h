@@ -1,0 +1,32 @@
+/// \file
+/// The settings of this companion runtime: which log lines are written, and where to.
+///
+/// They belong to libOQCompanion.so alone; a host with another runtime has that one's settings. Without any call, halt,
+/// error and information lines go to standard error and trace lines nowhere.
+///
+/// A line reads
+///
+///     2026-03-01T12:00:00.123456Z 4711 140245 -E- OsLockFile (.//MiscLinux:88) Failed to lock file, error: ...
+///
+/// that is: time (UTC), process id, the writing thread's handle as OsStartThread gives it, tag, function, file and line
+/// of the call, message. It is formatted on the stack and written with one write(): lines of several threads never mix,
+/// nor do those of several processes when the file is opened with O_APPEND. A line feed inside the message is written as
+/// a blank, so that a line of the log is one call; a line of more than 8192 bytes is cut there. A line that cannot be
+/// written (disk full, descriptor closed) is dropped without a word; errno is kept in every case.
+#ifndef OQ_COMPANION_SETTINGS_H
+#define OQ_COMPANION_SETTINGS_H
+
+#include "OQCompanion.h"
+
+/// Chooses which lines are written.
+/// \param aLevels OQELogLevel bits, or-ed; 0 silences the log
+/// Holds for the whole process at once; may be called at any time from any thread.
+OQ_EXPORT void SetLogLevels(unsigned int aLevels);
+
+/// Chooses where lines are written.
+/// \param aDescriptor open for writing; the caller keeps it open while lines may come and closes it afterwards. Open
+///        files with O_APPEND. A negative one drops every line.
+/// Holds for the whole process at once; may be called at any time from any thread.
+OQ_EXPORT void SetLogDescriptor(int aDescriptor);
+
+#endif

@@ -1,0 +1,61 @@
+// Condition variables: one POSIX call each, silent but for the time-out and the assertion of the timed wait.
+
+#define OQ_LOG_FILE ".//ConditionalLinux"
+
+#include <errno.h>
+#include <time.h>
+
+#include "LinuxInternal.h"
+
+void OsInitConditional(pthread_cond_t& arCondition)
+{
+    if (0 != pthread_cond_init(&arCondition, NULL)) {
+        throwOsError<OQCCondInitFailedEx>();
+    }
+}
+
+void OsDestroyConditional(pthread_cond_t& arCondition)
+{
+    if (0 != pthread_cond_destroy(&arCondition)) {
+        throwOsError<OQCCondDestroyFailedEx>();
+    }
+}
+
+void OsSignal(pthread_cond_t& arCondition)
+{
+    if (0 != pthread_cond_signal(&arCondition)) {
+        throwOsError<OQCCondSignalFailedEx>();
+    }
+}
+
+// Kept beside the signal and not offered to callers.
+[[maybe_unused]] static void OsBroadcast(pthread_cond_t& arCondition)
+{
+    if (0 != pthread_cond_broadcast(&arCondition)) {
+        throwOsError<OQCCondBroadcastFailedEx>();
+    }
+}
+
+void OsWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex)
+{
+    if (0 != pthread_cond_wait(&arCondition, &arMutex)) {
+        throwOsError<OQCCondWaitFailedEx>();
+    }
+}
+
+// The deadline keeps the clock's nanoseconds: whole seconds are added, so no carry is ever needed.
+void OsConditionalTimedWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex, unsigned int aSeconds)
+{
+    timespec lDeadline;
+    clock_gettime(CLOCK_REALTIME, &lDeadline);
+    OQ_ASSERT(aSeconds > 0);
+    lDeadline.tv_sec += static_cast<time_t>(aSeconds);
+    const int lResult = pthread_cond_timedwait(&arCondition, &arMutex, &lDeadline);
+    if (ETIMEDOUT == lResult) {
+        OQ_TRACE("Condition wait timed out.");
+        throwOsError<OQCTimeOutEx>();
+    }
+    if (0 != lResult) {
+        throwOsError<OQCCondWaitFailedEx>();
+    }
+}

@@ -1,0 +1,56 @@
+/// \file
+/// The vocabulary of the layer's sources: log, assert and throw.
+///
+/// Every source defines OQ_LOG_FILE, the name under which its lines appear in the log, before it includes this.
+#ifndef OQ_LINUX_INTERNAL_H
+#define OQ_LINUX_INTERNAL_H
+
+#include "OQLinux.h"
+
+#define OQ_HALT_AS(function, ...) OQ_LOG(OQLL_Halt, "-H-", function, OQ_LOG_FILE, __VA_ARGS__)
+#define OQ_ERROR_AS(function, ...) OQ_LOG(OQLL_Error, "-E-", function, OQ_LOG_FILE, __VA_ARGS__)
+#define OQ_TRACE_AS(function, ...) OQ_LOG(OQLL_Trace, "-T-", function, OQ_LOG_FILE, __VA_ARGS__)
+
+#define OQ_ERROR(...) OQ_ERROR_AS(__func__, __VA_ARGS__)
+#define OQ_INFORMATION(...) OQ_LOG(OQLL_Information, "-I-", __func__, OQ_LOG_FILE, __VA_ARGS__)
+#define OQ_TRACE(...) OQ_TRACE_AS(__func__, __VA_ARGS__)
+#define OQ_ENTERED() OQ_TRACE("%s", "Entered")
+#define OQ_LEFT() OQ_TRACE("%s", "Left")
+
+#define OQ_ASSERT(condition) OQ_ASSERT_AS(condition, #condition, __func__, OQ_LOG_FILE)
+
+/// Room for the system's error text, local to the failing call. A failure that is logged asks for the text twice, for
+/// the line and for the exception, as two calls of the companion runtime on this one buffer.
+class ErrorText
+{
+public:
+    const char* get() { return ClibStrerror(mText, sizeof mText); }
+
+private:
+    char mText[512];
+};
+
+/// Throws the leaf with its code and the text of the current errno. Calls of pthread functions return their error and
+/// need not set errno; the text is that of errno all the same.
+template <class Leaf>
+[[noreturn, gnu::cold, gnu::noinline]] void throwOsError(ErrorText& arText)
+{
+    const char* const lpText = arText.get();  // before the exception's memory is asked for, which may change errno
+    throw Leaf(lpText, OQErrorCode<Leaf>::value);
+}
+
+template <class Leaf>
+[[noreturn, gnu::cold, gnu::noinline]] void throwOsError()
+{
+    ErrorText lText;
+    throwOsError<Leaf>(lText);
+}
+
+/// Throws the leaf with its code and a fixed text.
+template <class Leaf>
+[[noreturn, gnu::cold, gnu::noinline]] void throwWith(const char* acMessage)
+{
+    throw Leaf(acMessage, OQErrorCode<Leaf>::value);
+}
+
+#endif

@@ -1,0 +1,307 @@
+// Host services: wait for a descriptor, run a command, lock a file, signal a process, tell who the host is.
+
+#define OQ_LOG_FILE ".//MiscLinux"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "LinuxInternal.h"
+
+namespace {
+
+const int cRestartNoHand = 514;               // the kernel's ERESTARTNOHAND, which an interrupted call can return
+const unsigned int cBufferSize = 4000;        // bytes of the read buffer and of the line buffer
+const unsigned int cHostNameSize = 128;       // bytes
+const unsigned int cLoopbackPrefixLength = 4; // of "127."
+
+const char* const cNoAddress = "No non-loopback IP Address configured on system";
+const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
+
+/// A cleared buffer of 4000 bytes from malloc.
+char* allocateBuffer()
+{
+    char* const lpBuffer = static_cast<char*>(malloc(cBufferSize));
+    if (NULL == lpBuffer) {
+        throwWith<OQCNoMemoryEx>("Out of Memory");
+    }
+    ClibMemset(lpBuffer, 0, cBufferSize);
+    return lpBuffer;
+}
+
+/// The host's own entry, looked up in the name of the calling operation. It is the resolver's, shared by the process.
+const hostent* lookUpHost(const char* acFunction)
+{
+    char lHostName[cHostNameSize];
+    ClibMemset(lHostName, 0, sizeof lHostName);
+    ClibGethostname(lHostName, sizeof lHostName);
+    const hostent* const lpHostEntry = gethostbyname(lHostName);
+    if (NULL == lpHostEntry) {
+        errno = h_errno;  // the resolver's number, told in the system's words
+        ErrorText lText;
+        OQ_ERROR_AS(acFunction, "Can't get local host entry, error: %s", lText.get());
+        OQ_TRACE_AS(acFunction, "%s", "Left");
+        throwOsError<OQCGetIpAddressFailEx>(lText);
+    }
+    OQ_ASSERT_AS(lpHostEntry->h_addr_list != NULL, "lpHostEntry->h_addr_list != __null", acFunction, OQ_LOG_FILE);
+    return lpHostEntry;
+}
+
+/// Walks the host's addresses in the name of the calling operation and hands each that is not loopback to aTake, in host
+/// order and as text, until aTake says that it has enough. The first entry is examined before it is asked whether there
+/// is one.
+template <class Take>
+void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTake)
+{
+    unsigned int lIndex = 0;
+    do {
+        const char* const lpEntry = acHostEntry->h_addr_list[lIndex];
+        if (NULL != lpEntry) {
+            in_addr lAddress;
+            ClibMemcpy(&lAddress, lpEntry, sizeof lAddress);
+            const char* const lpText = inet_ntoa(lAddress);
+            OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, lpText);
+            if (0 != ClibnStrcmp(lpText, "127.", cLoopbackPrefixLength) &&
+                aTake(ClibNtohl(lAddress.s_addr), lpText)) {
+                return;
+            }
+        }
+        ++lIndex;
+    } while (NULL != acHostEntry->h_addr_list[lIndex]);
+}
+
+bool exists(const char* acPath)
+{
+    try {
+        struct stat lInfo;
+        ClibStat(acPath, &lInfo);
+        return true;
+    } catch (const OQCClibStatFailedEx&) {
+        return false;
+    }
+}
+
+/// The release file of the distribution, or null.
+const char* findReleaseFile()
+{
+    for (const char* lpPath : {"/etc/oracle-release", "/etc/enterprise-release", "/etc/redhat-release"}) {
+        if (exists(lpPath)) {
+            return lpPath;
+        }
+    }
+    return NULL;
+}
+
+}  // namespace
+
+// An interrupted select is called again with the same objects: Linux leaves the remaining time in the structure, so the
+// whole wait never lasts longer than asked for.
+void OsWaitForActivity(int aDescriptor, unsigned int aSeconds)
+{
+    OQ_ENTERED();
+    fd_set lReadSet;
+    FD_ZERO(&lReadSet);
+    if (0 <= aDescriptor) {
+        FD_SET(aDescriptor, &lReadSet);
+    }
+    timeval lTimeOut;
+    lTimeOut.tv_sec = static_cast<time_t>(aSeconds);
+    lTimeOut.tv_usec = 0;
+    int lResult;
+    while ((lResult = select(aDescriptor + 1, &lReadSet, NULL, NULL, &lTimeOut)) < 0 &&
+           (EINTR == errno || cRestartNoHand == errno)) {
+        OQ_INFORMATION("The select() call was interrupted.. Ignoring");
+    }
+    if (lResult < 0) {
+        ErrorText lText;
+        OQ_ERROR("Error waiting on Named Pipe: %u, Error : %s", static_cast<unsigned int>(aDescriptor), lText.get());
+        OQ_LEFT();
+        throwOsError<OQCPipeWaitFailedEx>(lText);
+    }
+    if (0 == lResult) {
+        OQ_TRACE("No data within %u seconds.", aSeconds);
+        OQ_LEFT();
+        throwWith<OQCTimeOutEx>("Timed out");
+    }
+    OQ_TRACE("Data is available now.");
+    OQ_LEFT();
+}
+
+// Exhausted memory leaves the buffers and the stream as they are: no more is cleaned up than is written here.
+void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
+{
+    OQ_ENTERED();
+    OQ_TRACE("Calling popen");
+    FILE* const lpStream = popen(acCommand, "r");
+    if (NULL == lpStream) {
+        OQ_TRACE("Failed in popen");
+        OQ_LEFT();
+        return;
+    }
+    char* const lpBuffer = allocateBuffer();
+    char* lpWrite = lpBuffer;
+    try {
+        for (;;) {
+            const unsigned int lUsed = static_cast<unsigned int>(lpWrite - lpBuffer);
+            ClibMemset(lpWrite, 0, cBufferSize - lUsed);
+            const unsigned int lLength = ClibFread(lpWrite, 1, cBufferSize - 1 - lUsed, lpStream);
+            if (0 == lLength) {
+                OQ_TRACE("Fread returned ERROR. lLength = %d", 0);
+                break;
+            }
+            lpWrite[lLength] = '\0';
+            OQ_TRACE("Buffer got = %s", lpWrite);
+            lpWrite = OsBreak(lpBuffer, arLines);
+        }
+    } catch (const OQCReadFailedEx& acrFailure) {
+        OQ_TRACE("Failed to read - %s", acrFailure.what());
+        pclose(lpStream);
+        free(lpBuffer);
+        OQ_LEFT();
+        throw;
+    }
+    pclose(lpStream);
+    OQ_TRACE("Number of lines in output: %u", static_cast<unsigned int>(arLines.size()));
+    free(lpBuffer);
+    OQ_LEFT();
+}
+
+char* OsBreak(char* apBuffer, OQCList<OQCString>& arLines)
+{
+    OQ_ENTERED();
+    char* const lpScratch = allocateBuffer();
+    char* lpCursor = apBuffer;
+    for (;;) {
+        char* const lpNewline = strchr(lpCursor, '\n');
+        if (NULL == lpNewline) {
+            ClibStrcpy(lpScratch, lpCursor);
+            OQ_TRACE("Incomplete line: %s", lpScratch);
+            ClibStrcpy(apBuffer, lpScratch);
+            lpCursor = apBuffer + ClibStrlen(apBuffer);
+            break;
+        }
+        *lpNewline = '\0';
+        ClibStrcpy(lpScratch, lpCursor);
+        const OQCString lLine(lpScratch);
+        OQ_TRACE("Line: %s", lpScratch);
+        arLines.append(lLine);
+        lpCursor = lpNewline + 1;
+        if ('\0' == *lpCursor) {
+            OQ_TRACE("End of popened Buffer");
+            lpCursor = apBuffer;
+            break;
+        }
+    }
+    OQ_LEFT();
+    free(lpScratch);
+    return lpCursor;
+}
+
+// Only tried, never waited for: a file that another process has locked fails at once.
+void OsLockFile(int aDescriptor)
+{
+    OQ_ENTERED();
+    OQ_TRACE("Going to lock file");
+    if (lockf(aDescriptor, F_TLOCK, 0) < 0) {
+        ErrorText lText;
+        OQ_ERROR("Failed to lock file, error: %s", lText.get());
+        OQ_LEFT();
+        throwOsError<OQCFileLockFailedEx>(lText);
+    }
+    OQ_LEFT();
+}
+
+void OsUnlockFile(int aDescriptor)
+{
+    OQ_ENTERED();
+    if (lockf(aDescriptor, F_ULOCK, 0) < 0) {
+        ErrorText lText;
+        OQ_ERROR("Failed to unlock file, error: %s", lText.get());
+        OQ_LEFT();
+        throwOsError<OQCFileUnLockFailedEx>(lText);
+    }
+    OQ_LEFT();
+}
+
+void OsFileLockStatus(int aDescriptor, OQEFileLockStatus& arStatus)
+{
+    OQ_ENTERED();
+    OQ_TRACE("Going to find locking status");
+    const int lResult = lockf(aDescriptor, F_TEST, 0);
+    if (0 == lResult) {
+        arStatus = OQFLS_Unlocked;
+    } else if (lResult < 0) {
+        arStatus = OQFLS_Locked;
+    } else {
+        OQ_ASSERT(false);
+    }
+    OQ_LEFT();
+}
+
+int OsKill(int aPid, int aSignal) { return kill(aPid, aSignal); }
+
+void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses)
+{
+    OQ_ENTERED();
+    const char* const lpFunction = __func__;
+    unsigned int lTaken = 0;
+    walkAddresses(lpFunction, lookUpHost(lpFunction), [&](unsigned int aAddress, const char* acText) {
+        OQ_TRACE_AS(lpFunction, "Using %s as one of System's IP Addresses", acText);
+        arAddresses.append(aAddress);
+        ++lTaken;
+        return false;
+    });
+    if (0 == lTaken) {
+        OQ_HALT_AS(lpFunction, "No non-loopback IP Address configured on system");
+        throwWith<OQCGetIpAddressFailEx>(cNoAddress);
+    }
+    OQ_LEFT();
+}
+
+void OsGetIpAddress(unsigned int& arAddress)
+{
+    OQ_ENTERED();
+    const char* const lpFunction = __func__;
+    bool lFound = false;
+    walkAddresses(lpFunction, lookUpHost(lpFunction), [&](unsigned int aAddress, const char* acText) {
+        arAddress = aAddress;
+        OQ_TRACE_AS(lpFunction, "Using %s as the System's primary IP Address", acText);
+        lFound = true;
+        return true;
+    });
+    if (!lFound) {
+        OQ_HALT_AS(lpFunction, "No non-loopback IP Address configured on system");
+        throwWith<OQCGetIpAddressFailEx>(cNoAddress);
+    }
+    OQ_LEFT();
+}
+
+void OsGetOsName(OQEOperatingSystem& arOs, OQCString& arName)
+{
+    OQ_ENTERED();
+    arOs = OQOS_Linux;
+    const char* const lpReleaseFile = findReleaseFile();
+    if (NULL == lpReleaseFile) {
+        arName = cFallbackName;
+        OQ_LEFT();
+        return;
+    }
+    OQ_TRACE("Going to determine Linux variant string");
+    OQCString lLine("");
+    if (0 == getFirstLineFromFile(lpReleaseFile, lLine)) {
+        OQ_TRACE("Found OS Info: '%s'", lLine.get());
+        arName = lLine;
+    } else {
+        OQ_TRACE("Not able to determine the OS variant information");
+        arName = cFallbackName;
+    }
+    OQ_LEFT();
+}

@@ -1,0 +1,222 @@
+// Shared memory: one System V segment as a one-message mailbox between a server and a client process.
+
+#define OQ_LOG_FILE ".//SharedMemoryLinux"
+
+#include <stddef.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <atomic>
+
+#include "LinuxInternal.h"
+
+static_assert(sizeof(OQSSharedMemoryHeader) == 6, "two processes read and write the header: it has no padding");
+static_assert(offsetof(OQSSharedMemoryHeader, data_ready) == 0, "interchange format");
+static_assert(offsetof(OQSSharedMemoryHeader, segment_free) == 1, "interchange format");
+static_assert(offsetof(OQSSharedMemoryHeader, server_ready) == 2, "interchange format");
+static_assert(offsetof(OQSSharedMemoryHeader, client_ready) == 3, "interchange format");
+static_assert(offsetof(OQSSharedMemoryHeader, data_length) == 4, "interchange format");
+
+namespace {
+
+const int cPermissions = 0666;
+const unsigned int cWriteSeconds = 3;  // how long a write waits for the slot
+const unsigned int cPollMilliseconds = 1;
+
+// The other process relies on the order of the flag stores, and on the data being in place before them. No lock and no
+// processor barrier guards them; the compiler is kept from merging two neighbouring stores into one and from moving
+// anything across, by accesses of one byte each and fences that cost no instruction.
+
+void storeFlag(unsigned char& arFlag, unsigned char aValue)
+{
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    __atomic_store_n(&arFlag, aValue, __ATOMIC_RELAXED);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+bool loadFlag(const unsigned char& acrFlag)
+{
+    const bool lSet = 0 != __atomic_load_n(&acrFlag, __ATOMIC_RELAXED);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    return lSet;
+}
+
+void markWritten(OQSSharedMemoryHeader* apHeader)
+{
+    storeFlag(apHeader->segment_free, 0);
+    storeFlag(apHeader->data_ready, 1);
+}
+
+void markRead(OQSSharedMemoryHeader* apHeader)
+{
+    storeFlag(apHeader->data_ready, 0);
+    storeFlag(apHeader->segment_free, 1);
+}
+
+bool isDataReady(const OQSSharedMemoryHeader* acHeader) { return loadFlag(acHeader->data_ready); }
+
+bool isSegmentFree(const OQSSharedMemoryHeader* acHeader) { return loadFlag(acHeader->segment_free); }
+
+bool isServerReady(const OQSSharedMemoryHeader* acHeader) { return loadFlag(acHeader->server_ready); }
+
+bool isClientReady(const OQSSharedMemoryHeader* acHeader) { return loadFlag(acHeader->client_ready); }
+
+unsigned int getDataLength(const OQSSharedMemoryHeader* acHeader)
+{
+    return __atomic_load_n(&acHeader->data_length, __ATOMIC_RELAXED);
+}
+
+void setDataLength(OQSSharedMemoryHeader* apHeader, unsigned int aLength)
+{
+    __atomic_store_n(&apHeader->data_length, static_cast<unsigned short>(aLength), __ATOMIC_RELAXED);
+}
+
+/// The message bytes, directly behind the header.
+unsigned char* dataOf(OQSSharedMemoryHeader* apHeader) { return reinterpret_cast<unsigned char*>(apHeader + 1); }
+
+/// Throws the leaf with the text of errno. The text is copied onto itself where the companion runtime returns the
+/// buffer it was given, and into the buffer where it returns a text of its own.
+template <class Leaf>
+[[noreturn, gnu::cold, gnu::noinline]] void throwSegmentError()
+{
+    char lText[256];
+    ClibStrcpy(lText, ClibStrerror(lText, sizeof lText));
+    throw Leaf(lText, OQErrorCode<Leaf>::value);
+}
+
+void getSegment(OQShmDesc& arShmDesc, int aFlags)
+{
+    arShmDesc.shm_id = shmget(arShmDesc.shm_key, arShmDesc.shm_size, aFlags);
+    if (arShmDesc.shm_id < 0) {
+        throwSegmentError<OQCOpenFailedEx>();
+    }
+}
+
+void attachSegment(OQShmDesc& arShmDesc)
+{
+    void* const lpAddress = shmat(arShmDesc.shm_id, NULL, 0);
+    arShmDesc.shm_addr = static_cast<OQSSharedMemoryHeader*>(lpAddress);
+    if (reinterpret_cast<void*>(-1) == lpAddress) {
+        throwSegmentError<OQCOpenFailedEx>();
+    }
+}
+
+template <class Leaf>
+void controlSegment(const OQShmDesc& acrShmDesc, int aCommand)
+{
+    shmid_ds lState;
+    if (shmctl(acrShmDesc.shm_id, aCommand, &lState) < 0) {
+        throwSegmentError<Leaf>();
+    }
+}
+
+/// Polls a header flag every millisecond. The flag is not tested once more when the time is over.
+void sTimedWaitOnFlag(const OQShmDesc& acrShmDesc, unsigned int aSeconds, bool (*apFlag)(const OQSSharedMemoryHeader*))
+{
+    OQ_ENTERED();
+    long lStartSeconds;
+    unsigned short lStartMilliseconds;
+    ClibGetTime(lStartSeconds, lStartMilliseconds);
+    const unsigned int lLimit = aSeconds * 1000;  // wraps for 4294968 seconds and more
+    while (!apFlag(acrShmDesc.shm_addr)) {
+        ClibSleepMS(cPollMilliseconds);
+        long lSeconds;
+        unsigned short lMilliseconds;
+        ClibGetTime(lSeconds, lMilliseconds);
+        const int64_t lElapsed = (static_cast<int64_t>(lSeconds) * 1000 + lMilliseconds) -
+                                 (static_cast<int64_t>(lStartSeconds) * 1000 + lStartMilliseconds);
+        // A clock set back makes the elapsed time negative, as an unsigned number beyond every limit: time is over.
+        if (static_cast<uint64_t>(lElapsed) >= lLimit) {
+            OQ_TRACE("Timed out waiting on Shared Memory");
+            throwWith<OQCTimeOutEx>("Timed out waiting on Shared Memory");
+        }
+    }
+    OQ_LEFT();
+}
+
+}  // namespace
+
+// Nothing is undone when a step fails: the segment stays, and the descriptor keeps what was stored so far.
+void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
+{
+    OQ_ENTERED();
+    OQ_ASSERT(0 != arShmDesc.shm_size);
+    OQ_ASSERT(0 < arShmDesc.shm_key);
+    if (OQCM_Server == aSide) {
+        getSegment(arShmDesc, IPC_CREAT | cPermissions);
+        controlSegment<OQCClibStatFailedEx>(arShmDesc, IPC_STAT);
+        controlSegment<OQCFileLockFailedEx>(arShmDesc, SHM_LOCK);
+        attachSegment(arShmDesc);
+        // Also on a segment that existed: a server that opens again discards an unread message.
+        storeFlag(arShmDesc.shm_addr->data_ready, 0);
+        storeFlag(arShmDesc.shm_addr->segment_free, 1);
+        setDataLength(arShmDesc.shm_addr, 0);
+        storeFlag(arShmDesc.shm_addr->server_ready, 1);
+    } else if (OQCM_Client == aSide) {
+        getSegment(arShmDesc, cPermissions);
+        attachSegment(arShmDesc);
+        storeFlag(arShmDesc.shm_addr->client_ready, 1);
+    } else {
+        OQ_ASSERT(false);
+    }
+    OQ_LEFT();
+}
+
+// Removed first, unlocked then: both work on a removed segment while it is attached.
+void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
+{
+    OQ_ENTERED();
+    if (OQCM_Server == aSide) {
+        controlSegment<OQCClibStatFailedEx>(arShmDesc, IPC_STAT);
+        controlSegment<OQCCloseFailedEx>(arShmDesc, IPC_RMID);
+        controlSegment<OQCClibStatFailedEx>(arShmDesc, IPC_STAT);
+        controlSegment<OQCFileUnLockFailedEx>(arShmDesc, SHM_UNLOCK);
+    }
+    if (shmdt(arShmDesc.shm_addr) < 0) {
+        throwSegmentError<OQCCloseFailedEx>();
+    }
+    OQ_LEFT();
+}
+
+void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigned int aSeconds)
+{
+    sTimedWaitOnFlag(arShmDesc, aSeconds, isDataReady);
+}
+
+// The difference in the two size checks wraps for segments smaller than the header: they then hold for every length.
+void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsigned int acLength,
+                         unsigned int& arWritten)
+{
+    OQ_ENTERED();
+    OQ_ASSERT(acLength <= (arShmDesc.shm_size - sizeof(OQSSharedMemoryHeader)));
+    if (!isClientReady(arShmDesc.shm_addr) || !isServerReady(arShmDesc.shm_addr)) {
+        OQ_INFORMATION("Both Peers not ready.. write would be canceled");
+        OQ_LEFT();
+        return;
+    }
+    sTimedWaitOnFlag(arShmDesc, cWriteSeconds, isSegmentFree);
+    ClibMemcpy(dataOf(arShmDesc.shm_addr), acData, acLength);
+    setDataLength(arShmDesc.shm_addr, acLength);
+    arWritten = acLength;
+    markWritten(arShmDesc.shm_addr);
+    OQ_LEFT();
+}
+
+// A message longer than the buffer is cut short and its rest discarded: the mailbox is empty afterwards.
+void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer, unsigned int acLength, unsigned int& arRead)
+{
+    OQ_ENTERED();
+    OQ_ASSERT(acLength <= (arShmDesc.shm_size - sizeof(OQSSharedMemoryHeader)));
+    if (!isDataReady(arShmDesc.shm_addr)) {
+        OQ_TRACE("Shared Segment in use for writing: Try again");
+        throwWith<OQCTryAgainEx>("Shared Segment in use for writing: Try again");
+    }
+    unsigned int lLength = getDataLength(arShmDesc.shm_addr);
+    if (acLength < lLength) {
+        lLength = acLength;
+    }
+    arRead = lLength;
+    ClibMemcpy(apBuffer, dataOf(arShmDesc.shm_addr), lLength);
+    markRead(arShmDesc.shm_addr);
+    OQ_LEFT();
+}

@@ -1,0 +1,42 @@
+#include <errno.h>
+#include <stdlib.h>
+
+#include "Faults.h"
+
+MallocFault gMallocFault;
+
+#if !OQ_SANITIZED
+
+extern "C" void* __libc_malloc(size_t aSize);
+
+namespace {
+
+thread_local bool sArmed = false;
+
+}  // namespace
+
+void MallocFault::failOn(unsigned int aNth)
+{
+    mNth = aNth;
+    mCalls = 0;
+    sArmed = true;
+}
+
+unsigned int MallocFault::stop()
+{
+    sArmed = false;
+    return mCalls;
+}
+
+bool MallocFault::fires() { return sArmed && ++mCalls == mNth; }
+
+extern "C" void* malloc(size_t aSize) noexcept
+{
+    if (gMallocFault.fires()) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __libc_malloc(aSize);
+}
+
+#endif
