@@ -16,7 +16,8 @@
 #include "OQException.h"
 #include "OQString.h"
 
-namespace {
+namespace
+{
 
 template <class Leaf>
 [[noreturn]] void throwErrorText()
@@ -154,10 +155,7 @@ void* ClibMemcpy(void* apDestination, const void* acSource, unsigned int aCount)
     return memcpy(apDestination, acSource, aCount);
 }
 
-void* ClibMemset(void* apDestination, int aValue, unsigned int aCount)
-{
-    return memset(apDestination, aValue, aCount);
-}
+void* ClibMemset(void* apDestination, int aValue, unsigned int aCount) { return memset(apDestination, aValue, aCount); }
 
 char* ClibStrcpy(char* apDestination, const char* acSource)
 {

@@ -13,7 +13,8 @@
 
 #include "OQCompanionSettings.h"
 
-namespace {
+namespace
+{
 
 const size_t cLineSize = 8192;  // bytes; holds every line of the layer, whose longest carries a 4000-byte read buffer
 
@@ -46,10 +47,7 @@ struct UtcTime {
 };
 
 /// Bytes that snprintf() has put into a buffer of aRoom bytes, the terminating zero left out.
-size_t stored(int aResult, size_t aRoom)
-{
-    return aResult < 0 ? 0 : std::min(static_cast<size_t>(aResult), aRoom - 1);
-}
+size_t stored(int aResult, size_t aRoom) { return aResult < 0 ? 0 : std::min(static_cast<size_t>(aResult), aRoom - 1); }
 
 /// Writes all of the line; what cannot be written is dropped. The system call is made directly because write() is a
 /// cancellation point, and a traced operation must not become one.
@@ -84,11 +82,11 @@ void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsign
     clock_gettime(CLOCK_REALTIME, &lNow);
     const UtcTime lTime(lNow.tv_sec);
     char lText[cLineSize];
-    size_t lLength = stored(
-        snprintf(lText, sizeof lText, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ %d %lu %s %s (%s:%u) ", lTime.mYear,
-                 lTime.mMonth, lTime.mDay, lTime.mHour, lTime.mMinute, lTime.mSecond, lNow.tv_nsec / 1000, getpid(),
-                 static_cast<unsigned long>(pthread_self()), acTag, acFunction, acFile, aLine),
-        sizeof lText);
+    size_t lLength =
+        stored(snprintf(lText, sizeof lText, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ %d %lu %s %s (%s:%u) ", lTime.mYear,
+                        lTime.mMonth, lTime.mDay, lTime.mHour, lTime.mMinute, lTime.mSecond, lNow.tv_nsec / 1000,
+                        getpid(), static_cast<unsigned long>(pthread_self()), acTag, acFunction, acFile, aLine),
+               sizeof lText);
     const size_t lMessage = lLength;
     errno = lErrno;  // a "%m" of the caller is his
     va_list lArguments;

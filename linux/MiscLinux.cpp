@@ -16,12 +16,13 @@
 
 #include "LinuxInternal.h"
 
-namespace {
+namespace
+{
 
-const int cRestartNoHand = 514;               // the kernel's ERESTARTNOHAND, which an interrupted call can return
-const unsigned int cBufferSize = 4000;        // bytes of the read buffer and of the line buffer
-const unsigned int cHostNameSize = 128;       // bytes
-const unsigned int cLoopbackPrefixLength = 4; // of "127."
+const int cRestartNoHand = 514;                // the kernel's ERESTARTNOHAND, which an interrupted call can return
+const unsigned int cBufferSize = 4000;         // bytes of the read buffer and of the line buffer
+const unsigned int cHostNameSize = 128;        // bytes
+const unsigned int cLoopbackPrefixLength = 4;  // of "127."
 
 const char* const cNoAddress = "No non-loopback IP Address configured on system";
 const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
@@ -55,9 +56,9 @@ const hostent* lookUpHost(const char* acFunction)
     return lpHostEntry;
 }
 
-/// Walks the host's addresses in the name of the calling operation and hands each that is not loopback to aTake, in host
-/// order and as text, until aTake says that it has enough. The first entry is examined before it is asked whether there
-/// is one.
+/// Walks the host's addresses in the name of the calling operation and hands each that is not loopback to aTake, in
+/// host order and as text, until aTake says that it has enough. The first entry is examined before it is asked whether
+/// there is one.
 template <class Take>
 void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTake)
 {
@@ -69,8 +70,7 @@ void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTak
             ClibMemcpy(&lAddress, lpEntry, sizeof lAddress);
             const char* const lpText = inet_ntoa(lAddress);
             OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, lpText);
-            if (0 != ClibnStrcmp(lpText, "127.", cLoopbackPrefixLength) &&
-                aTake(ClibNtohl(lAddress.s_addr), lpText)) {
+            if (0 != ClibnStrcmp(lpText, "127.", cLoopbackPrefixLength) && aTake(ClibNtohl(lAddress.s_addr), lpText)) {
                 return;
             }
         }

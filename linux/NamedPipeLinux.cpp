@@ -8,7 +8,8 @@
 
 #include "LinuxInternal.h"
 
-namespace {
+namespace
+{
 
 const mode_t cFifoMode = S_IFIFO | 0660;
 

@@ -284,7 +284,8 @@ OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide
 
 /// Waits until a message is in the slot. The flag is tested at once, then after every millisecond.
 /// \param arShmDesc open segment
-/// \param aSeconds  longest wait by the wall clock; 0: one test and one millisecond. A clock set back ends the wait. The
+/// \param aSeconds  longest wait by the wall clock; 0: one test and one millisecond. A clock set back ends the wait.
+/// The
 ///                  limit in milliseconds is computed in 32 bits, so 4294968 seconds and more wrap to a short wait.
 /// Throws: OQCTimeOutEx 323 "Timed out waiting on Shared Memory".
 /// Logs: "Entered" and "Left" in the name of "sTimedWaitOnFlag"; a time-out logs its text at trace level, no "Left".
@@ -295,7 +296,8 @@ OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigne
 /// \param acData    the bytes
 /// \param acLength  how many; at most shm_size - 6, otherwise a broken precondition (with a shm_size below 6 the check
 ///                  never fires and the caller writes past the segment)
-/// \param arWritten receives acLength; **keeps its value when a peer is not ready**: the write is then cancelled with an
+/// \param arWritten receives acLength; **keeps its value when a peer is not ready**: the write is then cancelled with
+/// an
 ///                  "-I-" line and no exception, so set it to 0 before the call
 /// Throws: OQCTimeOutEx 323 when the slot stays full; the old message stays. Logs: traced, and the lines of the wait.
 OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsigned int acLength,
@@ -304,7 +306,8 @@ OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* ac
 /// Takes the message out of the slot; does not wait. A side that reads after its own write gets its own message.
 /// \param arShmDesc open segment
 /// \param apBuffer  receives the message
-/// \param acLength  size of apBuffer in bytes; at most shm_size - 6, otherwise a broken precondition even if the message
+/// \param acLength  size of apBuffer in bytes; at most shm_size - 6, otherwise a broken precondition even if the
+/// message
 ///                  is short. The rest of a longer message is lost.
 /// \param arRead    receives the bytes stored; unchanged when this throws
 /// Throws: OQCTryAgainEx 322 "Shared Segment in use for writing: Try again" when no message is there.
@@ -319,7 +322,8 @@ OQ_EXPORT void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer,
 
 /// Waits until a descriptor is readable (data, end of file, a pending connection): select().
 /// Signals do not end the wait and do not lengthen it. Nothing is read.
-/// \param aDescriptor 0 to 1023. A greater one is the caller's breach: where the C library checks (as in release builds)
+/// \param aDescriptor 0 to 1023. A greater one is the caller's breach: where the C library checks (as in release
+/// builds)
 ///                    it ends the process. -1 names no descriptor and waits out its time.
 /// \param aSeconds    longest wait; 0 polls
 /// Throws: OQCTimeOutEx 323 "Timed out", OQCPipeWaitFailedEx 332 (bad descriptor and the like).
@@ -339,14 +343,15 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 /// \return the child's process id, in the parent; the child must be collected with ProcessWait
 ///
 /// **When the program cannot be run, this function returns twice**: in the parent, with the id of a child, and in that
-/// child, a copy of the parent with this one thread, where it throws. The caller catches OQCProcessCreationFailedEx, asks
-/// getpid() where it is, and in the child calls _exit(): whatever else the child does (returning from main, flushing
-/// streams, destructors) it does a second time. The parent returns once that child has run another program or ended.
-/// The error is seen by the parent as the exit code the child chose. The program that could not be run may have raised
-/// one more SIGCHLD in the parent.
+/// child, a copy of the parent with this one thread, where it throws. The caller catches OQCProcessCreationFailedEx,
+/// asks getpid() where it is, and in the child calls _exit(): whatever else the child does (returning from main,
+/// flushing streams, destructors) it does a second time. The parent returns once that child has run another program or
+/// ended. The error is seen by the parent as the exit code the child chose. The program that could not be run may have
+/// raised one more SIGCHLD in the parent.
 ///
-/// Throws: OQCProcessCreationFailedEx 345, in the parent when no child can be made, in the child when the program cannot
-/// be run. Logs: traced, "Left" also before a throw; "Failed to create child :%s" or "Failed to exec child :%s" (-E-).
+/// Throws: OQCProcessCreationFailedEx 345, in the parent when no child can be made, in the child when the program
+/// cannot be run. Logs: traced, "Left" also before a throw; "Failed to create child :%s" or "Failed to exec child :%s"
+/// (-E-).
 OQ_EXPORT int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp);
 
 /// Waits until a child process has ended: waitpid().
@@ -370,7 +375,8 @@ OQ_EXPORT int ProcessWait(int aPid, unsigned int aUnused);
 OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 
 /// Asks pgrep whether a process runs.
-/// \param acrName a pgrep pattern. **It reaches the shell unquoted and a 256-byte buffer unchecked** (233 characters fit):
+/// \param acrName a pgrep pattern. **It reaches the shell unquoted and a 256-byte buffer unchecked** (233 characters
+/// fit):
 ///                pass on only names that were checked against a strict pattern, such as 1 to 64 letters, digits, '.',
 ///                '_' and '-', the first no '-'.
 /// \return 1 when a process matches, else 0; also 0 when pgrep is missing or its output cannot be had
@@ -451,9 +457,9 @@ enum OQEOperatingSystem : unsigned char { OQOS_Linux = 1 };
 
 /// Appends every IPv4 address of the host that is not loopback (127.x.y.z) to a list.
 /// \param arAddresses the caller's list; addresses in host byte order, the first number in the highest byte
-/// Throws: OQCGetIpAddressFailEx 347, when the lookup fails (an "-E-" line and "Left" before it; the text is the system's
-/// error text for the number in h_errno) and, with "No non-loopback IP Address configured on system", when there is no
-/// such address (a "-H-" line with that text, no "Left"; the process goes on). OQCNoMemoryEx 2.
+/// Throws: OQCGetIpAddressFailEx 347, when the lookup fails (an "-E-" line and "Left" before it; the text is the
+/// system's error text for the number in h_errno) and, with "No non-loopback IP Address configured on system", when
+/// there is no such address (a "-H-" line with that text, no "Left"; the process goes on). OQCNoMemoryEx 2.
 OQ_EXPORT void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses);
 
 /// Stores the first IPv4 address of the host that is not loopback.

@@ -14,7 +14,8 @@
 
 #include "LinuxInternal.h"
 
-namespace {
+namespace
+{
 
 const int cPollMilliseconds = 10;
 

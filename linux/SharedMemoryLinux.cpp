@@ -17,7 +17,8 @@ static_assert(offsetof(OQSSharedMemoryHeader, server_ready) == 2, "interchange f
 static_assert(offsetof(OQSSharedMemoryHeader, client_ready) == 3, "interchange format");
 static_assert(offsetof(OQSSharedMemoryHeader, data_length) == 4, "interchange format");
 
-namespace {
+namespace
+{
 
 const int cPermissions = 0666;
 const unsigned int cWriteSeconds = 3;  // how long a write waits for the slot

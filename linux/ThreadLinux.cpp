@@ -8,7 +8,8 @@
 
 #include "LinuxInternal.h"
 
-namespace {
+namespace
+{
 
 const size_t cStackSize = 524288;  // bytes
 

@@ -9,7 +9,8 @@ MallocFault gMallocFault;
 
 extern "C" void* __libc_malloc(size_t aSize);
 
-namespace {
+namespace
+{
 
 thread_local bool sArmed = false;
 

@@ -2,7 +2,8 @@
 
 #include <errno.h>
 
-namespace {
+namespace
+{
 
 Fault* sFirst = nullptr;
 

@@ -64,27 +64,27 @@ Function* behind(const char* acName)
 }
 
 /// Defines a C function with its fault; last argument: its exception specification, if its header has one.
-#define OQ_FAULTY(type, function, parameters, arguments, ...)                    \
-    Fault function##Fault;                                                       \
-    extern "C" type function parameters __VA_ARGS__                              \
-    {                                                                            \
-        if (function##Fault.fires()) {                                           \
-            return (type)function##Fault.result();                               \
-        }                                                                        \
-        static const auto lReal = behind<type parameters>(#function);            \
-        return lReal arguments;                                                  \
+#define OQ_FAULTY(type, function, parameters, arguments, ...)         \
+    Fault function##Fault;                                            \
+    extern "C" type function parameters __VA_ARGS__                   \
+    {                                                                 \
+        if (function##Fault.fires()) {                                \
+            return (type)function##Fault.result();                    \
+        }                                                             \
+        static const auto lReal = behind<type parameters>(#function); \
+        return lReal arguments;                                       \
     }
 
 /// The same for a C++ function of the companion.
-#define OQ_FAULTY_COMPANION(type, function, mangled, parameters, arguments)      \
-    Fault function##Fault;                                                       \
-    type function parameters                                                     \
-    {                                                                            \
-        if (function##Fault.fires()) {                                           \
-            return (type)function##Fault.result();                               \
-        }                                                                        \
-        static const auto lReal = behind<type parameters>(mangled);              \
-        return lReal arguments;                                                  \
+#define OQ_FAULTY_COMPANION(type, function, mangled, parameters, arguments) \
+    Fault function##Fault;                                                  \
+    type function parameters                                                \
+    {                                                                       \
+        if (function##Fault.fires()) {                                      \
+            return (type)function##Fault.result();                          \
+        }                                                                   \
+        static const auto lReal = behind<type parameters>(mangled);         \
+        return lReal arguments;                                             \
     }
 
 /// malloc, and with it operator new: counts and fails the calls of the thread that armed it, from malloc.failOn() on.

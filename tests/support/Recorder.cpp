@@ -11,7 +11,8 @@
 
 #include "OQCompanion.h"
 
-namespace {
+namespace
+{
 
 // Lines are kept in static storage, so that recording neither allocates (tests make allocations fail) nor locks a mutex
 // (tests make that fail too).

@@ -43,7 +43,10 @@ public:
     Line trace(const std::string& acrText) const { return {128, "-T-", mFunction, mFile, acrText}; }
     Line entered() const { return trace("Entered"); }
     Line left() const { return trace("Left"); }
-    Line assertion(const std::string& acrCondition) const { return halt("Assertion [ " + acrCondition + " ] failed\n"); }
+    Line assertion(const std::string& acrCondition) const
+    {
+        return halt("Assertion [ " + acrCondition + " ] failed\n");
+    }
 
 private:
     std::string mFile;

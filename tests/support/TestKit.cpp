@@ -18,7 +18,8 @@
 
 extern "C" void __gcov_dump() __attribute__((weak));
 
-namespace {
+namespace
+{
 
 const int cPatienceMilliseconds = 30000;
 
@@ -171,8 +172,7 @@ ChildResult inChild(const std::function<void()>& acrRun)
     int lStatus = 0;
     while (waitpid(lChild, &lStatus, 0) < 0 && EINTR == errno) {
     }
-    ChildResult lResult = {WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -1,
-                           WIFSIGNALED(lStatus) ? WTERMSIG(lStatus) : 0,
+    ChildResult lResult = {WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -1, WIFSIGNALED(lStatus) ? WTERMSIG(lStatus) : 0,
                            Lines()};
     std::istringstream lFields(lText);
     Line lLine;

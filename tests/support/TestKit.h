@@ -16,8 +16,8 @@
 #include "OQLinux.h"
 #include "Recorder.h"
 
-/// Starts with an empty log and no fault; afterwards there is no descriptor, thread, child, segment or file that was not
-/// there before.
+/// Starts with an empty log and no fault; afterwards there is no descriptor, thread, child, segment or file that was
+/// not there before.
 class LayerTest : public ::testing::Test
 {
 protected:
@@ -64,18 +64,18 @@ private:
 bool eventually(const std::function<bool()>& acrCondition);
 
 /// Expects that the operation throws exactly this leaf with this code and this text. The text is evaluated afterwards.
-#define EXPECT_FAILURE(leaf, failureCode, text, operation)                                   \
-    do {                                                                                     \
-        bool lThrown = false;                                                                \
-        try {                                                                                \
-            operation;                                                                       \
-        } catch (const OQCException& acrFailure) {                                           \
-            lThrown = true;                                                                  \
-            EXPECT_TRUE(typeid(leaf) == typeid(acrFailure)) << typeid(acrFailure).name();    \
-            EXPECT_EQ(static_cast<unsigned int>(failureCode), acrFailure.code());            \
-            EXPECT_EQ(std::string(text), acrFailure.what());                                 \
-        }                                                                                    \
-        EXPECT_TRUE(lThrown) << #operation << " threw nothing";                              \
+#define EXPECT_FAILURE(leaf, failureCode, text, operation)                                \
+    do {                                                                                  \
+        bool lThrown = false;                                                             \
+        try {                                                                             \
+            operation;                                                                    \
+        } catch (const OQCException& acrFailure) {                                        \
+            lThrown = true;                                                               \
+            EXPECT_TRUE(typeid(leaf) == typeid(acrFailure)) << typeid(acrFailure).name(); \
+            EXPECT_EQ(static_cast<unsigned int>(failureCode), acrFailure.code());         \
+            EXPECT_EQ(std::string(text), acrFailure.what());                              \
+        }                                                                                 \
+        EXPECT_TRUE(lThrown) << #operation << " threw nothing";                           \
     } while (false)
 
 #endif

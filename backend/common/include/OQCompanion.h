@@ -6,7 +6,8 @@
 /// loader. Every function may be called from several threads at once.
 ///
 /// A host that brings its own runtime keeps three promises on which the layer's failure paths rest:
-/// - PrintLogMessageWithTimeStamp() and ClibStrerror() leave errno as they found it: the layer takes an error text, logs
+/// - PrintLogMessageWithTimeStamp() and ClibStrerror() leave errno as they found it: the layer takes an error text,
+/// logs
 ///   a line and takes the text again for the exception;
 /// - PrintLogMessageWithTimeStamp() never throws and can be called in a child of fork() while other threads of the
 ///   parent were logging (so it holds no lock that such a child would find taken);

@@ -2,8 +2,8 @@
 /// The exception tree.
 ///
 /// Every failure of the layer is thrown as one leaf of this tree, by value; catch by reference, as the leaf, as its
-/// family, as OQCHaltEx where the row says OQ_HALT, or as OQCException. All inheritance is public and virtual: an object
-/// holds one message and one code. std::exception is no base of the tree.
+/// family, as OQCHaltEx where the row says OQ_HALT, or as OQCException. All inheritance is public and virtual: an
+/// object holds one message and one code. std::exception is no base of the tree.
 #ifndef OQ_EXCEPTION_H
 #define OQ_EXCEPTION_H
 
@@ -13,42 +13,42 @@
 template <class Leaf>
 struct OQErrorCode;
 
-#define OQ_FAMILY(Family)                                                                                         \
-    class OQ_EXPORT Family : public virtual OQCException                                                          \
-    {                                                                                                             \
-    public:                                                                                                       \
-        OQ_EMITTED Family(const char* acMessage, unsigned int aCode) : OQCException(acMessage, aCode) {}          \
-        OQ_EMITTED virtual ~Family() {}                                                                           \
+#define OQ_FAMILY(Family)                                                                                \
+    class OQ_EXPORT Family : public virtual OQCException                                                 \
+    {                                                                                                    \
+    public:                                                                                              \
+        OQ_EMITTED Family(const char* acMessage, unsigned int aCode) : OQCException(acMessage, aCode) {} \
+        OQ_EMITTED virtual ~Family() {}                                                                  \
     }
 
-#define OQ_LEAF(Leaf, Family, Code)                                                                               \
-    class OQ_EXPORT Leaf : public virtual Family                                                                  \
-    {                                                                                                             \
-    public:                                                                                                       \
-        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode)                                                \
-            : OQCException(acMessage, aCode), Family(acMessage, aCode)                                            \
-        {                                                                                                         \
-        }                                                                                                         \
-        OQ_EMITTED virtual ~Leaf() {}                                                                             \
-    };                                                                                                            \
-    template <>                                                                                                   \
-    struct OQErrorCode<Leaf> {                                                                                    \
-        enum : unsigned int { value = Code };                                                                     \
+#define OQ_LEAF(Leaf, Family, Code)                                    \
+    class OQ_EXPORT Leaf : public virtual Family                       \
+    {                                                                  \
+    public:                                                            \
+        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode)     \
+            : OQCException(acMessage, aCode), Family(acMessage, aCode) \
+        {                                                              \
+        }                                                              \
+        OQ_EMITTED virtual ~Leaf() {}                                  \
+    };                                                                 \
+    template <>                                                        \
+    struct OQErrorCode<Leaf> {                                         \
+        enum : unsigned int { value = Code };                          \
     }
 
-#define OQ_HALT(Leaf, Family, Code)                                                                               \
-    class OQ_EXPORT Leaf : public virtual Family, public virtual OQCHaltEx                                        \
-    {                                                                                                             \
-    public:                                                                                                       \
-        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode)                                                \
-            : OQCException(acMessage, aCode), Family(acMessage, aCode), OQCHaltEx(acMessage, aCode)               \
-        {                                                                                                         \
-        }                                                                                                         \
-        OQ_EMITTED virtual ~Leaf() {}                                                                             \
-    };                                                                                                            \
-    template <>                                                                                                   \
-    struct OQErrorCode<Leaf> {                                                                                    \
-        enum : unsigned int { value = Code };                                                                     \
+#define OQ_HALT(Leaf, Family, Code)                                                                 \
+    class OQ_EXPORT Leaf : public virtual Family, public virtual OQCHaltEx                          \
+    {                                                                                               \
+    public:                                                                                         \
+        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode)                                  \
+            : OQCException(acMessage, aCode), Family(acMessage, aCode), OQCHaltEx(acMessage, aCode) \
+        {                                                                                           \
+        }                                                                                           \
+        OQ_EMITTED virtual ~Leaf() {}                                                               \
+    };                                                                                              \
+    template <>                                                                                     \
+    struct OQErrorCode<Leaf> {                                                                      \
+        enum : unsigned int { value = Code };                                                       \
     }
 
 OQ_FAMILY(OQCGenericException);  ///< no failed system call: bad argument, unsupported operation, memory exhausted

@@ -21,9 +21,9 @@ enum OQEPointerMemoryType : unsigned char { OQPMT_New = 1, OQPMT_Malloc = 2 };
 
 /// Shared ownership of one object, array or malloc block: the last holder frees the counter, then the pointee.
 ///
-/// A Pointer is empty or holds. Misuse (dereferencing an empty one, operator-> on an array, assigning from an empty one)
-/// is a programming error: one "-H-" line, then exit status 1. Not for two threads at once; copies held by different
-/// threads are independent.
+/// A Pointer is empty or holds. Misuse (dereferencing an empty one, operator-> on an array, assigning from an empty
+/// one) is a programming error: one "-H-" line, then exit status 1. Not for two threads at once; copies held by
+/// different threads are independent.
 template <class T>
 class OQ_EXPORT Pointer
 {
@@ -35,8 +35,8 @@ public:
     /// \param apPointer   the pointee
     /// \param aSizeType   OQPST_Individual or OQPST_Array
     /// \param aMemoryType OQPMT_New or OQPMT_Malloc
-    /// Throws: OQCNoMemoryEx 2 "Out of Memory" when apPointer is null, or when there is no memory for the counter; in the
-    /// latter case the pointee stays allocated.
+    /// Throws: OQCNoMemoryEx 2 "Out of Memory" when apPointer is null, or when there is no memory for the counter; in
+    /// the latter case the pointee stays allocated.
     Pointer(T* apPointer, OQEPointerSizeType aSizeType, OQEPointerMemoryType aMemoryType)
         : mPointer(apPointer), mReferenceCount(0), mSizeType(aSizeType), mMemoryType(aMemoryType)
     {
