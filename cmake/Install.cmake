@@ -11,6 +11,8 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/OQLinuxConfigVersion.cmake 
 install(FILES ${CMAKE_BINARY_DIR}/OQLinuxConfig.cmake ${CMAKE_BINARY_DIR}/OQLinuxConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OQLinux)
 
+# The package may be moved: the files find their prefix from where they are.
+file(RELATIVE_PATH OQ_PREFIX_FROM_PKGCONFIG ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/oqlinux.pc.in ${CMAKE_BINARY_DIR}/oqlinux.pc @ONLY)
 configure_file(cmake/oqcompanion.pc.in ${CMAKE_BINARY_DIR}/oqcompanion.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/oqlinux.pc ${CMAKE_BINARY_DIR}/oqcompanion.pc

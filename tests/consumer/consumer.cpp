@@ -1,0 +1,19 @@
+// Exits with 0 when the installed library can be called and its failures caught.
+#include "OQCompanionSettings.h"
+#include "OQLinux.h"
+
+int main()
+{
+    SetLogLevels(0);
+    pthread_mutex_t lMutex;
+    OsInitMutex(lMutex);
+    OsLockMutex(lMutex);
+    try {
+        OsTrylockMutex(lMutex);
+    } catch (const OQCHaltEx& acrFailure) {
+        OsUnlockMutex(lMutex);
+        OsDestroyMutex(lMutex);
+        return 335 == acrFailure.code() ? 0 : 1;
+    }
+    return 2;
+}
