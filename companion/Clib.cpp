@@ -115,8 +115,10 @@ int ClibUnlink(const char* acPath) { return unlink(acPath); }
 
 unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream)
 {
+    // Data that came before an error is delivered first; an error that lasts comes again with the next call, and one
+    // that does not (a signal) must not be taken for one at the end of data.
+    clearerr(apStream);
     const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
-    // Data that came before the error is delivered first; the stream remembers the error for the next call.
     if (0 == lItems && 0 != aCount && 0 != ferror(apStream)) {
         throwErrorText<OQCReadFailedEx>();
     }

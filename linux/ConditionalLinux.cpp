@@ -43,13 +43,14 @@ void OsWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex)
     }
 }
 
-// The deadline keeps the clock's nanoseconds: whole seconds are added, so no carry is ever needed.
+// The deadline keeps the clock's nanoseconds: whole seconds are added, so no carry is ever needed. The sum is not
+// checked against the range of the seconds; as one of unsigned numbers it may wrap.
 void OsConditionalTimedWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex, unsigned int aSeconds)
 {
     timespec lDeadline;
     clock_gettime(CLOCK_REALTIME, &lDeadline);
     OQ_ASSERT(aSeconds > 0);
-    lDeadline.tv_sec += static_cast<time_t>(aSeconds);
+    lDeadline.tv_sec = static_cast<time_t>(static_cast<unsigned long>(lDeadline.tv_sec) + aSeconds);
     const int lResult = pthread_cond_timedwait(&arCondition, &arMutex, &lDeadline);
     if (ETIMEDOUT == lResult) {
         OQ_TRACE("Condition wait timed out.");

@@ -44,19 +44,23 @@
 OQ_EXPORT void OsInitMutex(pthread_mutex_t& arMutex);
 
 /// Destroys a mutex that no thread holds or waits for: pthread_mutex_destroy().
+/// \param arMutex initialised; its memory stays the caller's
 /// Throws: OQCMutexDestroyFailedEx 334, on glibc also when the mutex is held; it is still usable then.
 OQ_EXPORT void OsDestroyMutex(pthread_mutex_t& arMutex);
 
-/// Locks a mutex, waiting as long as it takes: pthread_mutex_lock().
+/// Locks a mutex, waiting as long as it takes: pthread_mutex_lock(). Not a cancellation point.
+/// \param arMutex initialised
 /// Throws: OQCMutexLockFailedEx 335 (also an OQCHaltEx); the mutex is then not held by the caller.
 OQ_EXPORT void OsLockMutex(pthread_mutex_t& arMutex);
 
 /// Locks a mutex if it is free: pthread_mutex_trylock(). There is no busy result.
-/// Throws: OQCMutexLockFailedEx 335 (also an OQCHaltEx) when another thread holds the mutex, exactly as for any other
-/// failure. A caller that polls catches it, before any handler for OQCHaltEx.
+/// \param arMutex initialised
+/// Throws: OQCMutexLockFailedEx 335 (also an OQCHaltEx) when a thread (be it this one) holds the mutex, exactly as for
+/// any other failure. A caller that polls catches it, before any handler for OQCHaltEx.
 OQ_EXPORT void OsTrylockMutex(pthread_mutex_t& arMutex);
 
 /// Unlocks a mutex that the calling thread holds: pthread_mutex_unlock().
+/// \param arMutex held by the calling thread
 /// Throws: OQCMutexUnlockFailedEx 336 (also an OQCHaltEx); the mutex is then unchanged.
 OQ_EXPORT void OsUnlockMutex(pthread_mutex_t& arMutex);
 
@@ -78,6 +82,9 @@ OQ_EXPORT void OsUnlockMutex(pthread_mutex_t& arMutex);
 OQ_EXPORT void OsStartThread(unsigned long& arThread, void* apArgument, void* (*apRoutine)(void*));
 
 /// Does nothing: starts no thread, writes no handle, logs nothing. Use OsStartThread.
+/// \param arThread   not used
+/// \param apArgument not used
+/// \param apRoutine  not used
 OQ_EXPORT void OsCreateThread(unsigned long& arThread, void* apArgument, void* (*apRoutine)(void*));
 
 /// Waits until a thread has ended and frees its resources: pthread_join(). Its exit value is discarded.
@@ -87,19 +94,23 @@ OQ_EXPORT void OsCreateThread(unsigned long& arThread, void* apArgument, void* (
 OQ_EXPORT void OsWaitForExit(unsigned long const& acrThread);
 
 /// Asks a thread to end at its next cancellation point and returns at once: pthread_cancel(). The thread must still be
-/// joined.
+/// joined. Its C++ frames are unwound: a frame that is noexcept, or a catch (...) that does not rethrow, ends the
+/// process.
 /// \param arThread handle from OsStartThread, not yet joined
 /// Throws: OQCThreadDestructionFailedEx 343. Logs: nothing on success; a failure one "-E-" line.
 OQ_EXPORT void OsDestroyThread(unsigned long& arThread);
 
-/// Ends the calling thread with a null exit value: pthread_exit(). Its C++ frames are unwound. Silent.
+/// Ends the calling thread with a null exit value: pthread_exit(). Its C++ frames are unwound, as by OsDestroyThread.
+/// Silent.
 [[noreturn]] OQ_EXPORT void OsExitThread();
 
-/// Not supported on this platform; the handle is not read.
+/// Not supported on this platform.
+/// \param arThread not read
 /// Throws: OQCNotSupportedEx 12 "Not Supported", always. Silent.
 [[noreturn]] OQ_EXPORT void OsResumeThread(unsigned long& arThread);
 
-/// Not supported on this platform; the handle is not read.
+/// Not supported on this platform.
+/// \param arThread not read
 /// Throws: OQCNotSupportedEx 12 "Not Supported", always. Silent.
 [[noreturn]] OQ_EXPORT void OsSuspendThread(unsigned long& arThread);
 
@@ -112,27 +123,35 @@ OQ_EXPORT void OsDestroyThread(unsigned long& arThread);
 /// @{
 
 /// Initialises a condition variable with default attributes: pthread_cond_init().
+/// \param arCondition the caller's memory; uninitialised on failure
 /// Throws: OQCCondInitFailedEx 337.
 OQ_EXPORT void OsInitConditional(pthread_cond_t& arCondition);
 
 /// Destroys a condition variable that no thread waits on: pthread_cond_destroy(). On glibc it waits for waiters that
 /// are about to leave.
+/// \param arCondition initialised; its memory stays the caller's
 /// Throws: OQCCondDestroyFailedEx 338.
 OQ_EXPORT void OsDestroyConditional(pthread_cond_t& arCondition);
 
 /// Wakes one waiter, if there is any: pthread_cond_signal().
+/// \param arCondition initialised
 /// Throws: OQCCondSignalFailedEx 340 (also an OQCHaltEx).
 OQ_EXPORT void OsSignal(pthread_cond_t& arCondition);
 
 /// Waits for a signal: pthread_cond_wait(). A spurious wake-up returns normally. A cancellation point.
 /// Requires: the calling thread holds arMutex. Ensures: it holds it again when this returns.
+/// \param arCondition initialised
+/// \param arMutex     held by the calling thread
 /// Throws: OQCCondWaitFailedEx 339 (also an OQCHaltEx).
 OQ_EXPORT void OsWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex);
 
 /// Waits for a signal for at most aSeconds seconds by the real-time clock: pthread_cond_timedwait().
 /// A spurious wake-up returns normally. Called in a loop, each call waits the full time anew. A cancellation point.
 /// Requires: the calling thread holds arMutex. Ensures: it holds it again on return and after a time-out.
-/// \param aSeconds at least 1; 0 is a broken precondition "aSeconds > 0" and ends the process
+/// \param arCondition initialised
+/// \param arMutex     held by the calling thread
+/// \param aSeconds    at least 1, and no date beyond what time_t holds (2038 where it has 32 bits); 0 is a broken
+///                    precondition "aSeconds > 0" and ends the process
 /// Throws: OQCTimeOutEx 323 (time over; an ordinary failure, no OQCHaltEx), OQCCondWaitFailedEx 339 (any other error;
 /// also an OQCHaltEx).
 /// Logs: a time-out one line "Condition wait timed out." at trace level; nothing else.
@@ -150,7 +169,7 @@ enum OQEFileMode : unsigned char {
     OQFM_Mode1 = 1,  ///< O_RDWR with synchronous writes: does not wait for a peer
     OQFM_Mode2 = 2,  ///< the same
     OQFM_Mode3 = 3,  ///< the same
-    OQFM_Append = 4  ///< O_RDONLY and O_APPEND: cannot write
+    OQFM_Append = 4  ///< O_RDONLY and O_APPEND: cannot write; a blocking open waits for a writer
 };
 
 /// Whether reads and writes on a descriptor block. Every value but OQPS_NonBlocking means blocking.
@@ -187,10 +206,15 @@ OQ_EXPORT void OsNamedPipeDestroy(const OQCString& acrPath, int& arPipe);
 OQ_EXPORT void OsNamedPipeOpen(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState,
                                OQEConnectionMode aSide);
 
-/// Does nothing on Linux but trace.
+/// Does nothing on Linux but trace. Throws: nothing.
+/// \param arPipe  not used
+/// \param acrPath not used
+/// \param aMode   not used
+/// \param aState  not used
 OQ_EXPORT void OsNamedPipeConnect(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState);
 
-/// Does nothing on Linux but trace.
+/// Does nothing on Linux but trace. Throws: nothing.
+/// \param aPipe not used
 OQ_EXPORT void OsNamedPipeAccept(int aPipe);
 
 /// One read: ClibRead().
@@ -202,9 +226,12 @@ OQ_EXPORT void OsNamedPipeAccept(int aPipe);
 /// Throws: nothing. Logs: "Reading %u bytes".
 OQ_EXPORT void OsNamedPipeRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone);
 
-/// Reads until aLength bytes have arrived: ClibBlockRead(). Parameters as OsNamedPipeRead; with the companion runtime
-/// of this project fewer bytes come only at end of data, and a failure in between gives 0. A pipe opened read-write
-/// never reports end of data.
+/// Reads until aLength bytes have arrived: ClibBlockRead(). With the companion runtime of this project fewer bytes come
+/// only at end of data, and a failure in between gives 0. A pipe opened read-write never reports end of data.
+/// \param aPipe    descriptor
+/// \param apBuffer receives the bytes; the caller's, at least aLength bytes
+/// \param aLength  how many bytes are wanted
+/// \param arDone   receives the bytes read; 0 when the read fails
 /// Throws: nothing. Logs: "Reading %u bytes".
 OQ_EXPORT void OsNamedPipeBlockRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone);
 
@@ -214,7 +241,8 @@ OQ_EXPORT void OsNamedPipeBlockRead(int aPipe, unsigned char* apBuffer, unsigned
 /// \param aLength how many
 /// \param arDone  receives the bytes written, perhaps fewer than aLength; **keeps its value when the write fails**: set
 ///                it to 0 before the call
-/// Throws: nothing. A pipe without a reader raises SIGPIPE. Logs: "Writing %u bytes".
+/// Throws: nothing. A pipe without a reader raises SIGPIPE; one opened with OQFM_Mode1 to 3 is its own. Logs: "Writing
+/// %u bytes".
 OQ_EXPORT void OsNamedPipeWrite(int aPipe, const unsigned char* acData, unsigned int aLength, unsigned int& arDone);
 
 /// Waits until the pipe is readable: OsWaitForActivity, whose exceptions (OQCTimeOutEx 323, OQCPipeWaitFailedEx 332)
@@ -285,8 +313,7 @@ OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide
 /// Waits until a message is in the slot. The flag is tested at once, then after every millisecond.
 /// \param arShmDesc open segment
 /// \param aSeconds  longest wait by the wall clock; 0: one test and one millisecond. A clock set back ends the wait.
-/// The
-///                  limit in milliseconds is computed in 32 bits, so 4294968 seconds and more wrap to a short wait.
+///                  The limit in milliseconds is computed in 32 bits, so 4294968 seconds and more wrap to a short wait.
 /// Throws: OQCTimeOutEx 323 "Timed out waiting on Shared Memory".
 /// Logs: "Entered" and "Left" in the name of "sTimedWaitOnFlag"; a time-out logs its text at trace level, no "Left".
 OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigned int aSeconds);
@@ -297,8 +324,7 @@ OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigne
 /// \param acLength  how many; at most shm_size - 6, otherwise a broken precondition (with a shm_size below 6 the check
 ///                  never fires and the caller writes past the segment)
 /// \param arWritten receives acLength; **keeps its value when a peer is not ready**: the write is then cancelled with
-/// an
-///                  "-I-" line and no exception, so set it to 0 before the call
+///                  an "-I-" line and no exception, so set it to 0 before the call. Unchanged, too, when this throws.
 /// Throws: OQCTimeOutEx 323 when the slot stays full; the old message stays. Logs: traced, and the lines of the wait.
 OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsigned int acLength,
                                    unsigned int& arWritten);
@@ -307,8 +333,7 @@ OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* ac
 /// \param arShmDesc open segment
 /// \param apBuffer  receives the message
 /// \param acLength  size of apBuffer in bytes; at most shm_size - 6, otherwise a broken precondition even if the
-/// message
-///                  is short. The rest of a longer message is lost.
+///                  message is short. The rest of a longer message is lost.
 /// \param arRead    receives the bytes stored; unchanged when this throws
 /// Throws: OQCTryAgainEx 322 "Shared Segment in use for writing: Try again" when no message is there.
 /// Logs: traced; without a message that text at trace level, no "Left".
@@ -323,9 +348,8 @@ OQ_EXPORT void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer,
 /// Waits until a descriptor is readable (data, end of file, a pending connection): select().
 /// Signals do not end the wait and do not lengthen it. Nothing is read.
 /// \param aDescriptor 0 to 1023. A greater one is the caller's breach: where the C library checks (as in release
-/// builds)
-///                    it ends the process. -1 names no descriptor and waits out its time.
-/// \param aSeconds    longest wait; 0 polls
+///                    builds) it ends the process. -1 names no descriptor and waits out its time; a lesser one fails.
+/// \param aSeconds    longest wait; 0 polls; at most 2147483647 where time_t has 32 bits (more fails)
 /// Throws: OQCTimeOutEx 323 "Timed out", OQCPipeWaitFailedEx 332 (bad descriptor and the like).
 /// Logs: traced, "Left" also before a throw; "Data is available now."; "No data within %u seconds." at trace level; a
 /// signal "The select() call was interrupted.. Ignoring" (-I-); a failure one "-E-" line.
@@ -347,7 +371,10 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 /// asks getpid() where it is, and in the child calls _exit(): whatever else the child does (returning from main,
 /// flushing streams, destructors) it does a second time. The parent returns once that child has run another program or
 /// ended. The error is seen by the parent as the exit code the child chose. The program that could not be run may have
-/// raised one more SIGCHLD in the parent.
+/// raised one more SIGCHLD in the parent. A child that closes descriptors it does not know lets the parent go on early.
+///
+/// A thread that OsDestroyThread asks to end does not end in here. Between its birth and its program the child runs in
+/// the parent's memory: a handler of the host that a signal to the whole group starts there works on the parent's data.
 ///
 /// Throws: OQCProcessCreationFailedEx 345, in the parent when no child can be made, in the child when the program
 /// cannot be run. Logs: traced, "Left" also before a throw; "Failed to create child :%s" or "Failed to exec child :%s"
@@ -375,13 +402,13 @@ OQ_EXPORT int ProcessWait(int aPid, unsigned int aUnused);
 OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 
 /// Asks pgrep whether a process runs.
-/// \param acrName a pgrep pattern. **It reaches the shell unquoted and a 256-byte buffer unchecked** (233 characters
-/// fit):
-///                pass on only names that were checked against a strict pattern, such as 1 to 64 letters, digits, '.',
-///                '_' and '-', the first no '-'.
-/// \return 1 when a process matches, else 0; also 0 when pgrep is missing or its output cannot be had
+/// \param acrName a pgrep pattern. **It reaches the shell unquoted and a 256-byte buffer unchecked** (231 characters
+/// fit): pass on only names that were checked against a strict pattern, such as 1 to 64 letters, digits,
+/// '.',                '_' and '-', the first no '-'.
+/// \return 1 when a process matches, else 0; also 0 when pgrep is missing or the result file cannot be examined
 /// The answer goes through the fixed file /tmp/.vyrsyscmd, which stays: callers serialise their calls, also those of
-/// several processes, and know that whoever may write the file may give the answer.
+/// several processes. A file that the caller cannot rewrite answers as it stands: whoever may write it gives the
+/// answer.
 /// Throws: what ClibStat throws other than OQCClibStatFailedEx. Logs: traced; "Process '%s' is running" or "... is not
 /// running" at trace level.
 OQ_EXPORT int isProcessRunning(const OQCString& acrName);
@@ -432,6 +459,7 @@ enum OQEFileLockStatus : unsigned char {
 OQ_EXPORT void OsLockFile(int aDescriptor);
 
 /// Unlocks the region, locked or not: lockf(F_ULOCK).
+/// \param aDescriptor open
 /// Throws: OQCFileUnLockFailedEx 331. Logs: a failure one "-E-" line.
 OQ_EXPORT void OsUnlockFile(int aDescriptor);
 
@@ -441,7 +469,9 @@ OQ_EXPORT void OsUnlockFile(int aDescriptor);
 /// Throws: nothing. Logs: "Going to find locking status".
 OQ_EXPORT void OsFileLockStatus(int aDescriptor, OQEFileLockStatus& arStatus);
 
-/// Sends a signal: kill(). Signal 0 asks whether the process exists and may be signalled.
+/// Sends a signal: kill().
+/// \param aPid    process id; 0, -1 and other negative numbers name groups of processes, as for kill()
+/// \param aSignal signal number; 0 asks whether the process exists and may be signalled
 /// \return kill()'s result: 0, or -1 with errno set. Throws: nothing. Silent.
 OQ_EXPORT int OsKill(int aPid, int aSignal);
 
@@ -449,7 +479,8 @@ OQ_EXPORT int OsKill(int aPid, int aSignal);
 // ---------------------------------------------------------------------------------------------------------------------
 /// \defgroup host Host identity
 /// The address functions resolve the host's own name with gethostbyname(), whose result is shared by the whole process:
-/// callers serialise them. Traced; each examined address is a trace line.
+/// callers serialise them. Traced; at trace level also each examined address ("IP Address #%u - %s"), each one used
+/// ("Using %s as ..."), and how the release line was found.
 /// @{
 
 /// The operating-system family; Linux is the only one this layer reports.

@@ -5,9 +5,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +20,21 @@ namespace
 {
 
 const int cPollMilliseconds = 10;
+const int cCannotRun = 127;  // exit code of a child that was to run a program and could not
+
+/// A thread that is asked to end does not end while it starts a program: a cancellation point in the vfork child would
+/// unwind the parent's stack, one in the parent would lose the child.
+class NoCancellation
+{
+public:
+    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &mState); }
+    ~NoCancellation() { pthread_setcancelstate(mState, NULL); }
+    NoCancellation(const NoCancellation&) = delete;
+    NoCancellation& operator=(const NoCancellation&) = delete;
+
+private:
+    int mState;
+};
 
 /// A close-on-exec pipe between the caller and a child: the child's end closes when it runs a program or ends.
 class ExecPipe
@@ -31,25 +48,20 @@ public:
     }
     ~ExecPipe()
     {
-        if (0 <= mEnds[0]) {
-            close(mEnds[0]);
-            closeWriteEnd();
-        }
+        const int lErrno = errno;  // of a start that failed
+        closeEnd(mEnds[0]);
+        closeEnd(mEnds[1]);
+        errno = lErrno;
     }
     ExecPipe(const ExecPipe&) = delete;
     ExecPipe& operator=(const ExecPipe&) = delete;
+
+    bool isOpen() const { return 0 <= mEnds[0]; }
 
     void report(int aError) const
     {
         while (write(mEnds[1], &aError, sizeof aError) < 0 && EINTR == errno) {
         }
-    }
-
-    /// In a child that may run a program later: leaves the write end to it, to be closed by that or by its end.
-    void leaveOpen()
-    {
-        close(mEnds[0]);
-        mEnds[0] = mEnds[1] = -1;
     }
 
     /// What the child reported, or 0.
@@ -61,43 +73,63 @@ public:
         return lError;
     }
 
+    /// In a child that may run a program later: leaves the write end to it, to be closed by that or by its end.
+    void leaveToChild()
+    {
+        closeEnd(mEnds[0]);
+        mEnds[1] = -1;
+    }
+
     /// Waits until the child reports, runs a program or ends. A child of another thread may have inherited the pipe and
-    /// keep it open for as long as it likes, so an end of file alone is not waited for: what counts is that the child's
-    /// own descriptor is gone.
+    /// keep it open for as long as it likes, so an end of file alone is not waited for: what counts is the child's own
+    /// descriptor, as far as the system shows it.
     void waitFor(pid_t aChild)
     {
-        struct stat lPipe;
-        if (fstat(mEnds[0], &lPipe) < 0) {
-            return;
-        }
-        char lDescriptor[64];
-        snprintf(lDescriptor, sizeof lDescriptor, "/proc/%d/fd/%d", static_cast<int>(aChild), mEnds[1]);
-        closeWriteEnd();
-        struct stat lTheirs;
-        struct pollfd lEnd = {mEnds[0], POLLIN, 0};
-        while (poll(&lEnd, 1, cPollMilliseconds) <= 0 && 0 == stat(lDescriptor, &lTheirs) &&
-               lTheirs.st_dev == lPipe.st_dev && lTheirs.st_ino == lPipe.st_ino) {
+        const int lEnd = mEnds[1];
+        Target lOurs;
+        const bool lShown = 0 < readTarget(getpid(), lEnd, lOurs);
+        closeEnd(mEnds[1]);
+        struct pollfd lPoll = {mEnds[0], POLLIN, 0};
+        while (poll(&lPoll, 1, cPollMilliseconds) <= 0 && !hasEnded(aChild) &&
+               !(lShown && hasReleased(aChild, lEnd, lOurs))) {
         }
     }
 
 private:
-    void closeWriteEnd()
+    typedef char Target[64];  // what a descriptor is open on, such as "pipe:[4711]"
+
+    static ssize_t readTarget(pid_t aProcess, int aDescriptor, Target& arTarget)
     {
-        if (0 <= mEnds[1]) {
-            close(mEnds[1]);
-            mEnds[1] = -1;
+        char lPath[64];
+        snprintf(lPath, sizeof lPath, "/proc/%d/fd/%d", static_cast<int>(aProcess), aDescriptor);
+        memset(arTarget, 0, sizeof arTarget);
+        return readlink(lPath, arTarget, sizeof arTarget - 1);
+    }
+
+    /// A child whose descriptors may not be looked at (it has changed its user) has not released this one.
+    static bool hasReleased(pid_t aChild, int aDescriptor, const Target& acrOurs)
+    {
+        Target lTheirs;
+        return readTarget(aChild, aDescriptor, lTheirs) < 0 ? ENOENT == errno : 0 != strcmp(acrOurs, lTheirs);
+    }
+
+    static bool hasEnded(pid_t aChild)
+    {
+        siginfo_t lInfo;
+        lInfo.si_pid = 0;
+        return waitid(P_PID, static_cast<id_t>(aChild), &lInfo, WEXITED | WNOHANG | WNOWAIT) < 0 || 0 != lInfo.si_pid;
+    }
+
+    static void closeEnd(int& arEnd)
+    {
+        if (0 <= arEnd) {
+            close(arEnd);
+            arEnd = -1;
         }
     }
 
     int mEnds[2];
 };
-
-void reap(pid_t aChild)
-{
-    // A handler of the caller may have been quicker: then there is nothing left to collect.
-    while (waitpid(aChild, NULL, 0) < 0 && EINTR == errno) {
-    }
-}
 
 /// Starts the program with vfork.
 /// \return the child's id, or -1 when there is no child; arError: 0, or why the child could not run the program
@@ -115,13 +147,36 @@ pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp,
         execve(acPath, acArgv, acEnvp);
         lError = errno;
         lPipe.report(lError);
-        _exit(127);
+        _exit(cCannotRun);
     }
     arError = lError;
-    if (0 < lChild && !lShared) {
+    if (0 < lChild && !lShared && lPipe.isOpen()) {
         // vfork was carried out as a fork: this memory is not the child's, and it may not have got that far yet.
+        // Without a descriptor to spare nothing can be learnt of it but its exit code.
         lPipe.waitFor(lChild);
         arError = lPipe.reported();
+    }
+    return lChild;
+}
+
+void reap(pid_t aChild)
+{
+    // A handler of the caller may have been quicker: then there is nothing left to collect.
+    while (waitpid(aChild, NULL, 0) < 0 && EINTR == errno) {
+    }
+}
+
+/// Makes the child in which the failure of a program that cannot be run is thrown: one with memory of its own. As with
+/// vfork, the parent goes on when that child runs a program or ends.
+/// \return the child's id in the parent, 0 in the child, -1 when there can be no such child
+pid_t forkFailedChild()
+{
+    ExecPipe lPipe;
+    const pid_t lChild = lPipe.isOpen() ? fork() : -1;
+    if (0 == lChild) {
+        lPipe.leaveToChild();
+    } else if (0 < lChild) {
+        lPipe.waitFor(lChild);
     }
     return lChild;
 }
@@ -132,24 +187,18 @@ int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp)
 {
     OQ_ENTERED();
     fflush(stdin);  // standard input it is, not standard output
+    const NoCancellation lNoCancellation;
     int lError = 0;
     pid_t lChild = startProgram(acPath, acArgv, acEnvp, lError);
     if (0 != lError) {
-        // The program cannot be run. The failure is to be thrown in a child: one with memory of its own. As with vfork,
-        // the parent goes on when that child runs a program or ends.
         reap(lChild);
-        ExecPipe lPipe;
-        lChild = fork();
+        lChild = forkFailedChild();
         if (0 == lChild) {
-            lPipe.leaveOpen();
             errno = lError;
             ErrorText lText;
             OQ_ERROR("Failed to exec child :%s", lText.get());
             OQ_LEFT();
             throwOsError<OQCProcessCreationFailedEx>(lText);
-        }
-        if (0 < lChild) {
-            lPipe.waitFor(lChild);
         }
     }
     if (lChild < 0) {

@@ -7,10 +7,9 @@
 ///
 /// A host that brings its own runtime keeps three promises on which the layer's failure paths rest:
 /// - PrintLogMessageWithTimeStamp() and ClibStrerror() leave errno as they found it: the layer takes an error text,
-/// logs
-///   a line and takes the text again for the exception;
-/// - PrintLogMessageWithTimeStamp() never throws and can be called in a child of fork() while other threads of the
-///   parent were logging (so it holds no lock that such a child would find taken);
+///   logs a line and takes the text again for the exception;
+/// - both never throw and can be called in a child of fork() while other threads of the parent were in them (so they
+///   hold no lock that such a child would find taken);
 /// - ClibStrcpy() bears a source that is its destination.
 #ifndef OQ_COMPANION_H
 #define OQ_COMPANION_H
@@ -102,35 +101,67 @@ private:
 /// \param acrPath path of the file
 /// \param arLine  receives the line; untouched on failure. An empty file gives an empty line.
 /// \return 0, or -1 with errno set when the file cannot be opened or read
-/// Throws: OQCNoMemoryEx 2 when there is no memory for the line.
+/// Throws: OQCNoMemoryEx 2 when there is no memory for the copy of the line.
 OQ_EXPORT int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine);
 
 // The wrappers behave as the standard function of the same name without the prefix, with the differences stated. Where
 // the standard function fails they return its result and leave errno as it set it.
 
-/// open(). \param aMode permissions (octal) of a file that is created \return a descriptor, or -1
+/// open().
+/// \param acPath path of the file
+/// \param aFlags O_RDONLY and the like
+/// \param aMode  permissions (octal) of a file that is created
+/// \return a descriptor, or -1
 OQ_EXPORT int ClibOpen(const char* acPath, int aFlags, int aMode);
-/// One read(). \param aCount at most so many bytes \return bytes read, 0 at end of data, or -1
+/// One read().
+/// \param aDescriptor open for reading
+/// \param apBuffer    receives the bytes
+/// \param aCount      at most so many bytes
+/// \return bytes read, 0 at end of data, or -1
 OQ_EXPORT int ClibRead(int aDescriptor, void* apBuffer, unsigned int aCount);
 /// Reads until aCount bytes have arrived or the data ends; an interrupted read is continued.
-/// \return bytes read, fewer than aCount only at end of data; or -1 when a read fails, whatever had arrived before it
+/// \param aDescriptor open for reading
+/// \param apBuffer    receives the bytes
+/// \param aCount      how many bytes are wanted
+/// \return bytes read, fewer than aCount only at end of data; or -1 when a read fails, whatever had arrived before it.
+///         The result is an int: more than 2 GiB at once cannot be told.
 OQ_EXPORT int ClibBlockRead(int aDescriptor, void* apBuffer, unsigned int aCount);
-/// One write(). \return bytes written, perhaps fewer than aCount, or -1
+/// One write().
+/// \param aDescriptor open for writing
+/// \param acBuffer    the bytes
+/// \param aCount      how many
+/// \return bytes written, perhaps fewer than aCount, or -1
 OQ_EXPORT int ClibWrite(int aDescriptor, const void* acBuffer, unsigned int aCount);
 /// close().
 OQ_EXPORT int ClibClose(int aDescriptor);
 /// unlink().
 OQ_EXPORT int ClibUnlink(const char* acPath);
-/// fread(). \return items read; 0 at end of data.
-/// Throws: OQCReadFailedEx 328 with the error text when nothing could be read because of a read error.
+/// fread().
+/// \param apBuffer receives the items
+/// \param aSize    bytes an item
+/// \param aCount   at most so many items
+/// \param apStream open for reading
+/// \return items read; 0 at end of data
+/// Throws: OQCReadFailedEx 328 with the error text when nothing could be read because of a read error. Data that came
+/// before the error is returned first; an error that has passed by the next call is not reported.
 OQ_EXPORT unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream);
-/// stat(). \return 0. Throws: OQCClibStatFailedEx 173 with the error text when the path cannot be examined.
+/// stat().
+/// \param acPath path to examine
+/// \param apInfo receives what is known of it; unchanged on failure
+/// \return 0
+/// Throws: OQCClibStatFailedEx 173 with the error text when the path cannot be examined; on 32-bit systems also a file
+/// of 2 GiB and more (the structure that crosses this boundary is the one without large-file support).
 OQ_EXPORT int ClibStat(const char* acPath, struct stat* apInfo);
-/// The wall-clock time. \param arSeconds since 1970 \param arMilliseconds within the second, 0 to 999
+/// The wall-clock time.
+/// \param arSeconds      receives the seconds since 1970
+/// \param arMilliseconds receives the milliseconds within the second, 0 to 999
 OQ_EXPORT void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds);
 /// Sleeps the calling thread for so many milliseconds, also when a signal interrupts it.
 OQ_EXPORT void ClibSleepMS(unsigned long aMilliseconds);
-/// gethostname(). \param aSize size of the buffer in bytes
+/// gethostname().
+/// \param apBuffer receives the name
+/// \param aSize    size of the buffer in bytes
+/// \return 0, or -1; a name that does not fit is cut
 OQ_EXPORT int ClibGethostname(char* apBuffer, unsigned int aSize);
 /// memcpy().
 OQ_EXPORT void* ClibMemcpy(void* apDestination, const void* acSource, unsigned int aCount);

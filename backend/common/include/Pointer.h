@@ -87,7 +87,7 @@ public:
 
     /// The object, or the first element of the array.
     T& operator*() { return *_checked(__func__); }
-    const T& operator*() const { return *_checked(__func__); }
+    T& operator*() const { return *_checked(__func__); }
 
     /// The single object; asked of an array, ends the process.
     T* operator->()
@@ -97,7 +97,7 @@ public:
         OQ_POINTER_ASSERT(OQPST_Individual == mSizeType);
         return mPointer;
     }
-    const T* operator->() const { return const_cast<Pointer*>(this)->operator->(); }
+    T* operator->() const { return const_cast<Pointer*>(this)->operator->(); }
 
     /// The test for emptiness: `pointer != 0`.
     bool operator!=(const T* acOther) const { return mPointer != acOther; }

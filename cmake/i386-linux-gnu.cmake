@@ -1,0 +1,10 @@
+# 32-bit x86: Debian's cross compiler; the machine runs the programs itself.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR i686)
+set(CMAKE_CXX_COMPILER i686-linux-gnu-g++)
+set(CMAKE_CROSSCOMPILING_EMULATOR env;LD_LIBRARY_PATH=/usr/i686-linux-gnu/lib;/usr/i686-linux-gnu/lib/ld-linux.so.2)
+set(CMAKE_FIND_ROOT_PATH /usr/i686-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
