@@ -21,33 +21,96 @@ const size_t cLineSize = 8192;  // bytes; holds every line of the layer, whose l
 std::atomic<unsigned int> sLevels(OQLL_Halt | OQLL_Error | OQLL_Information);
 std::atomic<int> sDescriptor(STDERR_FILENO);
 
-/// Date and time in UTC, by arithmetic: gmtime_r() and localtime_r() take the C library's time-zone lock, which a child
-/// of fork() may find held by a thread that it does not have.
-struct UtcTime {
-    int mYear, mMonth, mDay, mHour, mMinute, mSecond;
+// Written in every line; a child of fork() has its own.
+std::atomic<pid_t> sProcess(getpid());
+const int sForkHandler = pthread_atfork(NULL, NULL, [] { sProcess.store(getpid(), std::memory_order_relaxed); });
 
-    explicit UtcTime(time_t aSeconds)
+/// The line under construction: cut where it is full, with room for its line feed.
+class LineBuffer
+{
+public:
+    void text(const char* acText)
     {
-        const long lDays = static_cast<long>(aSeconds / 86400);
-        const int lSecondOfDay = static_cast<int>(aSeconds % 86400);
-        // Years are counted from 1 March of year 0, so that the leap day is the last of its year.
-        const long lDay = lDays + 719468;
-        const long lEra = lDay / 146097;
-        const long lDayOfEra = lDay % 146097;
-        const long lYearOfEra = (lDayOfEra - lDayOfEra / 1460 + lDayOfEra / 36524 - lDayOfEra / 146096) / 365;
-        const long lDayOfYear = lDayOfEra - (365 * lYearOfEra + lYearOfEra / 4 - lYearOfEra / 100);
-        const long lMonth = (5 * lDayOfYear + 2) / 153;
-        mDay = static_cast<int>(lDayOfYear - (153 * lMonth + 2) / 5 + 1);
-        mMonth = static_cast<int>(lMonth < 10 ? lMonth + 3 : lMonth - 9);
-        mYear = static_cast<int>(lEra * 400 + lYearOfEra + (mMonth <= 2 ? 1 : 0));
-        mHour = lSecondOfDay / 3600;
-        mMinute = lSecondOfDay / 60 % 60;
-        mSecond = lSecondOfDay % 60;
+        const size_t lLength = std::min(strlen(acText), room());
+        memcpy(mEnd, acText, lLength);
+        mEnd += lLength;
     }
-};
 
-/// Bytes that snprintf() has put into a buffer of aRoom bytes, the terminating zero left out.
-size_t stored(int aResult, size_t aRoom) { return aResult < 0 ? 0 : std::min(static_cast<size_t>(aResult), aRoom - 1); }
+    void character(char aCharacter)
+    {
+        if (0 != room()) {
+            *mEnd++ = aCharacter;
+        }
+    }
+
+    void number(unsigned long aNumber, int aDigits = 1)
+    {
+        char lDigits[20];
+        char* lpFirst = lDigits + sizeof lDigits;
+        do {
+            *--lpFirst = static_cast<char>('0' + aNumber % 10);
+            aNumber /= 10;
+        } while (0 < --aDigits || 0 != aNumber);
+        for (; lDigits + sizeof lDigits != lpFirst; ++lpFirst) {
+            character(*lpFirst);
+        }
+    }
+
+    /// Date and time in UTC, by arithmetic: gmtime_r() and localtime_r() take the C library's time-zone lock, which a
+    /// child of fork() may find held by a thread that it does not have.
+    void time(const timespec& acrTime)
+    {
+        const unsigned long lSeconds = static_cast<unsigned long>(acrTime.tv_sec);
+        const unsigned long lSecond = lSeconds % 86400;
+        // Years are counted from 1 March of year 0, so that the leap day is the last of its year.
+        const unsigned long lDay = lSeconds / 86400 + 719468;
+        const unsigned long lEra = lDay / 146097;
+        const unsigned long lDayOfEra = lDay % 146097;
+        const unsigned long lYearOfEra = (lDayOfEra - lDayOfEra / 1460 + lDayOfEra / 36524 - lDayOfEra / 146096) / 365;
+        const unsigned long lDayOfYear = lDayOfEra - (365 * lYearOfEra + lYearOfEra / 4 - lYearOfEra / 100);
+        const unsigned long lMonthFromMarch = (5 * lDayOfYear + 2) / 153;
+        const unsigned long lMonth = lMonthFromMarch < 10 ? lMonthFromMarch + 3 : lMonthFromMarch - 9;
+        number(lEra * 400 + lYearOfEra + (lMonth <= 2 ? 1 : 0), 4);
+        character('-');
+        number(lMonth, 2);
+        character('-');
+        number(lDayOfYear - (153 * lMonthFromMarch + 2) / 5 + 1, 2);
+        character('T');
+        number(lSecond / 3600, 2);
+        character(':');
+        number(lSecond / 60 % 60, 2);
+        character(':');
+        number(lSecond % 60, 2);
+        character('.');
+        number(static_cast<unsigned long>(acrTime.tv_nsec / 1000), 6);
+        character('Z');
+    }
+
+    void message(const char* acFormat, va_list aArguments)
+    {
+        char* const lpMessage = mEnd;
+        const int lLength = vsnprintf(mEnd, room() + 1, acFormat, aArguments);
+        mEnd += lLength < 0 ? 0 : std::min(static_cast<size_t>(lLength), room());
+        if (lpMessage < mEnd && '\n' == mEnd[-1]) {
+            --mEnd;  // assertion lines bring their own
+        }
+        std::replace(lpMessage, mEnd, '\n', ' ');
+    }
+
+    const char* begin() const { return mText; }
+    /// Ends the line. \return its length in bytes
+    size_t end()
+    {
+        *mEnd = '\n';
+        return static_cast<size_t>(mEnd - mText) + 1;
+    }
+
+private:
+    size_t room() const { return static_cast<size_t>(mText + sizeof mText - 1 - mEnd); }
+
+    char mText[cLineSize];
+    char* mEnd = mText;
+};
 
 /// Writes all of the line; what cannot be written is dropped. The system call is made directly because write() is a
 /// cancellation point, and a traced operation must not become one.
@@ -65,39 +128,48 @@ void writeLine(const char* acLine, size_t aLength)
     }
 }
 
+/// What follows when the level is asked for; errno is the caller's.
+void writeMessage(const char* acTag, unsigned int aLine, const char* acFunction, const char* acFile,
+                  const char* acFormat, va_list aArguments)
+{
+    const int lErrno = errno;
+    timespec lNow;
+    clock_gettime(CLOCK_REALTIME, &lNow);
+    LineBuffer lLine;
+    lLine.time(lNow);
+    lLine.character(' ');
+    lLine.number(static_cast<unsigned long>(sProcess.load(std::memory_order_relaxed)));
+    lLine.character(' ');
+    lLine.number(static_cast<unsigned long>(pthread_self()));
+    lLine.character(' ');
+    lLine.text(acTag);
+    lLine.character(' ');
+    lLine.text(acFunction);
+    lLine.text(" (");
+    lLine.text(acFile);
+    lLine.character(':');
+    lLine.number(aLine);
+    lLine.text(") ");
+    errno = lErrno;  // a "%m" of the caller is his
+    lLine.message(acFormat, aArguments);
+    writeLine(lLine.begin(), lLine.end());
+    errno = lErrno;
+}
+
 }  // namespace
 
 void SetLogLevels(unsigned int aLevels) { sLevels.store(aLevels, std::memory_order_relaxed); }
 
 void SetLogDescriptor(int aDescriptor) { sDescriptor.store(aDescriptor, std::memory_order_relaxed); }
 
+// Kept apart from what follows, so that a line that nobody asked for costs one test.
 void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int aLine, const char* acFunction,
                                   const char* acFile, const char* acFormat, ...)
 {
-    if (0 == (aLevel & sLevels.load(std::memory_order_relaxed))) {
-        return;
+    if (0 != (aLevel & sLevels.load(std::memory_order_relaxed))) {
+        va_list lArguments;
+        va_start(lArguments, acFormat);
+        writeMessage(acTag, aLine, acFunction, acFile, acFormat, lArguments);
+        va_end(lArguments);
     }
-    const int lErrno = errno;
-    timespec lNow;
-    clock_gettime(CLOCK_REALTIME, &lNow);
-    const UtcTime lTime(lNow.tv_sec);
-    char lText[cLineSize];
-    size_t lLength =
-        stored(snprintf(lText, sizeof lText, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ %d %lu %s %s (%s:%u) ", lTime.mYear,
-                        lTime.mMonth, lTime.mDay, lTime.mHour, lTime.mMinute, lTime.mSecond, lNow.tv_nsec / 1000,
-                        getpid(), static_cast<unsigned long>(pthread_self()), acTag, acFunction, acFile, aLine),
-               sizeof lText);
-    const size_t lMessage = lLength;
-    errno = lErrno;  // a "%m" of the caller is his
-    va_list lArguments;
-    va_start(lArguments, acFormat);
-    lLength += stored(vsnprintf(lText + lLength, sizeof lText - lLength, acFormat, lArguments), sizeof lText - lLength);
-    va_end(lArguments);
-    if (lMessage < lLength && '\n' == lText[lLength - 1]) {
-        --lLength;  // assertion lines bring their own
-    }
-    std::replace(lText + lMessage, lText + lLength, '\n', ' ');
-    lText[lLength] = '\n';
-    writeLine(lText, lLength + 1);
-    errno = lErrno;
 }

@@ -31,6 +31,7 @@ protected:
 
 private:
     std::set<std::string> mDescriptors;
+    size_t mThreads = 0;  // an emulator or a sanitizer has some of its own
 };
 
 /// How a child process ended, and what it logged.
