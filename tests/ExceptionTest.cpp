@@ -1,0 +1,521 @@
+#include <errno.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <exception>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "TestKit.h"
+
+namespace
+{
+
+/// A call for an error text, as the layer makes it.
+struct TextCall {
+    char* mBuffer;
+    unsigned int mSize;
+};
+
+thread_local std::vector<TextCall>* sTextCalls = nullptr;
+const char* sTextAnswer = nullptr;
+
+}  // namespace
+
+/// Notes what the layer asks for; with an answer set, returns that instead of the buffer.
+char* ClibStrerror(char* apBuffer, unsigned int aSize)
+{
+    if (nullptr != sTextCalls) {
+        sTextCalls->push_back({apBuffer, aSize});
+    }
+    if (nullptr != sTextAnswer) {
+        return const_cast<char*>(sTextAnswer);
+    }
+    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    return lReal(apBuffer, aSize);
+}
+
+namespace
+{
+
+/// What one leaf must be, written out by hand.
+template <class LeafClass, class FamilyClass, unsigned int CodeOfLeaf, bool IsHalt>
+struct Row {
+    typedef LeafClass Leaf;
+    typedef FamilyClass Family;
+    static constexpr unsigned int cCode = CodeOfLeaf;
+    static constexpr bool cHalt = IsHalt;
+};
+
+// clang-format off
+typedef ::testing::Types<
+    Row<OQCNoMemoryEx,                OQCGenericException,   2, true>,
+    Row<OQCNullPointerEx,             OQCGenericException,   3, false>,
+    Row<OQCInvalidEx,                 OQCGenericException,   6, false>,
+    Row<OQCNotSupportedEx,            OQCGenericException,  12, false>,
+    Row<OQCClibStatFailedEx,          OQCClibEx,           173, false>,
+    Row<OQCTryAgainEx,                OQCOsException,      322, false>,
+    Row<OQCTimeOutEx,                 OQCOsException,      323, false>,
+    Row<OQCCreateFailedEx,            OQCOsException,      324, false>,
+    Row<OQCOpenFailedEx,              OQCOsException,      326, false>,
+    Row<OQCCloseFailedEx,             OQCOsException,      327, false>,
+    Row<OQCReadFailedEx,              OQCOsException,      328, false>,
+    Row<OQCFileLockFailedEx,          OQCOsException,      330, false>,
+    Row<OQCFileUnLockFailedEx,        OQCOsException,      331, false>,
+    Row<OQCPipeWaitFailedEx,          OQCOsException,      332, false>,
+    Row<OQCMutexInitFailedEx,         OQCOsException,      333, false>,
+    Row<OQCMutexDestroyFailedEx,      OQCOsException,      334, false>,
+    Row<OQCMutexLockFailedEx,         OQCOsException,      335, true>,
+    Row<OQCMutexUnlockFailedEx,       OQCOsException,      336, true>,
+    Row<OQCCondInitFailedEx,          OQCOsException,      337, false>,
+    Row<OQCCondDestroyFailedEx,       OQCOsException,      338, false>,
+    Row<OQCCondWaitFailedEx,          OQCOsException,      339, true>,
+    Row<OQCCondSignalFailedEx,        OQCOsException,      340, true>,
+    Row<OQCCondBroadcastFailedEx,     OQCOsException,      341, true>,
+    Row<OQCThreadStartFailedEx,       OQCOsException,      342, false>,
+    Row<OQCThreadDestructionFailedEx, OQCOsException,      343, false>,
+    Row<OQCThreadWaitForExitFailedEx, OQCOsException,      344, false>,
+    Row<OQCProcessCreationFailedEx,   OQCOsException,      345, false>,
+    Row<OQCProcessWaitFailedEx,       OQCOsException,      345, false>,
+    Row<OQCGetIpAddressFailEx,        OQCOsException,      347, false>> Rows;
+// clang-format on
+
+/// A base that is inherited virtually is known by what the language forbids: the cast down from it.
+template <class Base, class Derived, class = void>
+struct IsVirtualBase : std::is_base_of<Base, Derived> {
+};
+template <class Base, class Derived>
+struct IsVirtualBase<Base, Derived, decltype(static_cast<void>(static_cast<Derived*>(std::declval<Base*>())))>
+    : std::false_type {
+};
+
+/// Whether an exception thrown by an operation arrives at a handler for the class; others go past.
+template <class Caught, class Operation>
+bool caughtAs(const Operation& acrOperation, const std::string& acrText, unsigned int aCode)
+{
+    try {
+        acrOperation();
+    } catch (const Caught& acrCaught) {
+        EXPECT_EQ(acrText, acrCaught.what());
+        EXPECT_EQ(aCode, acrCaught.code());
+        return true;
+    } catch (...) {
+        return false;
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return false;
+}
+
+/// A class below a leaf, which builds all the virtual bases, each with arguments of its own.
+template <class TableRow, bool IsHalt>
+struct Derived : TableRow::Leaf {
+    Derived()
+        : OQCException("the root's", 7),
+          TableRow::Family("the family's", 8),
+          TableRow::Leaf("the leaf's", TableRow::cCode)
+    {
+    }
+};
+template <class TableRow>
+struct Derived<TableRow, true> : TableRow::Leaf {
+    Derived()
+        : OQCException("the root's", 7),
+          TableRow::Family("the family's", 8),
+          OQCHaltEx("the marker's", 9),
+          TableRow::Leaf("the leaf's", TableRow::cCode)
+    {
+    }
+};
+
+template <class TableRow>
+class ExceptionTreeTest : public LayerTest
+{
+};
+TYPED_TEST_SUITE(ExceptionTreeTest, Rows, );
+
+TYPED_TEST(ExceptionTreeTest, LeafIsCaughtAsItselfItsFamilyTheRootAndHaltOnlyWhereSaid)
+{
+    typedef typename TypeParam::Leaf Leaf;
+    const unsigned int lCode = TypeParam::cCode;
+    const auto lThrow = [] { throw Leaf("a text", TypeParam::cCode); };
+    EXPECT_TRUE((caughtAs<Leaf>(lThrow, "a text", lCode)));
+    EXPECT_TRUE((caughtAs<typename TypeParam::Family>(lThrow, "a text", lCode)));
+    EXPECT_TRUE((caughtAs<OQCException>(lThrow, "a text", lCode)));
+    EXPECT_EQ(TypeParam::cHalt, (caughtAs<OQCHaltEx>(lThrow, "a text", lCode)));
+    EXPECT_EQ((std::is_same<OQCGenericException, typename TypeParam::Family>::value),
+              (caughtAs<OQCGenericException>(lThrow, "a text", lCode)));
+    EXPECT_EQ((std::is_same<OQCOsException, typename TypeParam::Family>::value),
+              (caughtAs<OQCOsException>(lThrow, "a text", lCode)));
+    EXPECT_EQ((std::is_same<OQCClibEx, typename TypeParam::Family>::value),
+              (caughtAs<OQCClibEx>(lThrow, "a text", lCode)));
+    EXPECT_FALSE((std::is_convertible<Leaf*, std::exception*>::value));
+    EXPECT_EQ(Lines(), logged());
+}
+
+TYPED_TEST(ExceptionTreeTest, CodeBelongsToTheClass)
+{
+    EXPECT_EQ(TypeParam::cCode, static_cast<unsigned int>(OQErrorCode<typename TypeParam::Leaf>::value));
+}
+
+TYPED_TEST(ExceptionTreeTest, BasesArePublicAndVirtual)
+{
+    typedef typename TypeParam::Leaf Leaf;
+    typedef typename TypeParam::Family Family;
+    EXPECT_TRUE((std::is_convertible<Leaf*, Family*>::value));
+    EXPECT_TRUE((std::is_convertible<Leaf*, OQCException*>::value)) << "one root, reached without doubt";
+    EXPECT_TRUE((IsVirtualBase<Family, Leaf>::value));
+    EXPECT_TRUE((IsVirtualBase<OQCException, Family>::value));
+    EXPECT_EQ(TypeParam::cHalt, (std::is_convertible<Leaf*, OQCHaltEx*>::value));
+    EXPECT_EQ(TypeParam::cHalt, (IsVirtualBase<OQCHaltEx, Leaf>::value));
+    EXPECT_TRUE((IsVirtualBase<OQCException, OQCHaltEx>::value));
+}
+
+TYPED_TEST(ExceptionTreeTest, LeafHasOneConstructorAVirtualDestructorAndNoData)
+{
+    typedef typename TypeParam::Leaf Leaf;
+    EXPECT_FALSE(std::is_default_constructible<Leaf>::value);
+    EXPECT_TRUE((std::is_constructible<Leaf, const char*, unsigned int>::value));
+    EXPECT_FALSE((std::is_constructible<Leaf, const char*>::value));
+    EXPECT_TRUE(std::has_virtual_destructor<Leaf>::value);
+    // Nothing but table pointers, one for each class at most, is added to the root.
+    EXPECT_LE(sizeof(Leaf), sizeof(OQCException) + (TypeParam::cHalt ? 3U : 2U) * sizeof(void*));
+}
+
+TYPED_TEST(ExceptionTreeTest, MessageOutlivesItsBuffer)
+{
+    typedef typename TypeParam::Leaf Leaf;
+    try {
+        char lText[64] = "text of a dying buffer";
+        Leaf lFailure(lText, TypeParam::cCode);
+        memset(lText, 'x', sizeof lText);
+        throw lFailure;
+    } catch (const OQCException& acrFailure) {
+        EXPECT_STREQ("text of a dying buffer", acrFailure.what());
+    }
+}
+
+TYPED_TEST(ExceptionTreeTest, MostDerivedClassBuildsTheRoot)
+{
+    const Derived<TypeParam, TypeParam::cHalt> lFailure;
+    EXPECT_STREQ("the root's", lFailure.what());
+    EXPECT_EQ(7U, lFailure.code());
+}
+
+class ExceptionTest : public LayerTest
+{
+protected:
+    void TearDown() override
+    {
+        sTextCalls = nullptr;
+        sTextAnswer = nullptr;
+        LayerTest::TearDown();
+    }
+};
+
+TEST_F(ExceptionTest, FamiliesTakeTextAndCodeAndHaveNoDefault)
+{
+    EXPECT_STREQ("g", OQCGenericException("g", 1).what());
+    EXPECT_STREQ("o", OQCOsException("o", 2).what());
+    EXPECT_STREQ("h", OQCHaltEx("h", 3).what());
+    EXPECT_STREQ("c", OQCClibEx("c", 4).what());
+    EXPECT_EQ(1U, OQCGenericException("g", 1).code());
+    EXPECT_EQ(2U, OQCOsException("o", 2).code());
+    EXPECT_EQ(3U, OQCHaltEx("h", 3).code());
+    EXPECT_EQ(4U, OQCClibEx("c", 4).code());
+    EXPECT_FALSE(std::is_default_constructible<OQCGenericException>::value);
+    EXPECT_FALSE(std::is_default_constructible<OQCOsException>::value);
+    EXPECT_FALSE(std::is_default_constructible<OQCHaltEx>::value);
+    EXPECT_FALSE(std::is_default_constructible<OQCClibEx>::value);
+    EXPECT_FALSE(std::is_default_constructible<OQCException>::value);
+}
+
+TEST_F(ExceptionTest, LongMessagesAreCutAt255Characters)
+{
+    for (const size_t lLength : {0U, 1U, 254U, 255U, 256U, 257U, 1000U}) {
+        std::string lText(lLength, 'a');
+        for (size_t lIndex = 0; lIndex < lLength; ++lIndex) {
+            lText[lIndex] = static_cast<char>('a' + lIndex % 26);
+        }
+        const OQCTimeOutEx lFailure(lText.c_str(), 0xFFFFFFFFU);
+        EXPECT_EQ(lText.substr(0, 255), lFailure.what()) << lLength;
+        EXPECT_EQ(0xFFFFFFFFU, lFailure.code()) << lLength;
+    }
+}
+
+TEST_F(ExceptionTest, MessageFollowsTheTablePointerAndCodeFollowsTheMessage)
+{
+    const OQCException lFailure("a message", 0xA1B2C3D4U);
+    char lBytes[sizeof lFailure];
+    memcpy(lBytes, static_cast<const void*>(&lFailure), sizeof lBytes);
+    EXPECT_STREQ("a message", lBytes + sizeof(void*));
+    uint32_t lCode;
+    memcpy(&lCode, lBytes + sizeof(void*) + 256, sizeof lCode);
+    EXPECT_EQ(0xA1B2C3D4U, lCode);
+    EXPECT_EQ((sizeof(void*) + 256 + 4 + sizeof(void*) - 1) / sizeof(void*) * sizeof(void*), sizeof lFailure);
+    EXPECT_EQ(static_cast<const void*>(reinterpret_cast<const char*>(&lFailure) + sizeof(void*)), lFailure.what());
+}
+
+TEST_F(ExceptionTest, RootInsideALeafHasTheSameLayout)
+{
+    const OQCMutexLockFailedEx lLeaf("inside a leaf", 335);
+    const OQCException& lrRoot = lLeaf;
+    const char* const lpBytes = reinterpret_cast<const char*>(&lrRoot);
+    EXPECT_EQ(lpBytes + sizeof(void*), lrRoot.what());
+    uint32_t lCode;
+    memcpy(&lCode, lpBytes + sizeof(void*) + 256, sizeof lCode);
+    EXPECT_EQ(335U, lCode);
+}
+
+TEST_F(ExceptionTest, WhatIsTheThirdVirtualOperation)
+{
+    struct Probe : OQCException {
+        Probe() : OQCException("the root's own text", 1) {}
+        const char* what() const override { return "third"; }
+    };
+    const Probe lProbe;
+    const OQCException lRoot("the root's own text", 1);
+    const void* const* lpOfProbe;
+    const void* const* lpOfRoot;
+    memcpy(&lpOfProbe, static_cast<const void*>(&lProbe), sizeof lpOfProbe);
+    memcpy(&lpOfRoot, static_cast<const void*>(&lRoot), sizeof lpOfRoot);
+    // Both destructors come first and are the class's own; the slot of what() is the one that a caller goes through.
+    const char* (*lpWhat)(const OQCException*);
+    memcpy(&lpWhat, lpOfProbe + 2, sizeof lpWhat);
+    EXPECT_STREQ("third", lpWhat(&lProbe));
+    memcpy(&lpWhat, lpOfRoot + 2, sizeof lpWhat);
+    EXPECT_STREQ("the root's own text", lpWhat(&lRoot));
+}
+
+TEST_F(ExceptionTest, WhatAllocatesNothing)
+{
+    if (OQ_SANITIZED) {
+        GTEST_SKIP() << "allocations are the sanitizer's";
+    }
+    const OQCNoMemoryEx lFailure("Out of Memory", 2);
+    const OQCException& lrRoot = lFailure;
+    gMallocFault.failOn(1);
+    const char* const lpText = lrRoot.what();
+    EXPECT_EQ(0U, gMallocFault.stop());
+    EXPECT_STREQ("Out of Memory", lpText);
+}
+
+TEST_F(ExceptionTest, HandlerByReferenceGetsTheSameTextThroughEveryBase)
+{
+    pthread_mutex_t lMutex = PTHREAD_MUTEX_INITIALIZER;
+    OsLockMutex(lMutex);
+    errno = EILSEQ;
+    try {
+        OsTrylockMutex(lMutex);
+        ADD_FAILURE();
+    } catch (const OQCHaltEx& acrHalt) {
+        EXPECT_STREQ(strerror(EILSEQ), acrHalt.what());
+        EXPECT_EQ(335U, acrHalt.code());
+    }
+    errno = EILSEQ;
+    try {
+        OsTrylockMutex(lMutex);
+        ADD_FAILURE();
+    } catch (const OQCOsException& acrFamily) {
+        EXPECT_STREQ(strerror(EILSEQ), acrFamily.what());
+        const OQCHaltEx* const lpHalt = dynamic_cast<const OQCHaltEx*>(&acrFamily);
+        ASSERT_NE(nullptr, lpHalt);
+        EXPECT_EQ(static_cast<const void*>(acrFamily.what()), lpHalt->what()) << "one message in the object";
+    }
+    OsUnlockMutex(lMutex);
+    EXPECT_EQ(Lines(), logged());
+}
+
+TEST_F(ExceptionTest, ExhaustedMemoryIsGenericAndHalt)
+{
+    const auto lThrow = [] { Pointer<int> lPointer(nullptr, OQPST_Individual, OQPMT_New); };
+    EXPECT_TRUE((caughtAs<OQCNoMemoryEx>(lThrow, "Out of Memory", 2)));
+    EXPECT_TRUE((caughtAs<OQCGenericException>(lThrow, "Out of Memory", 2)));
+    EXPECT_TRUE((caughtAs<OQCHaltEx>(lThrow, "Out of Memory", 2)));
+    EXPECT_FALSE((caughtAs<OQCOsException>(lThrow, "Out of Memory", 2)));
+}
+
+TEST_F(ExceptionTest, LibrarysExceptionsMatchInAnotherModule)
+{
+    unsigned long lThread = 0;
+    const auto lResume = [&lThread] { OsResumeThread(lThread); };
+    EXPECT_TRUE((caughtAs<OQCNotSupportedEx>(lResume, "Not Supported", 12)));
+    EXPECT_TRUE((caughtAs<OQCGenericException>(lResume, "Not Supported", 12)));
+    EXPECT_TRUE((caughtAs<OQCException>(lResume, "Not Supported", 12)));
+    EXPECT_FALSE((caughtAs<OQCHaltEx>(lResume, "Not Supported", 12)));
+    EXPECT_FALSE((caughtAs<OQCOsException>(lResume, "Not Supported", 12)));
+    EXPECT_FALSE((caughtAs<OQCInvalidEx>(lResume, "Not Supported", 12)));
+
+    int lPipe = -1;
+    const auto lOpen = [&lPipe] {
+        OsNamedPipeOpen(lPipe, "/nowhere", static_cast<OQEFileMode>(9), OQPS_Blocking, OQCM_Client);
+    };
+    EXPECT_TRUE((caughtAs<OQCInvalidEx>(lOpen, "Invalid flags passed to open pipe", 6)));
+    EXPECT_TRUE((caughtAs<OQCGenericException>(lOpen, "Invalid flags passed to open pipe", 6)));
+    EXPECT_FALSE((caughtAs<OQCHaltEx>(lOpen, "Invalid flags passed to open pipe", 6)));
+
+    EXPECT_FAILURE(OQCNullPointerEx, 3, "Null Pointer", OsStartThread(lThread, nullptr, nullptr));
+
+    const auto lLock = [] { OsLockFile(-1); };
+    EXPECT_TRUE((caughtAs<OQCFileLockFailedEx>(lLock, "Bad file descriptor", 330)));
+    EXPECT_TRUE((caughtAs<OQCOsException>(lLock, "Bad file descriptor", 330)));
+    EXPECT_FALSE((caughtAs<OQCGenericException>(lLock, "Bad file descriptor", 330)));
+    EXPECT_FALSE((caughtAs<OQCHaltEx>(lLock, "Bad file descriptor", 330)));
+}
+
+TEST_F(ExceptionTest, CompanionsExceptionsMatchInAnotherModule)
+{
+    struct stat lInfo;
+    const auto lStat = [&lInfo] { ClibStat("/no/such/path", &lInfo); };
+    EXPECT_TRUE((caughtAs<OQCClibStatFailedEx>(lStat, "No such file or directory", 173)));
+    EXPECT_TRUE((caughtAs<OQCClibEx>(lStat, "No such file or directory", 173)));
+    EXPECT_TRUE((caughtAs<OQCException>(lStat, "No such file or directory", 173)));
+    EXPECT_FALSE((caughtAs<OQCOsException>(lStat, "No such file or directory", 173)));
+    EXPECT_FALSE((caughtAs<OQCHaltEx>(lStat, "No such file or directory", 173)));
+    EXPECT_EQ(Lines(), logged());
+}
+
+TEST_F(ExceptionTest, FailedProcessWaitSpeaksOfCreationWithCode345)
+{
+    EXPECT_FAILURE(OQCProcessWaitFailedEx, 345, "Failed to create process", ProcessWait(0x7FFFFFFF, 0));
+}
+
+TEST_F(ExceptionTest, ErrorTextIsTakenForTheLineAndAgainForTheExceptionIntoOneBuffer)
+{
+    std::vector<TextCall> lCalls;
+    lCalls.reserve(8);
+    sTextCalls = &lCalls;
+    EXPECT_FAILURE(OQCFileLockFailedEx, 330, strerror(EBADF), OsLockFile(-1));
+    sTextCalls = nullptr;
+    ASSERT_EQ(2U, lCalls.size());
+    EXPECT_EQ(512U, lCalls[0].mSize);
+    EXPECT_EQ(512U, lCalls[1].mSize);
+    EXPECT_EQ(lCalls[0].mBuffer, lCalls[1].mBuffer);
+    const LinesOf lOf(".//MiscLinux", "OsLockFile");
+    EXPECT_EQ((Lines{lOf.entered(), lOf.trace("Going to lock file"),
+                     lOf.error("Failed to lock file, error: Bad file descriptor"), lOf.left()}),
+              logged());
+}
+
+TEST_F(ExceptionTest, SilentFailureTakesTheErrorTextOnce)
+{
+    pthread_mutex_t lMutex = PTHREAD_MUTEX_INITIALIZER;
+    OsLockMutex(lMutex);
+    std::vector<TextCall> lCalls;
+    lCalls.reserve(8);
+    sTextCalls = &lCalls;
+    errno = ENOTTY;
+    EXPECT_FAILURE(OQCMutexLockFailedEx, 335, "Inappropriate ioctl for device", OsTrylockMutex(lMutex));
+    sTextCalls = nullptr;
+    OsUnlockMutex(lMutex);
+    ASSERT_EQ(1U, lCalls.size());
+    EXPECT_EQ(512U, lCalls[0].mSize);
+    EXPECT_EQ(Lines(), logged());
+}
+
+TEST_F(ExceptionTest, SharedMemoryTakesItsErrorTextIntoABufferOf256)
+{
+    OQShmDesc lDesc = OQShmDesc();
+    lDesc.shm_key = key(3);
+    lDesc.shm_size = 64;
+    std::vector<TextCall> lCalls;
+    lCalls.reserve(8);
+    sTextCalls = &lCalls;
+    EXPECT_FAILURE(OQCOpenFailedEx, 326, "No such file or directory", OsSharedMemoryOpen(lDesc, OQCM_Client));
+    sTextCalls = nullptr;
+    ASSERT_LE(1U, lCalls.size());
+    for (const TextCall& lrCall : lCalls) {
+        EXPECT_EQ(256U, lrCall.mSize);
+        EXPECT_EQ(lCalls[0].mBuffer, lrCall.mBuffer);
+    }
+}
+
+TEST_F(ExceptionTest, MessageIsTheReturnedTextWhereverItStands)
+{
+    sTextAnswer = "a text that is not in the buffer";
+    EXPECT_FAILURE(OQCFileLockFailedEx, 330, "a text that is not in the buffer", OsLockFile(-1));
+    sTextAnswer = nullptr;
+    const Lines lLines = logged();
+    ASSERT_EQ(4U, lLines.size());
+    EXPECT_EQ("Failed to lock file, error: a text that is not in the buffer", lLines[2].mText);
+}
+
+TEST_F(ExceptionTest, FailuresOfSeveralThreadsKeepTheirTextsApart)
+{
+    keepNoLines();
+    std::atomic<int> lWrong(0);
+    const auto lRun = [&lWrong](int aErrno) {
+        pthread_mutex_t lMutex = PTHREAD_MUTEX_INITIALIZER;
+        OsLockMutex(lMutex);
+        const std::string lText = strerrordesc_np(aErrno);
+        for (int lRound = 0; lRound < 2000; ++lRound) {
+            try {
+                errno = aErrno;
+                OsTrylockMutex(lMutex);
+                ++lWrong;
+            } catch (const OQCMutexLockFailedEx& acrFailure) {
+                lWrong += lText == acrFailure.what() && 335 == acrFailure.code() ? 0 : 1;
+            }
+        }
+        OsUnlockMutex(lMutex);
+    };
+    std::thread lFirst(lRun, EPERM);
+    std::thread lSecond(lRun, EDEADLK);
+    std::thread lThird(lRun, ENAMETOOLONG);
+    lRun(ENOMEM);
+    lFirst.join();
+    lSecond.join();
+    lThird.join();
+    EXPECT_EQ(0, lWrong);
+}
+
+/// Logs when it is destroyed or when the process runs its exit handlers, so that a child's log tells of it.
+struct Witness {
+    static void say(const char* acText) { PrintLogMessageWithTimeStamp(64, "-I-", 1, "f", "f", "%s", acText); }
+    ~Witness() { say("destroyed"); }
+};
+
+TEST_F(ExceptionTest, FailedAssertionLogsOneLineAndExitsWithStatusOneUnwindingNothing)
+{
+    const ChildResult lChild = inChild([] {
+        const Witness lWitness;
+        try {
+            OQShmDesc lDesc = OQShmDesc();
+            lDesc.shm_size = 64;
+            OsSharedMemoryOpen(lDesc, OQCM_Server);
+        } catch (...) {
+            Witness::say("caught");
+        }
+        Witness::say("came back");
+    });
+    EXPECT_EQ(1, lChild.mExitStatus);
+    EXPECT_EQ(0, lChild.mSignal);
+    const LinesOf lOf(".//SharedMemoryLinux", "OsSharedMemoryOpen");
+    EXPECT_EQ((Lines{lOf.entered(), lOf.assertion("0 < arShmDesc.shm_key")}), lChild.mLines);
+}
+
+TEST_F(ExceptionTest, FailedAssertionRunsTheExitHandlers)
+{
+    const ChildResult lChild = inChild([] {
+        atexit([] { Witness::say("exit handler"); });
+        Pointer<int> lEmpty;
+        *lEmpty = 1;
+    });
+    EXPECT_EQ(1, lChild.mExitStatus);
+    EXPECT_EQ((Lines{LinesOf("backend/common/include/Pointer", "operator*").assertion("0 != mPointer"),
+                     {64, "-I-", "f", "f", "exit handler"}}),
+              lChild.mLines);
+}
+
+TEST_F(ExceptionTest, AssertionThatHoldsDoesNothing)
+{
+    Pointer<int> lPointer(new (std::nothrow) int(4), OQPST_Individual, OQPMT_New);
+    EXPECT_EQ(4, *lPointer);
+    EXPECT_EQ(Lines(), logged());
+}
+
+}  // namespace
