@@ -892,6 +892,19 @@ TEST_F(NamedPipeLinuxTest, AFailedWaitPassesThroughWithoutItsLeft)
         logged());
 }
 
+TEST_F(NamedPipeLinuxTest, AnInterruptedWaitGoesOn)
+{
+    openPipe();
+    put("abc");
+    selectFault.failOn(1, -1, EINTR);
+    OsNamedPipeWaitForActivity(mPipe, 30);
+    EXPECT_EQ(2U, selectFault.calls());
+    EXPECT_EQ((Lines{cWait.entered(), cActivity.entered(),
+                     cActivity.information("The select() call was interrupted.. Ignoring"),
+                     cActivity.trace("Data is available now."), cActivity.left(), cWait.left()}),
+              logged());
+}
+
 // Closing
 
 TEST_F(NamedPipeLinuxTest, CloseClosesAndKeepsTheNumber)

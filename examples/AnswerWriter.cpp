@@ -1,0 +1,41 @@
+#include "AnswerWriter.h"
+
+void AnswerWriter::append(const std::string& acrText)
+{
+    mText += acrText;
+    // A full message waits for more text: it may be the last one, which is marked.
+    while (mText.size() > cPayloadSize) {
+        send(AK_More, mText.substr(0, cPayloadSize));
+        mText.erase(0, cPayloadSize);
+    }
+}
+
+void AnswerWriter::end() { send(AK_End, mText); }
+
+void AnswerWriter::fail(const std::string& acrReason) { send(AK_Error, acrReason.substr(0, cPayloadSize)); }
+
+void AnswerWriter::send(AnswerKind aKind, const std::string& acrText)
+{
+    if (mIsEnding()) {
+        throw AnswerDropped{"the daemon ends"};
+    }
+    AnswerHeader lHeader = {};
+    ClibMemcpy(lHeader.mToken, mToken.c_str(), static_cast<unsigned int>(mToken.size()));
+    lHeader.mSequence = mSequence++;
+    lHeader.mKind = aKind;
+
+    unsigned char lMessage[cMessageSize];
+    ClibMemcpy(lMessage, &lHeader, sizeof lHeader);
+    ClibMemcpy(lMessage + sizeof lHeader, acrText.data(), static_cast<unsigned int>(acrText.size()));
+    const unsigned int lLength = static_cast<unsigned int>(sizeof lHeader + acrText.size());
+
+    unsigned int lWritten = 0;  // keeps this value when the write is cancelled for want of a peer
+    try {
+        OsSharedMemoryWrite(mMailbox, lMessage, lLength, lWritten);
+    } catch (const OQCTimeOutEx&) {
+        throw AnswerDropped{"nobody took the message before it"};
+    }
+    if (lWritten != lLength) {
+        throw AnswerDropped{"no tool has opened the mailbox yet"};
+    }
+}

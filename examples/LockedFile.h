@@ -1,0 +1,37 @@
+/// \file
+/// A file whose lock says who may go on.
+#ifndef HOSTD_LOCKED_FILE_H
+#define HOSTD_LOCKED_FILE_H
+
+#include "OQLinux.h"
+
+/// Holds at most one descriptor, and with it the lock. The system frees the lock when the process ends, however it
+/// ends. The locks of a file are lost when the process closes any descriptor of it: nobody else in this process opens
+/// the file.
+class LockedFile
+{
+public:
+    enum Missing { Create, Refuse };
+
+    explicit LockedFile(const OQCString& acrPath) : mPath(acrPath), mDescriptor(-1) {}
+    ~LockedFile() { release(); }
+    LockedFile(const LockedFile&) = delete;
+    LockedFile& operator=(const LockedFile&) = delete;
+
+    /// Opens and locks the file; does not wait.
+    /// \return false when another process holds the lock. Throws: std::runtime_error when the file cannot be opened.
+    bool tryLock(Missing aMissing);
+
+    /// Gives the lock up.
+    void release();
+
+    int descriptor() const { return mDescriptor; }
+
+private:
+    bool isStillNamed() const;
+
+    const OQCString mPath;
+    int mDescriptor;
+};
+
+#endif

@@ -1,0 +1,104 @@
+#include "Services.h"
+
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include "LockedFile.h"
+
+namespace
+{
+
+/// The file through which the layer learns whether a process runs. There is one for the whole host.
+const char* const cRunningFile = "/tmp/.vyrsyscmd";
+const unsigned int cRunningPatience = 2000;  // milliseconds; less than a tool waits
+
+/// The lines that a fixed command prints. The layer does not report a command that fails, so silence is taken for it.
+OQCList<OQCString> outputOf(const std::string& acrCommand)
+{
+    OQCList<OQCString> lLines;
+    OsExecute(acrCommand.c_str(), lLines);
+    if (0 == lLines.size()) {
+        throw std::runtime_error("no output of: " + acrCommand);
+    }
+    return lLines;
+}
+
+void appendOutput(const char* acCommand, AnswerWriter& arAnswer)
+{
+    for (const OQCString& acrLine : outputOf(acCommand)) {
+        arAnswer.append(std::string(acrLine.get()) + "\n");
+    }
+}
+
+void appendAddresses(AnswerWriter& arAnswer)
+{
+    OQCList<unsigned int> lAddresses;
+    OsGetAllIpAddresses(lAddresses);
+    for (const unsigned int lAddress : lAddresses) {
+        char lText[17];  // four numbers of three digits, three dots, the line's end
+        ClibSprintf(lText, "%u.%u.%u.%u\n", lAddress >> 24, lAddress >> 16 & 255, lAddress >> 8 & 255, lAddress & 255);
+        arAnswer.append(lText);
+    }
+}
+
+std::string operatingSystem()
+{
+    OQEOperatingSystem lFamily;
+    OQCString lRelease("");
+    OsGetOsName(lFamily, lRelease);
+    return std::string(OQOS_Linux == lFamily ? "Linux" : "unknown") + ": " + lRelease.get() + "\n";
+}
+
+/// All callers of the host share one result file, so the file itself is locked while it is in use. One that cannot be
+/// written to would keep the answer to an older question: then there is none.
+std::string processState(const std::string& acrName)
+{
+    LockedFile lTurn(cRunningFile);
+    if (!waitUntil(cRunningPatience, [&] { return lTurn.tryLock(LockedFile::Create); })) {
+        throw std::runtime_error(std::string(cRunningFile) + " is in use");
+    }
+    return acrName + (1 == isProcessRunning(acrName.c_str()) ? " is running\n" : " is not running\n");
+}
+
+}  // namespace
+
+Services::Services() : mServed(0)
+{
+    unsigned short lMilliseconds;
+    ClibGetTime(mStarted, lMilliseconds);
+}
+
+void Services::answer(const Request& acrRequest, AnswerWriter& arAnswer)
+{
+    if ("echo" == acrRequest.mVerb) {
+        arAnswer.append(acrRequest.mArgument + "\n");
+    } else if ("status" == acrRequest.mVerb) {
+        arAnswer.append(status());
+    } else if ("os" == acrRequest.mVerb) {
+        arAnswer.append(operatingSystem());
+    } else if ("addresses" == acrRequest.mVerb) {
+        appendAddresses(arAnswer);
+    } else if ("disks" == acrRequest.mVerb) {
+        appendOutput("df -P", arAnswer);
+    } else if ("load" == acrRequest.mVerb) {
+        appendOutput("cat /proc/loadavg", arAnswer);
+    } else if ("running" == acrRequest.mVerb) {
+        arAnswer.append(processState(acrRequest.mArgument));
+    } else if ("lines" == acrRequest.mVerb) {
+        const unsigned long lCount = std::stoul(acrRequest.mArgument);
+        for (unsigned long lLine = 1; lLine <= lCount; ++lLine) {
+            arAnswer.append("line " + std::to_string(lLine) + "\n");
+        }
+    }
+}
+
+std::string Services::status() const
+{
+    long lNow;
+    unsigned short lMilliseconds;
+    ClibGetTime(lNow, lMilliseconds);
+    const int lThreads = outputOf("ls /proc/" + std::to_string(getpid()) + "/task").size();
+    return "uptime " + std::to_string(lNow - mStarted) + " s\nrequests served " + std::to_string(mServed) +
+           "\nthreads " + std::to_string(lThreads) + "\n";
+}

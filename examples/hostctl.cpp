@@ -1,0 +1,437 @@
+// hostctl: starts hostd, asks it, stops it.
+//
+// Exit status: 0 done, and an answer came whole; 1 not done, and one line on standard error says why; 2 wrong words.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include "Channel.h"
+#include "LockedFile.h"
+#include "OQCompanionSettings.h"
+#include "Startup.h"
+
+namespace
+{
+
+const unsigned int cStartPatience = 5000;  // milliseconds until a daemon is ready
+const unsigned int cStopPatience = 10000;  // milliseconds until a daemon has ended
+const unsigned int cTurnPatience = 30000;  // milliseconds until it is this tool's turn to ask
+const unsigned int cPipePatience = 1000;   // milliseconds until there is room in the FIFO
+const unsigned int cAnswerPatience = 5;    // seconds until the next message of an answer
+
+const char* const cUsage =
+    "usage: hostctl [--name NAME] [--trace] COMMAND\n"
+    "  start [--log FILE]  start hostd; with --trace it traces, too\n"
+    "  stop                end hostd\n"
+    "  ask echo TEXT       the text\n"
+    "  ask status          uptime, requests served, threads of hostd\n"
+    "  ask os              the operating system\n"
+    "  ask addresses       the host's addresses\n"
+    "  ask disks           what df says\n"
+    "  ask load            the load\n"
+    "  ask running NAME    whether a process of that name runs\n"
+    "  ask lines N         so many numbered lines\n";
+
+/// Why a command was not done: one line.
+struct Failure : std::runtime_error {
+    explicit Failure(const std::string& acrText) : std::runtime_error(acrText) {}
+};
+
+// ---- The daemon as seen from outside --------------------------------------------------------------------------------
+
+struct Daemon {
+    bool mAlive;
+    int mPid;  ///< 0 while it starts
+};
+
+/// The lock tells whether a daemon lives, whatever a killed one has left in the file.
+Daemon findDaemon(const Channel& acrChannel)
+{
+    const int lFile = ClibOpen(acrChannel.mLock.get(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0);
+    if (lFile < 0) {
+        if (ENOENT != errno) {
+            throw Failure(std::string("cannot open ") + acrChannel.mLock.get() + ": " + systemError());
+        }
+        return Daemon{false, 0};
+    }
+    OQEFileLockStatus lStatus;
+    OsFileLockStatus(lFile, lStatus);
+    ClibClose(lFile);
+    if (OQFLS_Locked != lStatus) {
+        return Daemon{false, 0};
+    }
+    OQCString lLine("");
+    long lPid = 0;
+    if (0 == getFirstLineFromFile(acrChannel.mLock, lLine)) {
+        lPid = strtol(lLine.get(), NULL, 10);
+    }
+    // Whoever may write the file could name any process, or a group of them by a negative number.
+    return Daemon{true, 0 < lPid && lPid <= INT_MAX ? static_cast<int>(lPid) : 0};
+}
+
+Daemon findReadyDaemon(const Channel& acrChannel)
+{
+    const Daemon lDaemon = findDaemon(acrChannel);
+    if (!lDaemon.mAlive) {
+        throw Failure("hostd is not running");
+    }
+    if (0 == lDaemon.mPid) {
+        throw Failure("hostd is starting; try again");
+    }
+    return lDaemon;
+}
+
+// ---- start ----------------------------------------------------------------------------------------------------------
+
+/// hostd stands beside this program.
+std::string daemonPath()
+{
+    char lPath[4096];
+    const ssize_t lLength = readlink("/proc/self/exe", lPath, sizeof lPath);
+    if (lLength < 0 || sizeof lPath == static_cast<size_t>(lLength)) {
+        throw Failure("cannot tell where this program is: " + systemError());
+    }
+    const std::string lSelf(lPath, static_cast<size_t>(lLength));
+    return lSelf.substr(0, lSelf.rfind('/')) + "/hostd";
+}
+
+int createDaemon(const Options& acrOptions)
+{
+    const std::string lPath = daemonPath();
+    Words lWords = {lPath, "--detach", "--name", acrOptions.mName};
+    if (acrOptions.mTrace) {
+        lWords.push_back("--trace");
+    }
+    if (!acrOptions.mLogFile.empty()) {
+        lWords.push_back("--log");
+        lWords.push_back(acrOptions.mLogFile);
+    }
+    std::vector<char*> lArguments;
+    for (std::string& lrWord : lWords) {
+        lArguments.push_back(&lrWord[0]);
+    }
+    lArguments.push_back(NULL);
+
+    const pid_t lSelf = getpid();
+    try {
+        return ProcessCreate(lPath.c_str(), lArguments.data(), environ);
+    } catch (const OQCProcessCreationFailedEx& acrFailure) {
+        if (getpid() == lSelf) {
+            throw Failure(std::string("cannot make a process: ") + acrFailure.what());
+        }
+        // This is the child, a copy of this program: it has one thing to say and must not do anything else twice.
+        fprintf(stderr, "hostctl: cannot run %s: %s\n", lPath.c_str(), acrFailure.what());
+        _exit(127);
+    }
+}
+
+int start(const Options& acrOptions)
+{
+    const Channel lChannel(acrOptions.mName);
+    const Daemon lRunning = findDaemon(lChannel);
+    if (lRunning.mAlive) {
+        throw Failure("hostd is already running, process " + std::to_string(lRunning.mPid));
+    }
+    const int lChild = createDaemon(acrOptions);
+    bool lReady = false;
+    int lStatus = 0;
+    bool lEnded = false;
+    const bool lKnown = waitUntil(cStartPatience, [&] {
+        lReady = lChild == findDaemon(lChannel).mPid;
+        // The layer waits for a child without a bound only; this asks, and does not wait.
+        lEnded = !lReady && lChild == waitpid(lChild, &lStatus, WNOHANG);
+        return lReady || lEnded;
+    });
+    if (!lKnown) {
+        OsKill(lChild, SIGKILL);
+        ProcessWait(lChild, 0);
+        throw Failure("hostd was not ready after 5 seconds and was ended");
+    }
+    if (lEnded) {
+        if (WIFSIGNALED(lStatus)) {
+            throw Failure("hostd was ended by signal " + std::to_string(WTERMSIG(lStatus)) + " while it started");
+        }
+        return 1;  // the child has said why
+    }
+    printf("hostd is running, process %d\n", lChild);
+    return 0;
+}
+
+// ---- stop -----------------------------------------------------------------------------------------------------------
+
+int stop(const Options& acrOptions)
+{
+    const Channel lChannel(acrOptions.mName);
+    const Daemon lDaemon = findReadyDaemon(lChannel);
+    if (OsKill(lDaemon.mPid, SIGTERM) < 0) {
+        throw Failure("cannot signal process " + std::to_string(lDaemon.mPid) + ": " + systemError());
+    }
+    const bool lEnded = waitUntil(cStopPatience, [&] {
+        const Daemon lNow = findDaemon(lChannel);
+        return !lNow.mAlive || (0 != lNow.mPid && lNow.mPid != lDaemon.mPid);
+    });
+    if (!lEnded) {
+        throw Failure("hostd, process " + std::to_string(lDaemon.mPid) +
+                      ", has not ended after 10 seconds; is it stopped?");
+    }
+    printf("hostd has ended\n");
+    return 0;
+}
+
+// ---- ask ------------------------------------------------------------------------------------------------------------
+
+/// The tool's side of the mailbox.
+class Mailbox
+{
+public:
+    explicit Mailbox(key_t aKey) : mSegment()
+    {
+        mSegment.shm_key = aKey;
+        mSegment.shm_size = cSegmentSize;
+        try {
+            OsSharedMemoryOpen(mSegment, OQCM_Client);
+        } catch (const OQCException& acrFailure) {
+            throw Failure(std::string("cannot open hostd's mailbox: ") + acrFailure.what());
+        }
+    }
+    ~Mailbox()
+    {
+        try {
+            OsSharedMemoryClose(mSegment, OQCM_Client);
+        } catch (const OQCException&) {
+            // The process is about to end, which detaches the segment.
+        }
+    }
+    Mailbox(const Mailbox&) = delete;
+    Mailbox& operator=(const Mailbox&) = delete;
+
+    /// \return whether a message came within a second
+    bool wait() const
+    {
+        try {
+            OsSharedMemoryWaitForActivity(mSegment, 1);
+            return true;
+        } catch (const OQCTimeOutEx&) {
+            return false;
+        }
+    }
+
+    /// Takes the message that is there. \return false when there is none, or it is too short to be one
+    bool read(AnswerHeader& arHeader, std::string& arText)
+    {
+        unsigned char lMessage[cMessageSize];
+        unsigned int lLength = 0;
+        try {
+            OsSharedMemoryRead(mSegment, lMessage, sizeof lMessage, lLength);
+        } catch (const OQCTryAgainEx&) {
+            return false;
+        }
+        if (lLength < sizeof arHeader) {
+            return false;
+        }
+        ClibMemcpy(&arHeader, lMessage, sizeof arHeader);
+        arText.assign(reinterpret_cast<const char*>(lMessage + sizeof arHeader), lLength - sizeof arHeader);
+        return true;
+    }
+
+private:
+    OQShmDesc mSegment;
+};
+
+/// Unlike any other token of this host: the process id is this tool's, and it asks once.
+std::string makeToken()
+{
+    long lSeconds;
+    unsigned short lMilliseconds;
+    ClibGetTime(lSeconds, lMilliseconds);
+    char lToken[64];
+    ClibSprintf(lToken, "%d-%lx-%x", getpid(), static_cast<unsigned long>(lSeconds) & 0xffffffff, lMilliseconds);
+    return lToken;
+}
+
+/// Writes the request in one piece: all of it goes in, or nothing.
+void sendRequest(const Channel& acrChannel, const std::string& acrRequest)
+{
+    int lPipe = -1;  // keeps this value when the FIFO cannot be opened
+    OsNamedPipeOpen(lPipe, acrChannel.mPipe, OQFM_Mode1, OQPS_NonBlocking, OQCM_Client);
+    if (lPipe < 0) {
+        throw Failure(std::string("cannot open ") + acrChannel.mPipe.get() + ": " + systemError());
+    }
+    const bool lSent = waitUntil(cPipePatience, [&] {
+        unsigned int lDone = 0;  // keeps this value when there is no room
+        OsNamedPipeWrite(lPipe, reinterpret_cast<const unsigned char*>(acrRequest.data()),
+                         static_cast<unsigned int>(acrRequest.size()), lDone);
+        return acrRequest.size() == lDone;
+    });
+    OsNamedPipeClose(lPipe, OQCM_Client);
+    if (!lSent) {
+        throw Failure("hostd takes no requests: its FIFO is full; is it stopped?");
+    }
+}
+
+/// Waits for the next message, as long as the daemon that was asked lives.
+void waitForMessage(const Channel& acrChannel, const Daemon& acrDaemon, const Mailbox& acrMailbox)
+{
+    for (unsigned int lSecond = 0; lSecond < cAnswerPatience; ++lSecond) {
+        if (acrMailbox.wait()) {
+            return;
+        }
+        if (findDaemon(acrChannel).mPid != acrDaemon.mPid) {
+            throw Failure("hostd ended before the answer was whole");
+        }
+    }
+    throw Failure("hostd, process " + std::to_string(acrDaemon.mPid) +
+                  ", has not answered for 5 seconds; is it stopped?");
+}
+
+/// Collects the messages of one answer. It is printed only when it is whole, so a slow reader of the output keeps
+/// neither the daemon nor the next tool waiting.
+std::string receiveAnswer(const Channel& acrChannel, const Daemon& acrDaemon, Mailbox& arMailbox,
+                          const std::string& acrToken)
+{
+    std::string lAnswer;
+    uint32_t lSequence = 0;
+    for (;;) {
+        waitForMessage(acrChannel, acrDaemon, arMailbox);
+        AnswerHeader lHeader;
+        std::string lText;
+        if (!arMailbox.read(lHeader, lText) || 0 != strncmp(lHeader.mToken, acrToken.c_str(), sizeof lHeader.mToken)) {
+            continue;  // meant for a tool that is gone
+        }
+        if (AK_Error == lHeader.mKind) {
+            throw Failure("hostd answered: " + lText);
+        }
+        if (lSequence++ != lHeader.mSequence || (AK_More != lHeader.mKind && AK_End != lHeader.mKind)) {
+            throw Failure("the answer is damaged");
+        }
+        lAnswer += lText;
+        if (AK_End == lHeader.mKind) {
+            return lAnswer;
+        }
+    }
+}
+
+int ask(const Options& acrOptions, const std::string& acrVerb, const std::string& acrArgument)
+{
+    const Channel lChannel(acrOptions.mName);
+    findReadyDaemon(lChannel);
+    LockedFile lTurn(lChannel.mTurn);
+    if (!waitUntil(cTurnPatience, [&] { return lTurn.tryLock(LockedFile::Refuse); })) {
+        throw Failure("others have been asking hostd for 30 seconds");
+    }
+    const Daemon lDaemon = findReadyDaemon(lChannel);  // it may be another one by now, or none
+    Mailbox lMailbox(lChannel.mKey);
+    const std::string lToken = makeToken();
+    const std::string lBlank = acrArgument.empty() ? "" : " ";
+    // What a tool that died has left in the mailbox is taken out by the search for this token.
+    sendRequest(lChannel, cRequestStart + lToken + " " + acrVerb + lBlank + acrArgument + cRequestEnd);
+    const std::string lAnswer = receiveAnswer(lChannel, lDaemon, lMailbox, lToken);
+    lTurn.release();
+    if (lAnswer.size() != fwrite(lAnswer.data(), 1, lAnswer.size(), stdout)) {
+        throw Failure("cannot print the answer: " + systemError());
+    }
+    return 0;
+}
+
+// ---- Words ----------------------------------------------------------------------------------------------------------
+
+int wrongWords(const std::string& acrReason)
+{
+    fprintf(stderr, "hostctl: %s\n%s", acrReason.c_str(), cUsage);
+    return 2;
+}
+
+/// \return what is wrong with the words behind "ask"; empty: nothing
+std::string checkQuestion(const Words& acrWords)
+{
+    bool lTakesArgument = false;
+    if (acrWords.empty()) {
+        return "ask what?";
+    }
+    if (!findVerb(acrWords[0], lTakesArgument)) {
+        return "cannot ask " + acrWords[0];
+    }
+    if (acrWords.size() != (lTakesArgument ? 2u : 1u)) {
+        return "ask " + acrWords[0] + (lTakesArgument ? " takes one argument" : " takes no argument");
+    }
+    const std::string lArgument = lTakesArgument ? acrWords[1] : "";
+    if (const char* const lpReason = refusalOf(acrWords[0], lArgument)) {
+        return lpReason;
+    }
+    // Start, token, blank, verb, blank, argument, end.
+    if (cRequestSize < 4 + cTokenLength + acrWords[0].size() + lArgument.size()) {
+        return "the argument is too long";
+    }
+    return "";
+}
+
+int run(Words& arWords)
+{
+    Options lOptions;
+    std::string lWrong = takeOptions(arWords, lOptions);
+    if (!lWrong.empty()) {
+        return wrongWords(lWrong);
+    }
+    if (arWords.empty()) {
+        return wrongWords("no command");
+    }
+    const std::string lCommand = arWords.front();
+    arWords.erase(arWords.begin());
+    lWrong = takeOptions(arWords, lOptions);  // options may stand behind the command as well
+    const bool lStart = "start" == lCommand;
+    if (lWrong.empty() && (lOptions.mDetach || (!lStart && !lOptions.mLogFile.empty()))) {
+        lWrong = "this option is not for " + lCommand;
+    }
+    if (lWrong.empty()) {
+        if ("ask" == lCommand) {
+            lWrong = checkQuestion(arWords);
+        } else if (!lStart && "stop" != lCommand) {
+            lWrong = "unknown command " + lCommand;
+        } else if (!arWords.empty()) {
+            lWrong = lCommand + " takes no further words";
+        }
+    }
+    if (!lWrong.empty()) {
+        return wrongWords(lWrong);
+    }
+    // A failure is told in one line of this program; the layer's own lines are for those who want to see them all.
+    SetLogLevels(lOptions.mTrace ? OQLL_Halt | OQLL_Error | OQLL_Information | OQLL_Trace : 0);
+    return lStart               ? start(lOptions)
+           : "stop" == lCommand ? stop(lOptions)
+                                : ask(lOptions, arWords[0], arWords.size() < 2 ? "" : arWords[1]);
+}
+
+int fail(const char* acReason)
+{
+    fprintf(stderr, "hostctl: %s\n", acReason);
+    return 1;
+}
+
+}  // namespace
+
+int main(int aCount, char** apWords)
+{
+    keepStandardDescriptors();
+    Words lWords(apWords + 1, apWords + aCount);
+    try {
+        const int lStatus = run(lWords);
+        // A full disk shows when the output is flushed.
+        if (0 == lStatus && 0 != fflush(stdout)) {
+            return fail(("cannot print: " + systemError()).c_str());
+        }
+        return lStatus;
+    } catch (const OQCException& acrFailure) {
+        return fail(acrFailure.what());
+    } catch (const std::exception& acrFailure) {
+        return fail(acrFailure.what());
+    }
+}

@@ -1,0 +1,420 @@
+// hostd: a small daemon that answers questions about its host.
+//
+// The main thread reads requests from a FIFO and puts them into a queue; one worker thread takes them out and sends the
+// answers through a shared-memory mailbox. Everything the daemon makes is owned by an object whose destructor removes
+// it: what was made last goes first, on a failed start as on an ordered end.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+
+#include "AnswerWriter.h"
+#include "Channel.h"
+#include "LockedFile.h"
+#include "OQCompanionSettings.h"
+#include "RequestParser.h"
+#include "RequestQueue.h"
+#include "Services.h"
+#include "Startup.h"
+
+#define HOSTD_LOG(level, tag, ...) PrintLogMessageWithTimeStamp(level, tag, __LINE__, __func__, ".//hostd", __VA_ARGS__)
+#define HOSTD_ERROR(...) HOSTD_LOG(OQLL_Error, "-E-", __VA_ARGS__)
+#define HOSTD_INFORMATION(...) HOSTD_LOG(OQLL_Information, "-I-", __VA_ARGS__)
+#define HOSTD_TRACE(...) HOSTD_LOG(OQLL_Trace, "-T-", __VA_ARGS__)
+
+namespace
+{
+
+const unsigned int cUsualLevels = OQLL_Halt | OQLL_Error | OQLL_Information;
+const unsigned int cAllLevels = cUsualLevels | OQLL_Trace;
+const unsigned int cIdleSeconds = 1;  // how long an end that was asked for may go unnoticed
+
+// ---- Signals --------------------------------------------------------------------------------------------------------
+
+volatile sig_atomic_t sEndRequested = 0;
+
+void requestEnd(int) { sEndRequested = 1; }
+
+/// A signal that must not end the process but is to have its usual effect on the commands that the daemon runs: unlike
+/// an ignored signal, a handled one is not handed on to another program.
+void takeNote(int) {}
+
+/// Signals end calls of the thread they hit, and those are not restarted. Only the main thread, which expects it, is to
+/// be hit: it blocks them while it starts the worker, which inherits that, and lets them in when all is set up.
+void setSignalsBlocked(bool aBlocked)
+{
+    sigset_t lSignals;
+    sigemptyset(&lSignals);
+    sigaddset(&lSignals, SIGTERM);
+    sigaddset(&lSignals, SIGINT);
+    pthread_sigmask(aBlocked ? SIG_BLOCK : SIG_UNBLOCK, &lSignals, NULL);
+}
+
+// ---- What the daemon owns -------------------------------------------------------------------------------------------
+
+/// The lock that keeps a second daemon of this name out.
+class Instance
+{
+public:
+    explicit Instance(const OQCString& acrPath) : mPath(acrPath), mLock(acrPath)
+    {
+        if (!mLock.tryLock(LockedFile::Create)) {
+            throw std::runtime_error("another hostd of this name is running");
+        }
+        // The file of a daemon that was killed still names that daemon.
+        if (ftruncate(mLock.descriptor(), 0) < 0) {
+            throw std::runtime_error(std::string("cannot empty ") + mPath.get() + ": " + systemError());
+        }
+    }
+
+    /// Removed while it is locked: whoever opened it before finds, once it has the lock, that the name is gone.
+    ~Instance()
+    {
+        ClibUnlink(mPath.get());
+        mLock.release();
+    }
+
+    /// Tells everybody the process id, and thereby that requests are served.
+    void markReady() const
+    {
+        char lLine[32];
+        const int lLength = ClibSprintf(lLine, "%d\n", getpid());
+        if (ClibWrite(mLock.descriptor(), lLine, static_cast<unsigned int>(lLength)) != lLength) {
+            throw std::runtime_error(std::string("cannot write ") + mPath.get() + ": " + systemError());
+        }
+    }
+
+private:
+    const OQCString mPath;
+    LockedFile mLock;
+};
+
+/// The file by whose lock tools take turns. The daemon only makes and removes it.
+class TurnFile
+{
+public:
+    explicit TurnFile(const OQCString& acrPath) : mPath(acrPath)
+    {
+        const int lDescriptor = ClibOpen(mPath.get(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
+        if (lDescriptor < 0) {
+            throw std::runtime_error(std::string("cannot make ") + mPath.get() + ": " + systemError());
+        }
+        ClibClose(lDescriptor);
+    }
+    ~TurnFile() { ClibUnlink(mPath.get()); }
+    TurnFile(const TurnFile&) = delete;
+    TurnFile& operator=(const TurnFile&) = delete;
+
+private:
+    const OQCString mPath;
+};
+
+/// The FIFO through which requests come.
+class RequestPipe
+{
+public:
+    explicit RequestPipe(const OQCString& acrPath) : mPath(acrPath), mPipe(-1)
+    {
+        try {
+            OsNamedPipeCreate(mPath, mPipe);
+        } catch (const OQCCreateFailedEx& acrFailure) {
+            throw std::runtime_error(std::string("cannot make ") + mPath.get() + ": " + acrFailure.what());
+        }
+        // Any existing file is accepted by that call; a FIFO left by a killed daemon may be, anything else is not ours.
+        struct stat lInfo;
+        ClibStat(mPath.get(), &lInfo);
+        if (!S_ISFIFO(lInfo.st_mode)) {
+            throw std::runtime_error(std::string(mPath.get()) + " exists and is no FIFO");
+        }
+        OsNamedPipeOpen(mPipe, mPath, OQFM_Mode1, OQPS_NonBlocking, OQCM_Server);
+        if (mPipe < 0) {
+            const std::string lError = systemError();
+            OsNamedPipeDestroy(mPath, mPipe);
+            throw std::runtime_error(std::string("cannot open ") + mPath.get() + ": " + lError);
+        }
+        fcntl(mPipe, F_SETFD, FD_CLOEXEC);  // commands that the daemon runs have no business with it
+    }
+    ~RequestPipe()
+    {
+        OsNamedPipeClose(mPipe, OQCM_Server);
+        OsNamedPipeDestroy(mPath, mPipe);
+    }
+    RequestPipe(const RequestPipe&) = delete;
+    RequestPipe& operator=(const RequestPipe&) = delete;
+
+    /// Waits for bytes and hands them to the parser; returns without any when none come within the idle time.
+    void read(RequestParser& arParser) const
+    {
+        try {
+            OsNamedPipeWaitForActivity(mPipe, cIdleSeconds);
+        } catch (const OQCTimeOutEx&) {
+            return;  // nobody asks anything: the usual case
+        }
+        unsigned char lBytes[4096];
+        unsigned int lDone = 0;
+        OsNamedPipeRead(mPipe, lBytes, sizeof lBytes, lDone);
+        arParser.feed(lBytes, lDone);
+    }
+
+private:
+    const OQCString mPath;
+    int mPipe;
+};
+
+/// The segment through which answers go.
+class Mailbox
+{
+public:
+    explicit Mailbox(key_t aKey) : mSegment()
+    {
+        mSegment.shm_key = aKey;
+        mSegment.shm_size = cSegmentSize;
+        mSegment.shm_id = -1;
+        try {
+            OsSharedMemoryOpen(mSegment, OQCM_Server);
+        } catch (const OQCException& acrFailure) {
+            // A failed open undoes nothing: the segment may have been made, and then it is to be removed. The layer
+            // removes only segments that were opened.
+            if (0 <= mSegment.shm_id) {
+                shmctl(mSegment.shm_id, IPC_RMID, NULL);
+            }
+            throw std::runtime_error(std::string("cannot open the mailbox: ") + acrFailure.what());
+        }
+    }
+    ~Mailbox()
+    {
+        try {
+            OsSharedMemoryClose(mSegment, OQCM_Server);
+        } catch (const OQCException& acrFailure) {
+            HOSTD_ERROR("cannot close the mailbox: %s", acrFailure.what());
+        }
+    }
+    Mailbox(const Mailbox&) = delete;
+    Mailbox& operator=(const Mailbox&) = delete;
+
+    OQShmDesc& segment() { return mSegment; }
+
+private:
+    OQShmDesc mSegment;
+};
+
+// ---- The two threads ------------------------------------------------------------------------------------------------
+
+/// Answers what is in the queue, on a thread of its own. Nobody else writes into the mailbox.
+class Worker
+{
+public:
+    Worker(RequestQueue& arQueue, OQShmDesc& arMailbox)
+        : mQueue(arQueue), mMailbox(arMailbox), mHalted(false), mThread(0)
+    {
+        try {
+            OsStartThread(mThread, this, run);
+        } catch (const OQCException& acrFailure) {
+            throw std::runtime_error(std::string("cannot start the worker: ") + acrFailure.what());
+        }
+    }
+    ~Worker()
+    {
+        try {
+            mQueue.close();
+            OsWaitForExit(mThread);
+        } catch (const OQCException& acrFailure) {
+            HOSTD_ERROR("cannot wait for the worker: %s", acrFailure.what());
+        }
+    }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    /// Whether the worker has met a failure after which the daemon is to end.
+    bool isHalted() const { return mHalted; }
+
+private:
+    static void* run(void* apWorker)
+    {
+        // No exception may leave a thread's routine.
+        Worker& lrWorker = *static_cast<Worker*>(apWorker);
+        try {
+            Job lJob;
+            while (lrWorker.mQueue.take(lJob)) {
+                lrWorker.serve(lJob);
+            }
+        } catch (const OQCException& acrFailure) {
+            HOSTD_ERROR("the worker halts: %s", acrFailure.what());
+            lrWorker.mHalted = true;
+        } catch (const std::exception& acrFailure) {
+            HOSTD_ERROR("the worker halts: %s", acrFailure.what());
+            lrWorker.mHalted = true;
+        }
+        return NULL;
+    }
+
+    /// One answer. Only failures of the halt family, or exhausted memory, get out of here.
+    void serve(const Job& acrJob)
+    {
+        const char* const lpToken = acrJob.mRequest.mToken.c_str();
+        AnswerWriter lAnswer(mMailbox, acrJob.mRequest.mToken, [this] { return mQueue.isClosed(); });
+        try {
+            try {
+                if (!acrJob.mRefusal.empty()) {
+                    lAnswer.fail(acrJob.mRefusal);
+                    return;
+                }
+                HOSTD_TRACE("answering request %s: %s", lpToken, acrJob.mRequest.mVerb.c_str());
+                mServices.answer(acrJob.mRequest, lAnswer);
+                lAnswer.end();
+                mServices.countServed();
+                HOSTD_TRACE("request %s is answered", lpToken);
+            } catch (const OQCHaltEx&) {
+                throw;
+            } catch (const OQCException& acrFailure) {
+                HOSTD_ERROR("request %s failed: %s", lpToken, acrFailure.what());
+                lAnswer.fail(acrFailure.what());
+            } catch (const std::runtime_error& acrFailure) {
+                HOSTD_ERROR("request %s failed: %s", lpToken, acrFailure.what());
+                lAnswer.fail(acrFailure.what());
+            }
+        } catch (const AnswerDropped& acrDropped) {
+            HOSTD_ERROR("the answer to request %s is dropped: %s", lpToken, acrDropped.mReason);
+        }
+    }
+
+    RequestQueue& mQueue;
+    OQShmDesc& mMailbox;
+    Services mServices;
+    std::atomic<bool> mHalted;
+    unsigned long mThread;
+};
+
+/// Puts what the parser finds into the queue; on the main thread.
+class Intake : public RequestSink
+{
+public:
+    explicit Intake(RequestQueue& arQueue) : mQueue(arQueue) {}
+
+    void onRequest(const Request& acrRequest) override
+    {
+        if (!mQueue.put(Job{acrRequest, ""})) {
+            onRefused(acrRequest.mToken, "too many requests are waiting");
+        }
+    }
+
+    void onRefused(const std::string& acrToken, const char* acReason) override
+    {
+        HOSTD_ERROR("request %s is refused: %s", acrToken.empty() ? "without a token" : acrToken.c_str(), acReason);
+        if (!acrToken.empty() && !mQueue.put(Job{Request{acrToken, "", ""}, acReason})) {
+            HOSTD_ERROR("request %s is not even told so: too many refusals are waiting", acrToken.c_str());
+        }
+    }
+
+private:
+    RequestQueue& mQueue;
+};
+
+// ---- Start and end --------------------------------------------------------------------------------------------------
+
+/// Until the daemon is ready, whoever started it is told in one line what goes wrong; log lines on standard error would
+/// only repeat it.
+void openLog(const Options& acrOptions)
+{
+    SetLogLevels(0);
+    if (!acrOptions.mLogFile.empty()) {
+        const int lLog = ClibOpen(acrOptions.mLogFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+        if (lLog < 0) {
+            throw std::runtime_error("cannot open " + acrOptions.mLogFile + ": " + systemError());
+        }
+        SetLogDescriptor(lLog);
+        SetLogLevels(cUsualLevels);
+    }
+    if (acrOptions.mTrace) {
+        SetLogLevels(cAllLevels);
+    }
+}
+
+/// Lets go of what belongs to the starter, which may be waiting for the end of this process's output.
+void detachDescriptors(int aNull)
+{
+    for (const int lDescriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        dup2(aNull, lDescriptor);
+    }
+}
+
+/// \return exit status
+int serve(const Options& acrOptions)
+{
+    setSignalsBlocked(true);
+    openLog(acrOptions);
+    RegisterSignalHandler(SIGTERM, requestEnd);
+    RegisterSignalHandler(SIGINT, requestEnd);
+    RegisterSignalHandler(SIGPIPE, takeNote);  // a log that nobody reads any more
+    const int lNull = ClibOpen("/dev/null", O_RDWR | O_CLOEXEC, 0);
+    if (lNull < 0) {
+        throw std::runtime_error("cannot open /dev/null: " + systemError());
+    }
+    if (acrOptions.mDetach) {
+        setsid();              // fails for the leader of a group, which nobody started to be detached
+        if (chdir("/") < 0) {  // the starter's directory is not kept in use
+            throw std::runtime_error("cannot change to /: " + systemError());
+        }
+    }
+
+    const Channel lChannel(acrOptions.mName);
+    const Instance lInstance(lChannel.mLock);
+    const TurnFile lTurn(lChannel.mTurn);
+    const RequestPipe lPipe(lChannel.mPipe);
+    Mailbox lMailbox(lChannel.mKey);
+    RequestQueue lQueue;
+    const Worker lWorker(lQueue, lMailbox.segment());
+    Intake lIntake(lQueue);
+    RequestParser lParser(lIntake);
+
+    lInstance.markReady();
+    if (acrOptions.mDetach) {
+        detachDescriptors(lNull);
+    }
+    SetLogLevels(acrOptions.mTrace ? cAllLevels : cUsualLevels);
+    HOSTD_INFORMATION("ready");
+    setSignalsBlocked(false);
+
+    while (0 == sEndRequested && !lWorker.isHalted()) {
+        lPipe.read(lParser);
+    }
+    HOSTD_INFORMATION("ending");
+    return lWorker.isHalted() ? 1 : 0;
+}
+
+int fail(const char* acReason)
+{
+    fprintf(stderr, "hostd: %s\n", acReason);
+    HOSTD_ERROR("%s", acReason);
+    return 1;
+}
+
+}  // namespace
+
+int main(int aCount, char** apWords)
+{
+    keepStandardDescriptors();
+    Options lOptions;
+    Words lWords(apWords + 1, apWords + aCount);
+    std::string lWrong = takeOptions(lWords, lOptions);
+    if (lWrong.empty() && !lWords.empty()) {
+        lWrong = "unknown word " + lWords.front();
+    }
+    if (!lWrong.empty()) {
+        fprintf(stderr, "hostd: %s\nusage: hostd [--name NAME] [--trace] [--log FILE] [--detach]\n", lWrong.c_str());
+        return 2;
+    }
+    try {
+        return serve(lOptions);
+    } catch (const OQCException& acrFailure) {
+        return fail(acrFailure.what());
+    } catch (const std::exception& acrFailure) {
+        return fail(acrFailure.what());
+    }
+}
