@@ -6,7 +6,7 @@
 
 static_assert(sizeof(OQCReferenceCount) == 4, "one 32-bit word");
 
-OQCException::OQCException(const char* acMessage, unsigned int aCode) : mCode(aCode)
+OQCException::OQCException(const char* acMessage, unsigned int aCode) noexcept : mCode(aCode)
 {
     const size_t lLength = strnlen(acMessage, sizeof mMessage - 1);
     memcpy(mMessage, acMessage, lLength);

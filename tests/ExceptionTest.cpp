@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -204,6 +205,18 @@ TYPED_TEST(ExceptionTreeTest, MostDerivedClassBuildsTheRoot)
     const Derived<TypeParam, TypeParam::cHalt> lFailure;
     EXPECT_STREQ("the root's", lFailure.what());
     EXPECT_EQ(7U, lFailure.code());
+}
+
+// A handler in a module whose C++ library compares types by address matches only what is visible.
+TYPED_TEST(ExceptionTreeTest, TypeInformationIsVisibleInTheLibrary)
+{
+    void* const lpLibrary = dlopen("libOQLinux.so.1", RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(nullptr, lpLibrary) << dlerror();
+    for (const char* lpName : {typeid(typename TypeParam::Leaf).name(), typeid(typename TypeParam::Family).name(),
+                               typeid(OQCHaltEx).name()}) {
+        EXPECT_NE(nullptr, dlsym(lpLibrary, (std::string("_ZTI") + lpName).c_str())) << lpName;
+    }
+    dlclose(lpLibrary);
 }
 
 class ExceptionTest : public LayerTest

@@ -215,6 +215,7 @@ TEST_F(OQStringTest, AppendingIsInPlaceAndReturnsTheObject)
     const void* const lpCounter = counterOf(lString);
     EXPECT_EQ(&lString, &(lString += lOther));
     EXPECT_STREQ("onetwo", lString.get());
+    EXPECT_EQ(lpCounter, counterOf(lString));
     EXPECT_STREQ("two", lOther.get());
     lString += lString;
     EXPECT_STREQ("onetwoonetwo", lString.get());

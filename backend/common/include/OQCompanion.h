@@ -20,6 +20,8 @@
 #include <atomic>
 
 #define OQ_EXPORT __attribute__((visibility("default")))
+/// For a private helper of an exported class: whether it is inlined must not change what the library exports.
+#define OQ_LOCAL __attribute__((visibility("hidden")))
 
 /// Gives an inline member a body of its own in the library (a caller built without inlining binds to it) although the
 /// optimiser would inline every use. Only the one source of the library that defines OQ_EMIT_INLINE asks for it.
@@ -64,7 +66,7 @@ class OQ_EXPORT OQCException
 public:
     /// \param acMessage text, copied; cut at 255 characters
     /// \param aCode     code of the class that is thrown
-    OQCException(const char* acMessage, unsigned int aCode);
+    OQCException(const char* acMessage, unsigned int aCode) noexcept;
     virtual ~OQCException();
 
     /// The stored text; valid as long as the object. Never fails.

@@ -13,34 +13,34 @@
 template <class Leaf>
 struct OQErrorCode;
 
-#define OQ_FAMILY(Family)                                                                                \
-    class OQ_EXPORT Family : public virtual OQCException                                                 \
-    {                                                                                                    \
-    public:                                                                                              \
-        OQ_EMITTED Family(const char* acMessage, unsigned int aCode) : OQCException(acMessage, aCode) {} \
-        OQ_EMITTED virtual ~Family() {}                                                                  \
+#define OQ_FAMILY(Family)                                                                                         \
+    class OQ_EXPORT Family : public virtual OQCException                                                          \
+    {                                                                                                             \
+    public:                                                                                                       \
+        OQ_EMITTED Family(const char* acMessage, unsigned int aCode) noexcept : OQCException(acMessage, aCode) {} \
+        OQ_EMITTED virtual ~Family() {}                                                                           \
     }
 
-#define OQ_LEAF(Leaf, Family, Code)                                    \
-    class OQ_EXPORT Leaf : public virtual Family                       \
-    {                                                                  \
-    public:                                                            \
-        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode)     \
-            : OQCException(acMessage, aCode), Family(acMessage, aCode) \
-        {                                                              \
-        }                                                              \
-        OQ_EMITTED virtual ~Leaf() {}                                  \
-    };                                                                 \
-    template <>                                                        \
-    struct OQErrorCode<Leaf> {                                         \
-        enum : unsigned int { value = Code };                          \
+#define OQ_LEAF(Leaf, Family, Code)                                         \
+    class OQ_EXPORT Leaf : public virtual Family                            \
+    {                                                                       \
+    public:                                                                 \
+        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode) noexcept \
+            : OQCException(acMessage, aCode), Family(acMessage, aCode)      \
+        {                                                                   \
+        }                                                                   \
+        OQ_EMITTED virtual ~Leaf() {}                                       \
+    };                                                                      \
+    template <>                                                             \
+    struct OQErrorCode<Leaf> {                                              \
+        enum : unsigned int { value = Code };                               \
     }
 
 #define OQ_HALT(Leaf, Family, Code)                                                                 \
     class OQ_EXPORT Leaf : public virtual Family, public virtual OQCHaltEx                          \
     {                                                                                               \
     public:                                                                                         \
-        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode)                                  \
+        OQ_EMITTED Leaf(const char* acMessage, unsigned int aCode) noexcept                         \
             : OQCException(acMessage, aCode), Family(acMessage, aCode), OQCHaltEx(acMessage, aCode) \
         {                                                                                           \
         }                                                                                           \

@@ -65,7 +65,7 @@ private:
     /// A text of its own. The nothrow form of new is null only when the string object cannot be had; its characters
     /// still come with std::bad_alloc. Both are memory exhausted, which the Pointer reports.
     template <class Text>
-    static Pointer<std::string> allocated(const Text& acrText)
+    OQ_LOCAL static Pointer<std::string> allocated(const Text& acrText)
     {
         std::string* lpString = 0;
         try {
