@@ -1,0 +1,320 @@
+// Exceptions and log lines.
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <stdexcept>
+
+#include "Bench.h"
+#include "Fixed.h"
+
+#ifdef BENCH_BOOST
+#include <boost/log/core.hpp>
+#include <boost/log/expressions.hpp>
+#include <boost/log/sources/severity_logger.hpp>
+#include <boost/log/support/date_time.hpp>
+#include <boost/log/trivial.hpp>
+#include <boost/log/utility/setup/common_attributes.hpp>
+#include <boost/log/utility/setup/file.hpp>
+#include <boost/thread/exceptions.hpp>
+#endif
+#ifdef BENCH_GLIB
+#include <glib.h>
+#endif
+#ifdef BENCH_POCO
+#include <Poco/Exception.h>
+#include <Poco/FileChannel.h>
+#include <Poco/FormattingChannel.h>
+#include <Poco/Logger.h>
+#include <Poco/PatternFormatter.h>
+#endif
+#ifdef BENCH_SPDLOG
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/spdlog.h>
+#endif
+
+namespace
+{
+
+const char* const cText = "Not Supported";
+
+// --- exceptions ------------------------------------------------------------------------------------------------------
+
+/// The least that carries such a text.
+class Smallest
+{
+public:
+    explicit Smallest(const char* acText)
+    {
+        const size_t lLength = strnlen(acText, sizeof mText - 1);
+        memcpy(mText, acText, lLength);
+        mText[lLength] = '\0';
+    }
+    const char* what() const { return mText; }
+
+private:
+    char mText[256];
+};
+
+// All are thrown one call away from their handler.
+[[gnu::noinline, noreturn]] void throwSmallest() { throw Smallest(cText); }
+[[gnu::noinline, noreturn]] void throwLayer() { throw OQCNotSupportedEx(cText, OQErrorCode<OQCNotSupportedEx>::value); }
+[[gnu::noinline, noreturn]] void throwStd() { throw std::range_error(cText); }
+[[noreturn]] void throwInLayer()
+{
+    unsigned long lThread = 0;
+    OsResumeThread(lThread);
+}
+#ifdef BENCH_BOOST
+[[gnu::noinline, noreturn]] void throwBoost() { throw boost::thread_resource_error(95, cText); }
+#endif
+#ifdef BENCH_POCO
+[[gnu::noinline, noreturn]] void throwPoco() { throw Poco::TimeoutException(cText); }
+#endif
+
+template <void Throw(), class Caught>
+void throwCatch(const char* acGroup, const char* acRow)
+{
+    repeat(acGroup, acRow, [] {
+        const char* lpText = nullptr;
+        try {
+            Throw();
+        } catch (const Caught& acrFailure) {
+            lpText = acrFailure.what();
+            check('\0' != *lpText, "text");
+        }
+        check(nullptr != lpText, "nothing was caught");
+    });
+}
+
+template <void Throw(), class Leaf, class Family, class Root>
+void exceptions(const char* acRow)
+{
+    throwCatch<Throw, Leaf>("throw-leaf", acRow);
+    throwCatch<Throw, Family>("throw-family", acRow);
+    throwCatch<Throw, Root>("throw-root", acRow);
+}
+
+// --- filtered lines --------------------------------------------------------------------------------------------------
+
+void filteredLines()
+{
+    repeat("log-filtered", "raw",
+           [] { fixedLog(OQLL_Trace, "-T-", __LINE__, "OsLockFile", ".//MiscLinux", "%s", "Entered"); });
+    repeat("log-filtered", "OQLinux", [] {
+        PrintLogMessageWithTimeStamp(OQLL_Trace, "-T-", __LINE__, "OsLockFile", ".//MiscLinux", "%s", "Entered");
+    });
+#ifdef BENCH_BOOST
+    row("log-filtered", "Boost", [](benchmark::State& arState) {
+        boost::log::core::get()->set_filter(boost::log::trivial::severity >= boost::log::trivial::info);
+        for (auto lIteration : arState) {
+            BOOST_LOG_TRIVIAL(trace) << "Entered";
+        }
+    });
+#endif
+#ifdef BENCH_GLIB
+    repeat("log-filtered", "GLib", [] { g_debug("%s", "Entered"); });
+#endif
+#ifdef BENCH_POCO
+    row("log-filtered", "POCO", [](benchmark::State& arState) {
+        Poco::Logger& lLogger = Poco::Logger::get("bench");
+        lLogger.setLevel(Poco::Message::PRIO_WARNING);
+        for (auto lIteration : arState) {
+            poco_information(lLogger, "Entered");  // its trace macro is empty in an optimised build
+        }
+    });
+#endif
+#ifdef BENCH_SPDLOG
+    row("log-filtered", "spdlog", [](benchmark::State& arState) {
+        const auto lLogger = std::make_shared<spdlog::logger>("bench");
+        for (auto lIteration : arState) {
+            lLogger->trace("{}", "Entered");
+        }
+    });
+#endif
+}
+
+// --- written lines ---------------------------------------------------------------------------------------------------
+
+const char* const cMessage = "Resource temporarily unavailable";
+
+/// The file a row logs to: in the temporary directory, emptied before each repetition, checked after it.
+class LogFile
+{
+public:
+    LogFile() : mPath(directory() + "/log"), mFile(open(mPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_TRUNC, 0600))
+    {
+        check(0 <= mFile, "open");
+    }
+    ~LogFile()
+    {
+        close(mFile);
+        unlink(mPath.c_str());
+    }
+    /// Each line is there: no logger of the group needs fewer bytes, and none keeps them back.
+    void mustHold(benchmark::IterationCount aLines) const
+    {
+        struct stat lInfo;
+        check(0 == stat(mPath.c_str(), &lInfo) && aLines * 90 <= lInfo.st_size, "lines are missing");
+    }
+
+    const std::string mPath;
+    const int mFile;
+};
+
+/// What anyone would write who has no logger: the same line as the layer's, in one snprintf and one write.
+void writeRaw(int aFile)
+{
+    timespec lNow;
+    tm lTime;
+    char lLine[512];
+    clock_gettime(CLOCK_REALTIME, &lNow);
+    gmtime_r(&lNow.tv_sec, &lTime);
+    const int lLength =
+        snprintf(lLine, sizeof lLine,
+                 "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ %d %lu %s %s (%s:%u) Failed to lock file, "
+                 "error: %s\n",
+                 lTime.tm_year + 1900, lTime.tm_mon + 1, lTime.tm_mday, lTime.tm_hour, lTime.tm_min, lTime.tm_sec,
+                 lNow.tv_nsec / 1000, getpid(), pthread_self(), "-E-", "OsLockFile", ".//MiscLinux", 88u, cMessage);
+    check(lLength == write(aFile, lLine, static_cast<size_t>(lLength)), "write");
+}
+
+void writeLayer()
+{
+    PrintLogMessageWithTimeStamp(OQLL_Error, "-E-", 88, "OsLockFile", ".//MiscLinux", "Failed to lock file, error: %s",
+                                 cMessage);
+}
+
+void rawLines(benchmark::State& arState, int aFile)
+{
+    for (auto lIteration : arState) {
+        writeRaw(aFile);
+    }
+}
+
+void layerLines(benchmark::State& arState, int aFile)
+{
+    SetLogDescriptor(aFile);
+    for (auto lIteration : arState) {
+        writeLayer();
+    }
+    SetLogDescriptor(STDERR_FILENO);
+}
+
+#ifdef BENCH_SPDLOG
+void spdlogLines(benchmark::State& arState, const std::string& acrPath)
+{
+    spdlog::logger lLogger("bench", std::make_shared<spdlog::sinks::basic_file_sink_mt>(acrPath));
+    lLogger.set_formatter(std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%fZ %P %t -%L- %! (%s:%#) %v",
+                                                                      spdlog::pattern_time_type::utc));
+    lLogger.flush_on(spdlog::level::trace);
+    for (auto lIteration : arState) {
+        lLogger.log(spdlog::source_loc{".//MiscLinux", 88, "OsLockFile"}, spdlog::level::err,
+                    "Failed to lock file, error: {}", cMessage);
+    }
+}
+#endif
+
+#ifdef BENCH_POCO
+void pocoLines(benchmark::State& arState)
+{
+    const LogFile lFile;
+    Poco::AutoPtr<Poco::FileChannel> lpFile(new Poco::FileChannel(lFile.mPath));
+    lpFile->setProperty("flush", "true");
+    Poco::AutoPtr<Poco::PatternFormatter> lpPattern(
+        new Poco::PatternFormatter("%Y-%m-%dT%H:%M:%S.%FZ %P %I -%q- OsLockFile (%U:%u) %t"));
+    Poco::AutoPtr<Poco::FormattingChannel> lpChannel(new Poco::FormattingChannel(lpPattern, lpFile));
+    Poco::Logger& lLogger = Poco::Logger::create("bench-file", lpChannel, Poco::Message::PRIO_TRACE);
+    for (auto lIteration : arState) {
+        lLogger.error(Poco::format("Failed to lock file, error: %s", std::string(cMessage)), ".//MiscLinux", 88);
+    }
+    Poco::Logger::destroy("bench-file");
+    lFile.mustHold(arState.iterations());
+}
+#endif
+
+#ifdef BENCH_BOOST
+void boostLines(benchmark::State& arState)
+{
+    namespace log = boost::log;
+    namespace expressions = boost::log::expressions;
+    const LogFile lFile;
+    log::add_common_attributes();
+    const auto lpSink =
+        log::add_file_log(log::keywords::file_name = lFile.mPath, log::keywords::auto_flush = true,
+                          log::keywords::format =
+                              (expressions::stream
+                               << expressions::format_date_time<boost::posix_time::ptime>("TimeStamp",
+                                                                                          "%Y-%m-%dT%H:%M:%S.%fZ")
+                               << ' ' << expressions::attr<log::attributes::current_process_id::value_type>("ProcessID")
+                               << ' ' << expressions::attr<log::attributes::current_thread_id::value_type>("ThreadID")
+                               << ' ' << log::trivial::severity << ' ' << expressions::smessage));
+    log::core::get()->reset_filter();
+    for (auto lIteration : arState) {
+        BOOST_LOG_TRIVIAL(error) << "OsLockFile (.//MiscLinux:" << 88 << ") Failed to lock file, error: " << cMessage;
+    }
+    log::core::get()->remove_sink(lpSink);
+    lpSink->flush();
+    lFile.mustHold(arState.iterations());
+}
+#endif
+
+void writtenLines()
+{
+    row("log-written", "raw", [](benchmark::State& arState) {
+        const LogFile lFile;
+        rawLines(arState, lFile.mFile);
+        lFile.mustHold(arState.iterations());
+    });
+    row("log-written", "OQLinux", [](benchmark::State& arState) {
+        const LogFile lFile;
+        layerLines(arState, lFile.mFile);
+        lFile.mustHold(arState.iterations());
+    });
+    row("log-null", "raw", [](benchmark::State& arState) {
+        const int lFile = open("/dev/null", O_WRONLY | O_APPEND);
+        rawLines(arState, lFile);
+        close(lFile);
+    });
+    row("log-null", "OQLinux", [](benchmark::State& arState) {
+        const int lFile = open("/dev/null", O_WRONLY | O_APPEND);
+        layerLines(arState, lFile);
+        close(lFile);
+    });
+#ifdef BENCH_SPDLOG
+    row("log-written", "spdlog", [](benchmark::State& arState) {
+        const LogFile lFile;
+        spdlogLines(arState, lFile.mPath);
+        lFile.mustHold(arState.iterations());
+    });
+    row("log-null", "spdlog", [](benchmark::State& arState) { spdlogLines(arState, "/dev/null"); });
+#endif
+#ifdef BENCH_POCO
+    row("log-written", "POCO", pocoLines);
+#endif
+#ifdef BENCH_BOOST
+    row("log-written", "Boost", boostLines);
+#endif
+}
+
+}  // namespace
+
+void registerDiagnostics()
+{
+    exceptions<throwSmallest, Smallest, Smallest, Smallest>("raw");
+    exceptions<throwLayer, OQCNotSupportedEx, OQCGenericException, OQCException>("OQLinux");
+    exceptions<throwInLayer, OQCNotSupportedEx, OQCGenericException, OQCException>("by OsResumeThread");
+    exceptions<throwStd, std::range_error, std::runtime_error, std::exception>("std");
+#ifdef BENCH_BOOST
+    exceptions<throwBoost, boost::thread_resource_error, boost::system::system_error, std::exception>("Boost");
+#endif
+#ifdef BENCH_POCO
+    exceptions<throwPoco, Poco::TimeoutException, Poco::RuntimeException, Poco::Exception>("POCO");
+#endif
+    filteredLines();
+    writtenLines();
+}

@@ -1,0 +1,1 @@
+// A library with the needs of the layer and nothing in it.
