@@ -1,6 +1,7 @@
 #include "Recorder.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -40,6 +41,14 @@ public:
     }
     ~Spin() { sBusy.clear(std::memory_order_release); }
 };
+
+// A child forked while another thread records must not find the recorder busy for ever.
+const int sForkHandlers = pthread_atfork(
+    [] {
+        while (sBusy.test_and_set(std::memory_order_acquire)) {
+        }
+    },
+    [] { sBusy.clear(std::memory_order_release); }, [] { sBusy.clear(std::memory_order_release); });
 
 template <size_t Size>
 void keep(char (&arField)[Size], const char* acText)
