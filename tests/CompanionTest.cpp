@@ -486,7 +486,7 @@ TEST_F(LogTest, FilteredLineIsNotEvenLookedAt)
     // Neither the texts nor the arguments are touched: they lead nowhere.
     const char* volatile lpNowhere = reinterpret_cast<const char*>(1);
     errno = EXDEV;
-    PrintLogMessageWithTimeStamp(128, lpNowhere, 1, lpNowhere, lpNowhere, "%s", lpNowhere);
+    PrintLogMessageWithTimeStamp(128, lpNowhere, 1, lpNowhere, lpNowhere, lpNowhere, lpNowhere);
     EXPECT_EQ(EXDEV, errno);
     EXPECT_EQ("", mFile->text());
 }
