@@ -73,7 +73,8 @@ int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine)
         arLine = "";
         return 0;
     }
-    if (0 < lLength && '\n' == lpLine[lLength - 1]) {
+    // There is at least one character, or the file would have ended.
+    if ('\n' == lpLine[lLength - 1]) {
         lpLine[lLength - 1] = '\0';
     }
     arLine = lpLine;

@@ -36,7 +36,8 @@ private:
     int mState;
 };
 
-/// A close-on-exec pipe between the caller and a child: the child's end closes when it runs a program or ends.
+/// A close-on-exec pipe between the caller and a child: the child's end closes when it runs a program or ends. It never
+/// blocks, so no signal interrupts it.
 class ExecPipe
 {
 public:
@@ -60,17 +61,16 @@ public:
 
     void report(int aError) const
     {
-        while (write(mEnds[1], &aError, sizeof aError) < 0 && EINTR == errno) {
-        }
+        const ssize_t lIgnored = write(mEnds[1], &aError, sizeof aError);  // there is room for it
+        static_cast<void>(lIgnored);
     }
 
     /// What the child reported, or 0.
     int reported() const
     {
         int lError = 0;
-        while (read(mEnds[0], &lError, sizeof lError) < 0 && EINTR == errno) {
-        }
-        return lError;
+        const ssize_t lRead = read(mEnds[0], &lError, sizeof lError);
+        return 0 < lRead ? lError : 0;
     }
 
     /// In a child that may run a program later: leaves the write end to it, to be closed by that or by its end.

@@ -667,7 +667,10 @@ TEST_F(SharedMemoryLinuxTest, OpenWithKeyZeroOrNegativeEndsTheProcess)
     for (const int lKey : {0, -1, INT_MIN}) {
         for (const int lSide : {0, 1, 2}) {
             mDesc.shm_key = lKey;
-            const ChildResult lResult = inChild([&] { OsSharedMemoryOpen(mDesc, side(lSide)); });
+            const ChildResult lResult = inChild([&] {
+                shmgetFault.failAlways(-1, EIO);  // leaves nothing behind, should it be called
+                OsSharedMemoryOpen(mDesc, side(lSide));
+            });
             EXPECT_EQ(1, lResult.mExitStatus);
             EXPECT_EQ((Lines{cOpen.entered(), cOpen.assertion("0 < arShmDesc.shm_key")}), lResult.mLines);
         }
@@ -687,7 +690,7 @@ TEST_F(SharedMemoryLinuxTest, OpenAsAnotherSideEndsTheProcessBeforeAnySystemCall
 {
     for (const int lSide : {2, 255}) {
         const ChildResult lResult = inChild([&] {
-            shmgetFault.failAlways(-1, EIO);  // would throw out of the child: not an exit
+            shmgetFault.failAlways(-1, EIO);  // a call would end in an exception, not in an exit
             OsSharedMemoryOpen(mDesc, side(lSide));
         });
         EXPECT_EQ(1, lResult.mExitStatus);
