@@ -394,4 +394,15 @@ TEST_F(OQListTest, AppendOfADestroyedTextEndsTheProcess)
               lChild.mLines);
 }
 
+TEST_F(OQListTest, MemoryComesFromAnyAllocatorOfAList)
+{
+    OQCListAllocator<int> lOfNumbers;
+    OQCListAllocator<OQCString> lOfTexts(lOfNumbers);  // what the standard list does to allocate its nodes
+    OQCString* const lpText = lOfTexts.allocate(1);
+    ASSERT_NE(nullptr, lpText);
+    OQCListAllocator<OQCString>().deallocate(lpText, 1);
+    EXPECT_TRUE(lOfTexts == OQCListAllocator<OQCString>());
+    EXPECT_FALSE(lOfTexts != OQCListAllocator<OQCString>());
+}
+
 }  // namespace
