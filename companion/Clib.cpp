@@ -120,7 +120,7 @@ unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, 
     // that does not (a signal) must not be taken for one at the end of data.
     clearerr(apStream);
     const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
-    if (0 == lItems && 0 != aCount && 0 != ferror(apStream)) {
+    if (0 == lItems && 0 != ferror(apStream)) {
         throwErrorText<OQCReadFailedEx>();
     }
     return static_cast<unsigned int>(lItems);

@@ -119,10 +119,10 @@ void writeLine(const char* acLine, size_t aLength)
     const int lDescriptor = sDescriptor.load(std::memory_order_relaxed);
     while (0 != aLength) {
         const long lWritten = syscall(SYS_write, lDescriptor, acLine, aLength);
-        if (0 <= lWritten) {
+        if (0 < lWritten) {
             acLine += lWritten;
             aLength -= static_cast<size_t>(lWritten);
-        } else if (EINTR != errno) {
+        } else if (0 == lWritten || EINTR != errno) {
             break;
         }
     }

@@ -12,7 +12,9 @@
 /// of the call, message. It is formatted on the stack and written with one write(): lines of several threads never mix,
 /// nor do those of several processes when the file is opened with O_APPEND. A line feed inside the message is written
 /// as a blank, so that a line of the log is one call; a line of more than 8192 bytes is cut there. A line that cannot
-/// be written (disk full, descriptor closed) is dropped without a word; errno is kept in every case.
+/// be written (disk full, descriptor closed) is dropped without a word; errno is kept in every case. A pipe whose
+/// reader has gone raises SIGPIPE, as for any write. The process id is that of the last fork(): a child made in another
+/// way (a bare clone) logs its parent's.
 #ifndef OQ_COMPANION_SETTINGS_H
 #define OQ_COMPANION_SETTINGS_H
 

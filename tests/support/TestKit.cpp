@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/shm.h>
@@ -150,6 +151,7 @@ ChildResult inChild(const std::function<void()>& acrRun)
     if (pipe(lEnds) < 0) {
         abort();
     }
+    fflush(stdout);  // or the child prints it again
     const pid_t lChild = fork();
     if (0 == lChild) {
         close(lEnds[0]);
@@ -192,6 +194,7 @@ Peer::Peer(const std::function<void(Peer&)>& acrRun) : mPid(-1), mSocket(-1)
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, lEnds) < 0) {
         abort();
     }
+    fflush(stdout);  // or the child prints it again
     mPid = fork();
     close(lEnds[0 == mPid ? 0 : 1]);
     mSocket = lEnds[0 == mPid ? 1 : 0];
