@@ -388,9 +388,11 @@ TEST_F(OQStringTest, LibraryCarriesItsOwnCopiesOfTheValueTypes)
     const std::string lPointer = "_ZN7PointerINSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEE";
     const std::string lConstantPointer = "_ZNK7PointerINSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEE";
     for (const std::string& lrName : {
+#ifndef __clang__  // which gives the library only the base-object form where the complete one is the same
              std::string("_ZN9OQCStringC1EPKc"),
              std::string("_ZN9OQCStringC1ERKS_"),
              std::string("_ZN9OQCStringD1Ev"),
+#endif
              std::string("_ZN9OQCStringC2EPKc"),
              std::string("_ZN9OQCStringC2ERKS_"),
              std::string("_ZN9OQCStringaSERKS_"),
