@@ -139,7 +139,7 @@ void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds)
     timespec lNow;
     clock_gettime(CLOCK_REALTIME, &lNow);
     arSeconds = static_cast<long>(lNow.tv_sec);
-    arMilliseconds = static_cast<unsigned short>(lNow.tv_nsec / 1000000);
+    arMilliseconds = static_cast<unsigned short>(static_cast<unsigned long>(lNow.tv_nsec) / 1000000);
 }
 
 void ClibSleepMS(unsigned long aMilliseconds)

@@ -128,9 +128,10 @@ void writeLine(const char* acLine, size_t aLength)
     }
 }
 
-/// What follows when the level is asked for; errno is the caller's.
-void writeMessage(const char* acTag, unsigned int aLine, const char* acFunction, const char* acFile,
-                  const char* acFormat, va_list aArguments)
+/// What follows when the level is asked for; errno is the caller's. Takes the level, which it does not need, so that the
+/// others stay where they came and a filtered line moves none of them.
+[[gnu::noipa]] void writeMessage(unsigned int, const char* acTag, unsigned int aLine, const char* acFunction,
+                                 const char* acFile, const char* acFormat, va_list aArguments)
 {
     const int lErrno = errno;
     timespec lNow;
@@ -169,7 +170,7 @@ void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsign
     if (0 != (aLevel & sLevels.load(std::memory_order_relaxed))) {
         va_list lArguments;
         va_start(lArguments, acFormat);
-        writeMessage(acTag, aLine, acFunction, acFile, acFormat, lArguments);
+        writeMessage(aLevel, acTag, aLine, acFunction, acFile, acFormat, lArguments);
         va_end(lArguments);
     }
 }
