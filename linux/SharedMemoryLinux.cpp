@@ -111,26 +111,37 @@ void controlSegment(const OQShmDesc& acrShmDesc, int aCommand)
     }
 }
 
-/// Polls a header flag every millisecond. The flag is not tested once more when the time is over.
-void sTimedWaitOnFlag(const OQShmDesc& acrShmDesc, unsigned int aSeconds, bool (*apFlag)(const OQSSharedMemoryHeader*))
+using Flag = bool (*)(const OQSSharedMemoryHeader*);
+
+/// Polls until the flag is set; it is not tested once more when the time is over. \param aStart in milliseconds
+[[gnu::cold, gnu::noinline]] void pollFlag(const OQSSharedMemoryHeader* acHeader, unsigned int aLimit, Flag apFlag,
+                                           int64_t aStart, const char* acFunction)
 {
-    OQ_ENTERED();
-    long lStartSeconds;
-    unsigned short lStartMilliseconds;
-    ClibGetTime(lStartSeconds, lStartMilliseconds);
-    const unsigned int lLimit = aSeconds * 1000;  // wraps for 4294968 seconds and more
-    while (!apFlag(acrShmDesc.shm_addr)) {
+    do {
         ClibSleepMS(cPollMilliseconds);
         long lSeconds;
         unsigned short lMilliseconds;
         ClibGetTime(lSeconds, lMilliseconds);
-        const int64_t lElapsed = (static_cast<int64_t>(lSeconds) * 1000 + lMilliseconds) -
-                                 (static_cast<int64_t>(lStartSeconds) * 1000 + lStartMilliseconds);
+        const int64_t lElapsed = static_cast<int64_t>(lSeconds) * 1000 + lMilliseconds - aStart;
         // A clock set back makes the elapsed time negative, as an unsigned number beyond every limit: time is over.
-        if (static_cast<uint64_t>(lElapsed) >= lLimit) {
-            OQ_TRACE("Timed out waiting on Shared Memory");
+        if (static_cast<uint64_t>(lElapsed) >= aLimit) {
+            OQ_TRACE_AS(acFunction, "Timed out waiting on Shared Memory");
             throwWith<OQCTimeOutEx>("Timed out waiting on Shared Memory");
         }
+    } while (!apFlag(acHeader));
+}
+
+/// Waits for a header flag. A part of its callers, so that a flag that is set already costs them no further call.
+[[gnu::always_inline]] inline void sTimedWaitOnFlag(const OQShmDesc& acrShmDesc, unsigned int aSeconds, Flag apFlag)
+{
+    OQ_ENTERED();
+    long lSeconds;
+    unsigned short lMilliseconds;
+    ClibGetTime(lSeconds, lMilliseconds);
+    if (!apFlag(acrShmDesc.shm_addr)) {
+        const int64_t lStart = static_cast<int64_t>(lSeconds) * 1000 + lMilliseconds;
+        // The limit wraps for 4294968 seconds and more.
+        pollFlag(acrShmDesc.shm_addr, aSeconds * 1000, apFlag, lStart, __func__);
     }
     OQ_LEFT();
 }
@@ -190,16 +201,17 @@ void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsi
 {
     OQ_ENTERED();
     OQ_ASSERT(acLength <= (arShmDesc.shm_size - sizeof(OQSSharedMemoryHeader)));
-    if (!isClientReady(arShmDesc.shm_addr) || !isServerReady(arShmDesc.shm_addr)) {
+    OQSSharedMemoryHeader* const lpHeader = arShmDesc.shm_addr;
+    if (!isClientReady(lpHeader) || !isServerReady(lpHeader)) {
         OQ_INFORMATION("Both Peers not ready.. write would be canceled");
         OQ_LEFT();
         return;
     }
     sTimedWaitOnFlag(arShmDesc, cWriteSeconds, isSegmentFree);
-    ClibMemcpy(dataOf(arShmDesc.shm_addr), acData, acLength);
-    setDataLength(arShmDesc.shm_addr, acLength);
+    ClibMemcpy(dataOf(lpHeader), acData, acLength);
+    setDataLength(lpHeader, acLength);
     arWritten = acLength;
-    markWritten(arShmDesc.shm_addr);
+    markWritten(lpHeader);
     OQ_LEFT();
 }
 
@@ -208,16 +220,17 @@ void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer, unsigned 
 {
     OQ_ENTERED();
     OQ_ASSERT(acLength <= (arShmDesc.shm_size - sizeof(OQSSharedMemoryHeader)));
-    if (!isDataReady(arShmDesc.shm_addr)) {
+    OQSSharedMemoryHeader* const lpHeader = arShmDesc.shm_addr;
+    if (!isDataReady(lpHeader)) {
         OQ_TRACE("Shared Segment in use for writing: Try again");
         throwWith<OQCTryAgainEx>("Shared Segment in use for writing: Try again");
     }
-    unsigned int lLength = getDataLength(arShmDesc.shm_addr);
+    unsigned int lLength = getDataLength(lpHeader);
     if (acLength < lLength) {
         lLength = acLength;
     }
     arRead = lLength;
-    ClibMemcpy(apBuffer, dataOf(arShmDesc.shm_addr), lLength);
-    markRead(arShmDesc.shm_addr);
+    ClibMemcpy(apBuffer, dataOf(lpHeader), lLength);
+    markRead(lpHeader);
     OQ_LEFT();
 }
