@@ -13,12 +13,15 @@
 template <class Leaf>
 struct OQErrorCode;
 
+// Destructors are not inlined: what the compiler adds to each (one that frees, entries from every base) is a jump then
+// instead of a further copy.
+
 #define OQ_FAMILY(Family)                                                                                         \
     class OQ_EXPORT Family : public virtual OQCException                                                          \
     {                                                                                                             \
     public:                                                                                                       \
         OQ_EMITTED Family(const char* acMessage, unsigned int aCode) noexcept : OQCException(acMessage, aCode) {} \
-        OQ_EMITTED virtual ~Family() {}                                                                           \
+        [[gnu::noinline]] OQ_EMITTED virtual ~Family() {}                                                         \
     }
 
 #define OQ_LEAF(Leaf, Family, Code)                                         \
@@ -29,7 +32,7 @@ struct OQErrorCode;
             : OQCException(acMessage, aCode), Family(acMessage, aCode)      \
         {                                                                   \
         }                                                                   \
-        OQ_EMITTED virtual ~Leaf() {}                                       \
+        [[gnu::noinline]] OQ_EMITTED virtual ~Leaf() {}                     \
     };                                                                      \
     template <>                                                             \
     struct OQErrorCode<Leaf> {                                              \
@@ -44,7 +47,7 @@ struct OQErrorCode;
             : OQCException(acMessage, aCode), Family(acMessage, aCode), OQCHaltEx(acMessage, aCode) \
         {                                                                                           \
         }                                                                                           \
-        OQ_EMITTED virtual ~Leaf() {}                                                               \
+        [[gnu::noinline]] OQ_EMITTED virtual ~Leaf() {}                                             \
     };                                                                                              \
     template <>                                                                                     \
     struct OQErrorCode<Leaf> {                                                                      \

@@ -13,14 +13,24 @@
 #define OQ_LOG(level, tag, function, file, ...) \
     PrintLogMessageWithTimeStamp(level, tag, __LINE__, function, file, __VA_ARGS__)
 
-/// A broken precondition ends the process: one line with the text of the condition, then exit status 1. The text is an
-/// argument of its own, because a condition passed on from macro to macro arrives with its macros (NULL) expanded.
-#define OQ_ASSERT_AS(condition, text, function, file)                                    \
-    do {                                                                                 \
-        if (!(condition)) {                                                              \
-            OQ_LOG(OQLL_Halt, "-H-", function, file, "Assertion [ %s ] failed\n", text); \
-            exit(1);                                                                     \
-        }                                                                                \
+/// Ends the process after a broken precondition: one line with the text of the condition, then exit status 1. A function
+/// of its own, so that a check costs its callers a test and a jump, and little room.
+[[noreturn, gnu::cold, gnu::noinline]] OQ_LOCAL inline void oqAssertionFailed(unsigned int aLine,
+                                                                              const char* acFunction,
+                                                                              const char* acFile,
+                                                                              const char* acCondition)
+{
+    PrintLogMessageWithTimeStamp(OQLL_Halt, "-H-", aLine, acFunction, acFile, "Assertion [ %s ] failed\n", acCondition);
+    exit(1);
+}
+
+/// The text is an argument of its own, because a condition passed on from macro to macro arrives with its macros (NULL)
+/// expanded.
+#define OQ_ASSERT_AS(condition, text, function, file)          \
+    do {                                                       \
+        if (!(condition)) {                                    \
+            oqAssertionFailed(__LINE__, function, file, text); \
+        }                                                      \
     } while (false)
 
 #endif

@@ -123,7 +123,7 @@ private:
         }
     }
 
-    void _releaseMemory()
+    [[gnu::noinline]] void _releaseMemory()
     {
         delete mReferenceCount;
         mReferenceCount = 0;
