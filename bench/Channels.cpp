@@ -272,7 +272,8 @@ struct PolledSegment {
     OQSSharedMemoryHeader* mHeader;
 };
 
-/// The steps of the layer's design and nothing more: every line, check, clock reading and copy, in its order.
+/// The steps of the layer's design and nothing more: its three functions, every line, check, clock reading and copy, in
+/// its order.
 struct FixedSegment : PolledSegment {
     static void trace(const char* acText) { fixedLog(OQLL_Trace, "-T-", __LINE__, __func__, __FILE__, "%s", acText); }
     static void wait(const Byte& acrFlag)
@@ -285,7 +286,7 @@ struct FixedSegment : PolledSegment {
         check(load(acrFlag), "flag");
         trace("Left");
     }
-    void send(const Byte* acData, unsigned int aLength)
+    [[gnu::noinline]] void send(const Byte* acData, unsigned int aLength)
     {
         trace("Entered");
         check(aLength <= cLongest, "fits");
@@ -297,9 +298,9 @@ struct FixedSegment : PolledSegment {
         store(mHeader->data_ready, 1);
         trace("Left");
     }
-    void receive(Byte* apData, unsigned int aLength)
+    [[gnu::noinline]] void waitForData() { wait(mHeader->data_ready); }
+    [[gnu::noinline]] void take(Byte* apData, unsigned int aLength)
     {
-        wait(mHeader->data_ready);
         trace("Entered");
         check(aLength <= cLongest, "fits");
         check(load(mHeader->data_ready), "ready");
@@ -308,6 +309,11 @@ struct FixedSegment : PolledSegment {
         store(mHeader->data_ready, 0);
         store(mHeader->segment_free, 1);
         trace("Left");
+    }
+    void receive(Byte* apData, unsigned int aLength)
+    {
+        waitForData();
+        take(apData, aLength);
     }
 };
 
