@@ -44,6 +44,37 @@ char* ClibStrerror(char* apBuffer, unsigned int aSize)
 namespace
 {
 
+void* volatile sWatched = nullptr;
+volatile int sWatchedFrees = 0;
+
+}  // namespace
+
+#if !OQ_SANITIZED
+extern "C" void __libc_free(void* apMemory);
+extern "C" void free(void* apMemory) noexcept
+{
+    if (nullptr != apMemory && sWatched == apMemory) {
+        sWatchedFrees = sWatchedFrees + 1;
+    }
+    __libc_free(apMemory);
+}
+#endif
+
+namespace
+{
+
+/// Deletes an object through a base and sees that it is the whole object whose memory goes. Under a sanitizer nothing
+/// is counted: a wrong address, or none, is its own report.
+template <class Base>
+void expectDeletedWhole(Base* apObject)
+{
+    sWatchedFrees = 0;
+    sWatched = dynamic_cast<void*>(apObject);
+    delete apObject;
+    EXPECT_EQ(OQ_SANITIZED ? 0 : 1, sWatchedFrees);
+    sWatched = nullptr;
+}
+
 /// What one leaf must be, written out by hand.
 template <class LeafClass, class FamilyClass, unsigned int CodeOfLeaf, bool IsHalt>
 struct Row {
@@ -207,6 +238,14 @@ TYPED_TEST(ExceptionTreeTest, MostDerivedClassBuildsTheRoot)
     EXPECT_EQ(7U, lFailure.code());
 }
 
+TYPED_TEST(ExceptionTreeTest, LeafIsDeletedWholeThroughEveryBase)
+{
+    typedef typename TypeParam::Leaf Leaf;
+    expectDeletedWhole(new Leaf("a text", TypeParam::cCode));
+    expectDeletedWhole<typename TypeParam::Family>(new Leaf("a text", TypeParam::cCode));
+    expectDeletedWhole<OQCException>(new Leaf("a text", TypeParam::cCode));
+}
+
 // A handler in a module whose C++ library compares types by address matches only what is visible.
 TYPED_TEST(ExceptionTreeTest, TypeInformationIsVisibleInTheLibrary)
 {
@@ -245,6 +284,15 @@ TEST_F(ExceptionTest, FamiliesTakeTextAndCodeAndHaveNoDefault)
     EXPECT_FALSE(std::is_default_constructible<OQCHaltEx>::value);
     EXPECT_FALSE(std::is_default_constructible<OQCClibEx>::value);
     EXPECT_FALSE(std::is_default_constructible<OQCException>::value);
+}
+
+TEST_F(ExceptionTest, FamiliesAndTheRootAreDeletedWhole)
+{
+    expectDeletedWhole<OQCException>(new OQCGenericException("g", 1));
+    expectDeletedWhole<OQCException>(new OQCOsException("o", 2));
+    expectDeletedWhole<OQCException>(new OQCHaltEx("h", 3));
+    expectDeletedWhole<OQCException>(new OQCClibEx("c", 4));
+    expectDeletedWhole(new OQCException("r", 5));
 }
 
 TEST_F(ExceptionTest, LongMessagesAreCutAt255Characters)

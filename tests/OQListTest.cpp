@@ -23,6 +23,10 @@ __attribute__((noinline)) void* operator new(size_t aSize)
 {
     void* const lpMemory = malloc(aSize);
     if (nullptr == lpMemory) {
+        const std::new_handler lHandler = std::get_new_handler();
+        if (nullptr != lHandler) {
+            lHandler();
+        }
         throw std::bad_alloc();
     }
     sBlocks = sBlocks + 1;
@@ -378,6 +382,25 @@ TEST_F(OQListTest, AppendOfATextWithoutMemoryIsOutOfMemoryAtEveryStepAndLeavesTh
     EXPECT_EQ(5U, lNth) << "node, text object, characters, counter";
     EXPECT_EQ((Texts{"kept", cLong}), contents(lList));
     EXPECT_EQ(Lines(), logged());
+#endif
+}
+
+/// Only std::bad_alloc is memory exhausted: what a host's handler throws instead is the host's.
+TEST_F(OQListTest, WhatANewHandlerThrowsForTheNodePassesAndLeavesTheList)
+{
+#if OQ_SANITIZED
+    GTEST_SKIP() << "allocations are the sanitizer's and cannot be made to fail";
+#else
+    OQCList<unsigned int> lList;
+    lList.append(1);
+    const long lBefore = blocks();
+    const std::new_handler lHandler = std::set_new_handler([] { throw 42; });
+    gMallocFault.failOn(1);
+    EXPECT_THROW(lList.append(2), int);
+    gMallocFault.stop();
+    std::set_new_handler(lHandler);
+    EXPECT_EQ(lBefore, blocks());
+    EXPECT_EQ(Numbers{1}, contents(lList));
 #endif
 }
 

@@ -307,6 +307,33 @@ TEST_F(OQStringTest, AppendWithoutMemoryThrowsBadAllocAndKeepsTheText)
 #endif
 }
 
+/// Only std::bad_alloc is memory exhausted: what a host's handler throws instead is the host's.
+TEST_F(OQStringTest, WhatANewHandlerThrowsForTheCharactersPassesAndLeavesTheOriginal)
+{
+#if OQ_SANITIZED
+    GTEST_SKIP() << "allocations are the sanitizer's and cannot be made to fail";
+#else
+    const OQCString lOriginal(cLong);
+    const std::new_handler lBefore = std::set_new_handler([] { throw 42; });
+    for (const bool lCopied : {false, true}) {
+        gMallocFault.failOn(2);  // the object can be had, its characters cannot
+        EXPECT_THROW(
+            {
+                if (lCopied) {
+                    const OQCString lCopy(lOriginal);
+                } else {
+                    const OQCString lString(cLong);
+                }
+            },
+            int);
+        EXPECT_EQ(3U, gMallocFault.stop()) << "object, characters, the handler's exception";
+    }
+    std::set_new_handler(lBefore);
+    EXPECT_STREQ(cLong, lOriginal.get());
+    EXPECT_EQ(Lines(), logged());
+#endif
+}
+
 TEST_F(OQStringTest, CopyOfAnEmptyOneEndsTheProcess)
 {
     expectAssertion(linesOf("OQCString").assertion("acrCopy.mString != 0"), [] {

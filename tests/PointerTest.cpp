@@ -16,6 +16,7 @@ namespace
 typedef std::vector<std::string> Events;
 Events sEvents;
 bool sNoted = false;
+bool sCounterThrows = false;
 void* volatile sWatched = nullptr;
 volatile int sWatchedFrees = 0;
 
@@ -32,6 +33,9 @@ void note(const std::string& acrEvent)
 OQCReferenceCount::OQCReferenceCount(unsigned int aInitial) : mCount(aInitial)
 {
     note("counter " + std::to_string(aInitial));
+    if (sCounterThrows) {
+        throw 42;
+    }
 }
 
 OQCReferenceCount::~OQCReferenceCount() { note("~counter"); }
@@ -161,6 +165,7 @@ protected:
     void TearDown() override
     {
         sNoted = false;
+        sCounterThrows = false;
         sEvents.clear();
         sWatched = nullptr;
         LayerTest::TearDown();
@@ -271,6 +276,21 @@ TEST_F(PointerTest, CounterThatCannotBeHadThrowsNoMemoryAndLeavesThePointeeAlloc
     gMallocFault.stop();
     EXPECT_TRUE(lThrown);
     EXPECT_EQ(Events(), events());
+    EXPECT_EQ(0, sWatchedFrees);
+    EXPECT_EQ(8, lpPointee->number());
+    EXPECT_EQ(Lines(), logged());
+    delete lpPointee;
+}
+
+/// The counter is the host's: one that throws passes its exception on, and only its own memory is freed again.
+TEST_F(PointerTest, ExceptionOfTheCounterPassesAndLeavesThePointeeAllocated)
+{
+    Pointee* const lpPointee = new (std::nothrow) Pointee(8);
+    sWatched = lpPointee;
+    sWatchedFrees = 0;
+    sCounterThrows = true;
+    EXPECT_THROW(PointeePointer(lpPointee, OQPST_Individual, OQPMT_New), int);
+    EXPECT_EQ((Events{"counter 1"}), events());
     EXPECT_EQ(0, sWatchedFrees);
     EXPECT_EQ(8, lpPointee->number());
     EXPECT_EQ(Lines(), logged());
@@ -596,6 +616,11 @@ TEST_F(PointerTest, FreeingWithAnUnknownKindEndsTheProcess)
         expectAssertion("_releaseMemory", "false", [lKind] {
             sPointee = new (std::nothrow) Pointee;
             const PointeePointer lOdd(sPointee, OQPST_Individual, static_cast<OQEPointerMemoryType>(lKind));
+        });
+        expectAssertion("_releaseMemory", "false", [lKind] {
+            sPointee = new (std::nothrow) Pointee;
+            PointeePointer lOdd(sPointee, static_cast<OQEPointerSizeType>(lKind), OQPMT_New);
+            lOdd = single(2);
         });
         expectAssertion("_releaseMemory", "false", [lKind] {
             sPointee = new (std::nothrow) Pointee;

@@ -134,15 +134,29 @@ struct {
     int mOptions;
 } gWaitedFor;
 
+Fault waitpidFault;
 extern "C" pid_t waitpid(pid_t aPid, int* apStatus, int aOptions)
 {
     static const auto lReal = behind<pid_t(pid_t, int*, int)>("waitpid");
+    if (waitpidFault.fires()) {
+        return static_cast<pid_t>(waitpidFault.result());
+    }
     if (!gStatusPlanned) {
         return lReal(aPid, apStatus, aOptions);
     }
     gWaitedFor = {aPid, nullptr != apStatus, aOptions};
     *apStatus = gStatus;
     return aPid;
+}
+
+/// Closes of what is not open: one that is too many may hit another thread's descriptor.
+std::atomic<unsigned int> gBadCloses(0);
+extern "C" int close(int aDescriptor)
+{
+    static const auto lReal = behind<int(int)>("close");
+    const int lResult = lReal(aDescriptor);
+    gBadCloses += lResult < 0 ? 1U : 0U;
+    return lResult;
 }
 
 std::atomic<unsigned int> gFlushes(0);
@@ -421,6 +435,7 @@ protected:
         gVforkPlan = OQ_SHARING_VFORK ? cVforkShares : cVforkCopies;
         gVforkCalls = 0;
         gTextCount = 0;
+        gBadCloses = 0;
         gHoldPipes = false;
         gHidden = cHiddenNone;
         gStatPlan = nullptr;
@@ -852,6 +867,68 @@ TEST_P(ProcessCreateTest, PipeThatAnotherChildKeepsOpenDoesNotHoldTheParentUp)
     EXPECT_EQ(-1, ProcessWait(lExecuted, 0));
     releasePipes();
 }
+
+/// An ended child that is not to be seen any more has ended, whatever is open.
+TEST_P(ProcessCreateTest, ChildThatHasEndedUnseenIsNotWaitedForWhenAnotherKeepsThePipeOpen)
+{
+    const KeptAction lKept(SIGCHLD);
+    signal(SIGCHLD, SIG_IGN);
+    gHidden = cHiddenOfAll;
+    gHoldPipes = true;
+    Shared<Report> lReport;
+    const int lChild =
+        startInVain(cMissing, [&](const OQCException& acrFailure) { fillReport(*lReport.operator->(), acrFailure); });
+    gHoldPipes = false;
+    EXPECT_LT(0, lChild);
+    EXPECT_EQ(lChild, lReport->mPid);
+    EXPECT_EQ((Lines{cCreate.entered(), cCreate.left()}), logged());
+    releasePipes();
+    EXPECT_TRUE(eventually([] { return -1 == waitpid(-1, nullptr, WNOHANG) && ECHILD == errno; }));
+}
+
+/// The lowest number is a descriptor like any other.
+TEST_P(ProcessCreateTest, PipeMayGetTheNumberOfStandardInput)
+{
+    const ChildResult lResult = inChild([] {
+        ASSERT_EQ(0, close(STDIN_FILENO));
+        EXPECT_EQ(0, ProcessWait(ProcessCreate("/bin/true", cNoArguments, cNoEnvironment), 0));
+        EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)) << "an end of the pipe was left";
+        Shared<int> lInChild;
+        *lInChild.operator->() = -2;
+        const int lChild =
+            startInVain(cMissing, [&](const OQCException&) { *lInChild.operator->() = fcntl(STDIN_FILENO, F_GETFD); });
+        EXPECT_EQ(42, ProcessWait(lChild, 0));
+        EXPECT_EQ(-1, *lInChild.operator->()) << "the read end was left to the child";
+        EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)) << "an end of the pipe was left";
+    });
+    EXPECT_EQ(0, lResult.mExitStatus);
+}
+
+TEST_P(ProcessCreateTest, NothingIsClosedTwice)
+{
+    EXPECT_EQ(0, ProcessWait(ProcessCreate("/bin/true", cNoArguments, cNoEnvironment), 0));
+    EXPECT_EQ(0U, gBadCloses);
+    Shared<unsigned int> lInChild;
+    *lInChild.operator->() = 99;
+    const int lChild = startInVain(cMissing, [&](const OQCException&) { *lInChild.operator->() = gBadCloses; });
+    EXPECT_EQ(42, ProcessWait(lChild, 0));
+    EXPECT_EQ(0U, *lInChild.operator->());
+    EXPECT_EQ(0U, gBadCloses);
+    pipe2Fault.failAlways(-1, EMFILE);
+    EXPECT_EQ(0, ProcessWait(ProcessCreate("/bin/true", cNoArguments, cNoEnvironment), 0));
+    EXPECT_EQ(0U, gBadCloses) << "what was never open";
+}
+
+#if OQ_SHARING_VFORK
+TEST_F(ProcessLinuxTest, ChildThatCouldNotRunItsProgramIsCollectedInSpiteOfSignals)
+{
+    waitpidFault.failOn(1, -1, EINTR);
+    const int lChild = startInVain(cMissing, leave42);
+    EXPECT_EQ(2U, waitpidFault.calls());
+    EXPECT_EQ((Lines{cCreate.entered(), cCreate.left()}), logged());
+    EXPECT_EQ(42, ProcessWait(lChild, 0));
+}
+#endif
 
 TEST_P(ProcessCreateTest, FailedChildKeepsNoEndOfAPipeThatItsProgramCouldInherit)
 {
