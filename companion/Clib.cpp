@@ -23,7 +23,8 @@ template <class Leaf>
 [[noreturn]] void throwErrorText()
 {
     char lText[512];
-    throw Leaf(ClibStrerror(lText, sizeof lText), OQErrorCode<Leaf>::value);
+    const char* const lpText = ClibStrerror(lText, sizeof lText);  // before the exception's memory is asked for
+    throw Leaf(lpText, OQErrorCode<Leaf>::value);
 }
 
 struct Free {

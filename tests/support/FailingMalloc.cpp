@@ -19,8 +19,15 @@ thread_local bool sArmed = false;
 void MallocFault::failOn(unsigned int aNth)
 {
     mNth = aNth;
+    mLast = aNth;
     mCalls = 0;
     sArmed = true;
+}
+
+void MallocFault::failFrom(unsigned int aNth)
+{
+    failOn(aNth);
+    mLast = ~0U;
 }
 
 unsigned int MallocFault::stop()
@@ -29,7 +36,7 @@ unsigned int MallocFault::stop()
     return mCalls;
 }
 
-bool MallocFault::fires() { return sArmed && ++mCalls == mNth; }
+bool MallocFault::fires() { return sArmed && mNth <= ++mCalls && mCalls <= mLast; }
 
 extern "C" void* malloc(size_t aSize) noexcept
 {

@@ -94,12 +94,15 @@ class MallocFault
 public:
     /// The n-th allocation from now on fails; 0: only counts.
     void failOn(unsigned int aNth);
+    /// Every allocation from the n-th on fails.
+    void failFrom(unsigned int aNth);
     /// Stops counting. \return allocations asked for since failOn()
     unsigned int stop();
     bool fires();
 
 private:
     unsigned int mNth = 0;
+    unsigned int mLast = 0;
     unsigned int mCalls = 0;
 };
 extern MallocFault gMallocFault;

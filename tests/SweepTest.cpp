@@ -1,0 +1,750 @@
+// Failures by the table: every system call of the layer refused with every error that its manual page names, every
+// allocation refused in turn, all descriptors in use, and signals without end. Each operation has its own tests beside
+// these; processes and the pthread families have such tables of their own, where their functions are planned.
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "TestKit.h"
+
+// ---- What the layer and its companion are bound to.
+
+OQ_FAULTY(int, mknod, (const char* acPath, mode_t aMode, dev_t aDevice), (acPath, aMode, aDevice), noexcept)
+OQ_FAULTY(int, unlink, (const char* acPath), (acPath), noexcept)
+OQ_FAULTY(int, close, (int aDescriptor), (aDescriptor), )
+OQ_FAULTY(int, lockf, (int aDescriptor, int aCommand, off_t aLength), (aDescriptor, aCommand, aLength), )
+OQ_FAULTY(int, kill, (pid_t aPid, int aSignal), (aPid, aSignal), noexcept)
+OQ_FAULTY(int, system, (const char* acCommand), (acCommand), )
+OQ_FAULTY(int, stat, (const char* acPath, struct stat* apInfo), (acPath, apInfo), noexcept)
+OQ_FAULTY(int, clock_nanosleep, (clockid_t aClock, int aFlags, const timespec* acTime, timespec* apLeft),
+          (aClock, aFlags, acTime, apLeft), )
+
+/// A segment that is only said to be there, if set.
+OQSSharedMemoryHeader* gSegment = nullptr;
+
+#define OQ_FAULTY_SEGMENT(type, function, parameters, arguments, said) \
+    Fault function##Fault;                                             \
+    extern "C" type function parameters noexcept                       \
+    {                                                                  \
+        if (function##Fault.fires()) {                                 \
+            return (type)function##Fault.result();                     \
+        }                                                              \
+        if (nullptr != gSegment) {                                     \
+            return said;                                               \
+        }                                                              \
+        static const auto lReal = behind<type parameters>(#function);  \
+        return lReal arguments;                                        \
+    }
+OQ_FAULTY_SEGMENT(int, shmget, (key_t aKey, size_t aSize, int aFlags), (aKey, aSize, aFlags), 4711)
+OQ_FAULTY_SEGMENT(int, shmctl, (int aId, int aCommand, struct shmid_ds* apState), (aId, aCommand, apState), 0)
+OQ_FAULTY_SEGMENT(void*, shmat, (int aId, const void* acAddress, int aFlags), (aId, acAddress, aFlags), gSegment)
+OQ_FAULTY_SEGMENT(int, shmdt, (const void* acAddress), (acAddress), 0)
+
+// Under names of their own, because the C library's headers may have these inline already.
+Fault gReadFault;
+extern "C" ssize_t plannedRead(int aDescriptor, void* apBuffer, size_t aCount) __asm__("read");
+extern "C" ssize_t plannedRead(int aDescriptor, void* apBuffer, size_t aCount)
+{
+    if (gReadFault.fires()) {
+        return gReadFault.result();
+    }
+    static const auto lReal = behind<ssize_t(int, void*, size_t)>("read");
+    return lReal(aDescriptor, apBuffer, aCount);
+}
+
+Fault gWriteFault;
+extern "C" ssize_t plannedWrite(int aDescriptor, const void* acBuffer, size_t aCount) __asm__("write");
+extern "C" ssize_t plannedWrite(int aDescriptor, const void* acBuffer, size_t aCount)
+{
+    if (gWriteFault.fires()) {
+        return gWriteFault.result();
+    }
+    static const auto lReal = behind<ssize_t(int, const void*, size_t)>("write");
+    return lReal(aDescriptor, acBuffer, aCount);
+}
+
+Fault gOpenFault;
+extern "C" int plannedOpen(const char* acPath, int aFlags, mode_t aMode) __asm__("open");
+extern "C" int plannedOpen(const char* acPath, int aFlags, mode_t aMode)
+{
+    if (gOpenFault.fires()) {
+        return static_cast<int>(gOpenFault.result());
+    }
+    static const auto lReal = behind<int(const char*, int, ...)>("open");
+    return lReal(acPath, aFlags, aMode);
+}
+
+Fault gSelectFault;
+extern "C" int select(int aCount, fd_set* apRead, fd_set* apWrite, fd_set* apExcept, timeval* apTime)
+{
+    if (gSelectFault.fires()) {
+        return static_cast<int>(gSelectFault.result());
+    }
+    static const auto lReal = behind<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
+    return lReal(aCount, apRead, apWrite, apExcept, apTime);
+}
+
+namespace
+{
+
+/// A stream that is open and cannot be read, made before it is needed: it takes memory.
+FILE* sBroken = nullptr;
+int sReadErrno = 0;
+
+void breakStream(int aErrno)
+{
+    sReadErrno = aErrno;
+    cookie_io_functions_t lFunctions = {};
+    lFunctions.read = [](void*, char*, size_t) -> ssize_t {
+        errno = sReadErrno;
+        return -1;
+    };
+    sBroken = fopencookie(nullptr, "r", lFunctions);
+    setvbuf(sBroken, nullptr, _IONBF, 0);
+}
+
+FILE* takeBroken()
+{
+    FILE* const lpStream = sBroken;
+    sBroken = nullptr;
+    return lpStream;
+}
+
+FILE* sBrokenCommand = nullptr;
+
+/// The host: a loopback address and two others, or the resolver's error.
+int sHostError = 0;
+std::atomic<bool> sRealHost(false);
+unsigned char sAddresses[3][4] = {{127, 0, 0, 1}, {10, 1, 2, 3}, {10, 4, 5, 6}};
+char* sAddressList[] = {reinterpret_cast<char*>(sAddresses[0]), reinterpret_cast<char*>(sAddresses[1]),
+                        reinterpret_cast<char*>(sAddresses[2]), nullptr};
+hostent sHost;
+
+}  // namespace
+
+Fault gPopenFault;
+extern "C" FILE* popen(const char* acCommand, const char* acMode)
+{
+    if (gPopenFault.fires()) {
+        return nullptr;
+    }
+    if (nullptr != sBroken) {
+        return sBrokenCommand = takeBroken();
+    }
+    static const auto lReal = behind<FILE*(const char*, const char*)>("popen");
+    return lReal(acCommand, acMode);
+}
+
+extern "C" int pclose(FILE* apStream)
+{
+    if (apStream == sBrokenCommand) {
+        sBrokenCommand = nullptr;
+        return fclose(apStream);
+    }
+    static const auto lReal = behind<int(FILE*)>("pclose");
+    return lReal(apStream);
+}
+
+Fault gFopenFault;
+extern "C" FILE* fopen(const char* acPath, const char* acMode)
+{
+    if (gFopenFault.fires()) {
+        return nullptr;
+    }
+    if (nullptr != sBroken) {
+        return takeBroken();
+    }
+    static const auto lReal = behind<FILE*(const char*, const char*)>("fopen");
+    return lReal(acPath, acMode);
+}
+
+Fault gGethostnameFault;
+extern "C" int plannedGethostname(char* apBuffer, size_t aSize) noexcept __asm__("gethostname");
+extern "C" int plannedGethostname(char* apBuffer, size_t aSize) noexcept
+{
+    if (gGethostnameFault.fires()) {
+        return static_cast<int>(gGethostnameFault.result());
+    }
+    static const auto lReal = behind<int(char*, size_t)>("gethostname");
+    return lReal(apBuffer, aSize);
+}
+
+extern "C" hostent* gethostbyname(const char* acName)
+{
+    if (sRealHost) {
+        static const auto lReal = behind<hostent*(const char*)>("gethostbyname");
+        return lReal(acName);
+    }
+    if (0 != sHostError) {
+        h_errno = sHostError;
+        return nullptr;
+    }
+    sHost.h_addrtype = AF_INET;
+    sHost.h_length = 4;
+    sHost.h_addr_list = sAddressList;
+    return &sHost;
+}
+
+// ---- How many blocks the calling thread has given back since it armed the failing malloc.
+
+namespace
+{
+
+thread_local bool sCounted = false;
+thread_local unsigned int sFrees = 0;
+
+}  // namespace
+
+#if !OQ_SANITIZED
+extern "C" void __libc_free(void* apMemory);
+
+extern "C" void free(void* apMemory) noexcept
+{
+    sFrees += sCounted && nullptr != apMemory ? 1U : 0U;
+    __libc_free(apMemory);
+}
+#endif
+
+namespace
+{
+
+const LinesOf cPipeCreate(".//NamedPipeLinux", "OsNamedPipeCreate");
+const LinesOf cPipeDestroy(".//NamedPipeLinux", "OsNamedPipeDestroy");
+const LinesOf cPipeOpen(".//NamedPipeLinux", "OsNamedPipeOpen");
+const LinesOf cPipeRead(".//NamedPipeLinux", "OsNamedPipeRead");
+const LinesOf cPipeBlockRead(".//NamedPipeLinux", "OsNamedPipeBlockRead");
+const LinesOf cPipeWrite(".//NamedPipeLinux", "OsNamedPipeWrite");
+const LinesOf cPipeWait(".//NamedPipeLinux", "OsNamedPipeWaitForActivity");
+const LinesOf cPipeClose(".//NamedPipeLinux", "OsNamedPipeClose");
+const LinesOf cMemoryOpen(".//SharedMemoryLinux", "OsSharedMemoryOpen");
+const LinesOf cMemoryClose(".//SharedMemoryLinux", "OsSharedMemoryClose");
+const LinesOf cWait(".//MiscLinux", "OsWaitForActivity");
+const LinesOf cExecute(".//MiscLinux", "OsExecute");
+const LinesOf cLock(".//MiscLinux", "OsLockFile");
+const LinesOf cUnlock(".//MiscLinux", "OsUnlockFile");
+const LinesOf cLockStatus(".//MiscLinux", "OsFileLockStatus");
+const LinesOf cAddress(".//MiscLinux", "OsGetIpAddress");
+const LinesOf cAddresses(".//MiscLinux", "OsGetAllIpAddresses");
+const LinesOf cOsName(".//MiscLinux", "OsGetOsName");
+const LinesOf cRunning(".//ProcessLinux", "isProcessRunning");
+
+const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
+
+/// What the operations are given, and what they leave. Made anew before each call.
+struct Given {
+    OQCString mPath = "/tmp/oqsweep";
+    int mPipe = -7;
+    unsigned char mBuffer[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    unsigned int mCount = 77;
+    int mResult = -99;
+    OQShmDesc mMailbox = {1, 64, -7, nullptr};
+    OQSSharedMemoryHeader mHeader[2] = {};
+    OQEFileLockStatus mStatus = static_cast<OQEFileLockStatus>(99);
+    OQCList<unsigned int> mAddresses;
+    unsigned int mAddress = 77;
+    OQEOperatingSystem mOs = static_cast<OQEOperatingSystem>(99);
+    OQCString mName = "unchanged";
+    OQCList<OQCString> mLines;
+    struct stat mInfo = {};
+};
+
+/// How an operation ended, kept without memory.
+struct Outcome {
+    const std::type_info* mClass;  ///< null: nothing was thrown
+    unsigned int mCode;
+    char mText[256];
+    int mErrno;
+};
+
+void perform(const std::function<void(Given&)>& acrRun, Given& arGiven, Outcome& arOutcome)
+{
+    arOutcome.mClass = nullptr;
+    arOutcome.mCode = 0;
+    arOutcome.mText[0] = '\0';
+    try {
+        acrRun(arGiven);
+        arOutcome.mErrno = errno;
+    } catch (const OQCException& acrFailure) {
+        arOutcome.mClass = &typeid(acrFailure);
+        arOutcome.mCode = acrFailure.code();
+        strcpy(arOutcome.mText, acrFailure.what());
+    }
+}
+
+// ---- Refusals
+
+typedef std::vector<int> Errors;
+
+struct Row {
+    const char* mName;                         ///< operation and call
+    std::function<void(int)> mPlan;            ///< the call that is refused
+    Errors mErrors;                            ///< with each of these
+    std::function<void(Given&)> mRun;          ///< the operation
+    const std::type_info* mClass;              ///< what it throws, or null
+    unsigned int mCode;                        ///< ... with the text of errno
+    std::function<Lines(const char*)> mLines;  ///< what it logs; given the text of errno
+    std::function<bool(const Given&)> mLeft;   ///< whether what is told otherwise, or is to stay, is so
+    bool mErrnoKept;                           ///< the caller sees the error in errno
+    bool mNeedsMemory;                         ///< does not end in this way without
+};
+
+std::function<void(int)> nth(Fault& arFault, unsigned int aNth, long aResult = -1)
+{
+    return [&arFault, aNth, aResult](int aErrno) { arFault.failOn(aNth, aResult, aErrno); };
+}
+
+std::function<void(int)> each(Fault& arFault, long aResult = -1)
+{
+    return [&arFault, aResult](int aErrno) { arFault.failAlways(aResult, aErrno); };
+}
+
+const Errors cPathErrors = {EACCES, EBADF,  EDQUOT, EFAULT,  EINVAL, ELOOP, ENAMETOOLONG,
+                            ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM,  EROFS};
+const Errors cUnlinkErrors = {EACCES, EBADF,        EBUSY,  EFAULT, EINVAL,  EIO,   EISDIR,
+                              ELOOP,  ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM, EROFS};
+const Errors cOpenErrors = {EACCES,  EBADF, EBUSY,      EDQUOT,       EEXIST, EFAULT, EFBIG,   EINTR,      EINVAL,
+                            EISDIR,  ELOOP, EMFILE,     ENAMETOOLONG, ENFILE, ENODEV, ENOENT,  ENOMEM,     ENOSPC,
+                            ENOTDIR, ENXIO, EOPNOTSUPP, EOVERFLOW,    EPERM,  EROFS,  ETXTBSY, EWOULDBLOCK};
+const Errors cReadErrors = {EAGAIN, EBADF, EFAULT, EINVAL, EIO, EISDIR};  // and EINTR, which differs
+const Errors cWriteErrors = {EAGAIN, EBADF,  EDESTADDRREQ, EDQUOT, EFAULT, EFBIG,
+                             EINTR,  EINVAL, EIO,          ENOSPC, EPERM,  EPIPE};
+const Errors cCloseErrors = {EBADF, EINTR, EIO, ENOSPC, EDQUOT};
+const Errors cStatErrors = {EACCES, EBADF, EFAULT, EINVAL, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOVERFLOW};
+const Errors cGetErrors = {EACCES, EEXIST, EINVAL, ENFILE, ENOENT, ENOMEM, ENOSPC, EPERM};
+const Errors cAttachErrors = {EACCES, EIDRM, EINVAL, ENOMEM};
+const Errors cControlErrors = {EACCES, EFAULT, EIDRM, EINVAL, ENOMEM, EOVERFLOW, EPERM};
+const Errors cLockErrors = {EACCES, EAGAIN, EBADF, EDEADLK, EINTR, EINVAL, ENOLCK};
+const Errors cSelectErrors = {EBADF, EINVAL, ENOMEM};  // and EINTR, which differs
+const Errors cResolverErrors = {HOST_NOT_FOUND, TRY_AGAIN, NO_RECOVERY, NO_DATA, NETDB_INTERNAL};
+
+Errors with(Errors aErrors, int aMore)
+{
+    aErrors.push_back(aMore);
+    return aErrors;
+}
+
+std::function<Lines(const char*)> always(const Lines& acrLines)
+{
+    return [acrLines](const char*) { return acrLines; };
+}
+
+bool isText(const OQCString& acrString, const char* acText) { return 0 == strcmp(acText, acrString.get()); }
+
+std::function<void(Given&)> opened(OQEConnectionMode aSide)
+{
+    return [aSide](Given& arGiven) { OsSharedMemoryOpen(arGiven.mMailbox, aSide); };
+}
+
+std::function<void(Given&)> closed(OQEConnectionMode aSide)
+{
+    return [aSide](Given& arGiven) {
+        arGiven.mMailbox.shm_id = 4711;
+        arGiven.mMailbox.shm_addr = gSegment;
+        OsSharedMemoryClose(arGiven.mMailbox, aSide);
+    };
+}
+
+template <class Text>
+Lines textLines(const LinesOf& acrLines, const Text& acrBefore, const char* acText, const char* acAfter,
+                const Lines& acrBetween = Lines())
+{
+    Lines lLines = {acrLines.entered()};
+    lLines.insert(lLines.end(), acrBetween.begin(), acrBetween.end());
+    lLines.push_back(acrLines.error(std::string(acrBefore) + acText + acAfter));
+    lLines.push_back(acrLines.left());
+    return lLines;
+}
+
+/// The rows, written as the reference of each operation reads.
+std::vector<Row> rows()
+{
+    const auto lNothing = [](const Given&) { return true; };
+    const auto lMailboxUnopened = [](const Given& acrGiven) {
+        return -1 == acrGiven.mMailbox.shm_id && nullptr == acrGiven.mMailbox.shm_addr;
+    };
+    const auto lMailboxUnattached = [](const Given& acrGiven) {
+        return 4711 == acrGiven.mMailbox.shm_id && nullptr == acrGiven.mMailbox.shm_addr;
+    };
+    const auto lMailboxNowhere = [](const Given& acrGiven) {
+        return 4711 == acrGiven.mMailbox.shm_id &&
+               reinterpret_cast<OQSSharedMemoryHeader*>(-1) == acrGiven.mMailbox.shm_addr;
+    };
+    const auto lMailboxAttached = [](const Given& acrGiven) {
+        return 4711 == acrGiven.mMailbox.shm_id && gSegment == acrGiven.mMailbox.shm_addr;
+    };
+    const auto lCountZero = [](const Given& acrGiven) { return 0 == acrGiven.mCount && 1 == acrGiven.mBuffer[0]; };
+    const auto lMinusOne = [](const Given& acrGiven) { return -1 == acrGiven.mResult; };
+    const auto lOpened = always({cMemoryOpen.entered()});
+    const auto lClosed = always({cMemoryClose.entered()});
+    const Lines cGoing = {cLockStatus.trace("Going to find locking status")};
+
+    return {
+        // Named pipes
+        {"OsNamedPipeCreate_mknod", nth(mknodFault, 1), cPathErrors,
+         [](Given& arGiven) { OsNamedPipeCreate(arGiven.mPath, arGiven.mPipe); }, &typeid(OQCCreateFailedEx), 324,
+         [](const char* acText) {
+             return textLines(cPipeCreate, "Failed to create fifo file /tmp/oqsweep. Error: '", acText, "' ",
+                              {cPipeCreate.trace("Creating linux named pipe...")});
+         },
+         [](const Given& acrGiven) { return -7 == acrGiven.mPipe; }, false, false},
+        {"OsNamedPipeDestroy_unlink", nth(unlinkFault, 1), cUnlinkErrors,
+         [](Given& arGiven) { OsNamedPipeDestroy(arGiven.mPath, arGiven.mPipe); }, nullptr, 0,
+         always({cPipeDestroy.entered(), cPipeDestroy.trace("Destroying linux named pipe..."), cPipeDestroy.left()}),
+         [](const Given& acrGiven) { return -7 == acrGiven.mPipe; }, true, false},
+        {"OsNamedPipeOpen_open", nth(gOpenFault, 1), cOpenErrors,
+         [](Given& arGiven) {
+             OsNamedPipeOpen(arGiven.mPipe, arGiven.mPath, OQFM_Mode3, OQPS_NonBlocking, OQCM_Client);
+         },
+         nullptr, 0,
+         always(
+             {cPipeOpen.entered(),
+              cPipeOpen.trace("Opening /tmp/oqsweep with " + std::to_string(O_RDWR | O_DSYNC | O_NONBLOCK) + " flags"),
+              cPipeOpen.left()}),
+         [](const Given& acrGiven) { return -7 == acrGiven.mPipe; }, true, false},
+        {"OsNamedPipeRead_read", nth(gReadFault, 1), with(cReadErrors, EINTR),
+         [](Given& arGiven) { OsNamedPipeRead(5, arGiven.mBuffer, 8, arGiven.mCount); }, nullptr, 0,
+         always({cPipeRead.entered(), cPipeRead.trace("Reading 8 bytes"), cPipeRead.left()}), lCountZero, true, false},
+        {"OsNamedPipeBlockRead_read", nth(gReadFault, 1), cReadErrors,
+         [](Given& arGiven) { OsNamedPipeBlockRead(5, arGiven.mBuffer, 8, arGiven.mCount); }, nullptr, 0,
+         always({cPipeBlockRead.entered(), cPipeBlockRead.trace("Reading 8 bytes"), cPipeBlockRead.left()}), lCountZero,
+         true, false},
+        {"OsNamedPipeWrite_write", nth(gWriteFault, 1), cWriteErrors,
+         [](Given& arGiven) { OsNamedPipeWrite(5, arGiven.mBuffer, 8, arGiven.mCount); }, nullptr, 0,
+         always({cPipeWrite.entered(), cPipeWrite.trace("Writing 8 bytes"), cPipeWrite.left()}),
+         [](const Given& acrGiven) { return 77 == acrGiven.mCount; }, true, false},
+        {"OsNamedPipeWaitForActivity_select", nth(gSelectFault, 1), cSelectErrors,
+         [](Given&) { OsNamedPipeWaitForActivity(5, 1); }, &typeid(OQCPipeWaitFailedEx), 332,
+         [](const char* acText) {
+             Lines lLines = textLines(cWait, "Error waiting on Named Pipe: 5, Error : ", acText, "");
+             lLines.insert(lLines.begin(), cPipeWait.entered());
+             return lLines;
+         },
+         lNothing, false, false},
+        {"OsNamedPipeClose_close", nth(closeFault, 1), cCloseErrors,
+         [](Given& arGiven) {
+             arGiven.mPipe = 5;
+             OsNamedPipeClose(arGiven.mPipe, OQCM_Server);
+         },
+         nullptr, 0,
+         always({cPipeClose.entered(), cPipeClose.trace("Closing linux named pipe. pipe desc: 5"), cPipeClose.left()}),
+         [](const Given& acrGiven) { return 5 == acrGiven.mPipe; }, true, false},
+
+        // Shared memory
+        {"OsSharedMemoryOpen_server_shmget", nth(shmgetFault, 1), cGetErrors, opened(OQCM_Server),
+         &typeid(OQCOpenFailedEx), 326, lOpened, lMailboxUnopened, false, false},
+        {"OsSharedMemoryOpen_client_shmget", nth(shmgetFault, 1), cGetErrors, opened(OQCM_Client),
+         &typeid(OQCOpenFailedEx), 326, lOpened, lMailboxUnopened, false, false},
+        {"OsSharedMemoryOpen_server_IPC_STAT", nth(shmctlFault, 1), cControlErrors, opened(OQCM_Server),
+         &typeid(OQCClibStatFailedEx), 173, lOpened, lMailboxUnattached, false, false},
+        {"OsSharedMemoryOpen_server_SHM_LOCK", nth(shmctlFault, 2), cControlErrors, opened(OQCM_Server),
+         &typeid(OQCFileLockFailedEx), 330, lOpened, lMailboxUnattached, false, false},
+        {"OsSharedMemoryOpen_server_shmat", nth(shmatFault, 1), cAttachErrors, opened(OQCM_Server),
+         &typeid(OQCOpenFailedEx), 326, lOpened, lMailboxNowhere, false, false},
+        {"OsSharedMemoryOpen_client_shmat", nth(shmatFault, 1), cAttachErrors, opened(OQCM_Client),
+         &typeid(OQCOpenFailedEx), 326, lOpened, lMailboxNowhere, false, false},
+        {"OsSharedMemoryClose_server_IPC_STAT_first", nth(shmctlFault, 1), cControlErrors, closed(OQCM_Server),
+         &typeid(OQCClibStatFailedEx), 173, lClosed, lMailboxAttached, false, false},
+        {"OsSharedMemoryClose_server_IPC_RMID", nth(shmctlFault, 2), cControlErrors, closed(OQCM_Server),
+         &typeid(OQCCloseFailedEx), 327, lClosed, lMailboxAttached, false, false},
+        {"OsSharedMemoryClose_server_IPC_STAT_second", nth(shmctlFault, 3), cControlErrors, closed(OQCM_Server),
+         &typeid(OQCClibStatFailedEx), 173, lClosed, lMailboxAttached, false, false},
+        {"OsSharedMemoryClose_server_SHM_UNLOCK", nth(shmctlFault, 4), cControlErrors, closed(OQCM_Server),
+         &typeid(OQCFileUnLockFailedEx), 331, lClosed, lMailboxAttached, false, false},
+        {"OsSharedMemoryClose_server_shmdt",
+         nth(shmdtFault, 1),
+         {EINVAL},
+         closed(OQCM_Server),
+         &typeid(OQCCloseFailedEx),
+         327,
+         lClosed,
+         lMailboxAttached,
+         false,
+         false},
+        {"OsSharedMemoryClose_client_shmdt",
+         nth(shmdtFault, 1),
+         {EINVAL},
+         closed(OQCM_Client),
+         &typeid(OQCCloseFailedEx),
+         327,
+         lClosed,
+         lMailboxAttached,
+         false,
+         false},
+
+        // Descriptors, locks, signals
+        {"OsWaitForActivity_select", nth(gSelectFault, 1), cSelectErrors, [](Given&) { OsWaitForActivity(5, 1); },
+         &typeid(OQCPipeWaitFailedEx), 332,
+         [](const char* acText) { return textLines(cWait, "Error waiting on Named Pipe: 5, Error : ", acText, ""); },
+         lNothing, false, false},
+        {"OsLockFile_lockf", nth(lockfFault, 1), cLockErrors, [](Given&) { OsLockFile(5); },
+         &typeid(OQCFileLockFailedEx), 330,
+         [](const char* acText) {
+             return textLines(cLock, "Failed to lock file, error: ", acText, "", {cLock.trace("Going to lock file")});
+         },
+         lNothing, false, false},
+        {"OsUnlockFile_lockf", nth(lockfFault, 1), cLockErrors, [](Given&) { OsUnlockFile(5); },
+         &typeid(OQCFileUnLockFailedEx), 331,
+         [](const char* acText) { return textLines(cUnlock, "Failed to unlock file, error: ", acText, ""); }, lNothing,
+         false, false},
+        {"OsFileLockStatus_lockf", nth(lockfFault, 1), cLockErrors,
+         [](Given& arGiven) { OsFileLockStatus(5, arGiven.mStatus); }, nullptr, 0,
+         always({cLockStatus.entered(), cGoing[0], cLockStatus.left()}),
+         [](const Given& acrGiven) { return OQFLS_Locked == acrGiven.mStatus; }, true, false},
+        {"OsKill_kill",
+         nth(killFault, 1),
+         {EINVAL, EPERM, ESRCH},
+         [](Given& arGiven) { arGiven.mResult = OsKill(4711, SIGTERM); },
+         nullptr,
+         0,
+         always({}),
+         lMinusOne,
+         true,
+         false},
+
+        // Commands
+        {"OsExecute_popen",
+         each(gPopenFault, 0),
+         {EAGAIN, EMFILE, ENFILE, ENOMEM, EINVAL},
+         [](Given& arGiven) { OsExecute("true", arGiven.mLines); },
+         nullptr,
+         0,
+         always(
+             {cExecute.entered(), cExecute.trace("Calling popen"), cExecute.trace("Failed in popen"), cExecute.left()}),
+         [](const Given& acrGiven) { return 0 == acrGiven.mLines.size(); },
+         true,
+         false},
+        {"OsExecute_read", breakStream, with(cReadErrors, EINTR),
+         [](Given& arGiven) { OsExecute("true", arGiven.mLines); }, &typeid(OQCReadFailedEx), 328,
+         [](const char* acText) {
+             return Lines{cExecute.entered(), cExecute.trace("Calling popen"),
+                          cExecute.trace(std::string("Failed to read - ") + acText), cExecute.left()};
+         },
+         [](const Given& acrGiven) { return 0 == acrGiven.mLines.size() && nullptr == sBrokenCommand; }, false, true},
+
+        // Host identity
+        {"OsGetIpAddress_gethostbyname", [](int aError) { sHostError = aError; }, cResolverErrors,
+         [](Given& arGiven) { OsGetIpAddress(arGiven.mAddress); }, &typeid(OQCGetIpAddressFailEx), 347,
+         [](const char* acText) { return textLines(cAddress, "Can't get local host entry, error: ", acText, ""); },
+         [](const Given& acrGiven) { return 77 == acrGiven.mAddress; }, false, false},
+        {"OsGetAllIpAddresses_gethostbyname", [](int aError) { sHostError = aError; }, cResolverErrors,
+         [](Given& arGiven) { OsGetAllIpAddresses(arGiven.mAddresses); }, &typeid(OQCGetIpAddressFailEx), 347,
+         [](const char* acText) { return textLines(cAddresses, "Can't get local host entry, error: ", acText, ""); },
+         [](const Given& acrGiven) { return 0 == acrGiven.mAddresses.size(); }, false, false},
+        {"OsGetIpAddress_gethostname",
+         nth(gGethostnameFault, 1),
+         {EFAULT, EINVAL, ENAMETOOLONG, EPERM},
+         [](Given& arGiven) { OsGetIpAddress(arGiven.mAddress); },
+         nullptr,
+         0,
+         always({cAddress.entered(), cAddress.trace("IP Address #0 - 127.0.0.1"),
+                 cAddress.trace("IP Address #1 - 10.1.2.3"),
+                 cAddress.trace("Using 10.1.2.3 as the System's primary IP Address"), cAddress.left()}),
+         [](const Given& acrGiven) { return 0x0a010203 == acrGiven.mAddress; },
+         false,
+         false},
+        {"OsGetOsName_stat", each(statFault), cStatErrors,
+         [](Given& arGiven) { OsGetOsName(arGiven.mOs, arGiven.mName); }, nullptr, 0,
+         always({cOsName.entered(), cOsName.left()}),
+         [](const Given& acrGiven) { return OQOS_Linux == acrGiven.mOs && isText(acrGiven.mName, cFallbackName); },
+         false, true},
+        {"OsGetOsName_fopen",
+         [](int aErrno) {
+             statFault.failAlways(0, 0);
+             gFopenFault.failAlways(0, aErrno);
+         },
+         with(cOpenErrors, EINVAL), [](Given& arGiven) { OsGetOsName(arGiven.mOs, arGiven.mName); }, nullptr, 0,
+         always({cOsName.entered(), cOsName.trace("Going to determine Linux variant string"),
+                 cOsName.trace("Not able to determine the OS variant information"), cOsName.left()}),
+         [](const Given& acrGiven) { return OQOS_Linux == acrGiven.mOs && isText(acrGiven.mName, cFallbackName); },
+         false, true},
+        {"OsGetOsName_read",
+         [](int aErrno) {
+             statFault.failAlways(0, 0);
+             breakStream(aErrno);
+         },
+         with(cReadErrors, EINTR), [](Given& arGiven) { OsGetOsName(arGiven.mOs, arGiven.mName); }, nullptr, 0,
+         always({cOsName.entered(), cOsName.trace("Going to determine Linux variant string"),
+                 cOsName.trace("Not able to determine the OS variant information"), cOsName.left()}),
+         [](const Given& acrGiven) { return OQOS_Linux == acrGiven.mOs && isText(acrGiven.mName, cFallbackName); },
+         false, true},
+        {"isProcessRunning_stat",
+         [](int aErrno) {
+             systemFault.failAlways(0, 0);
+             statFault.failAlways(-1, aErrno);
+         },
+         cStatErrors, [](Given& arGiven) { arGiven.mResult = isProcessRunning(arGiven.mName); }, nullptr, 0,
+         always({cRunning.entered(), cRunning.trace("Process 'unchanged' is not running"), cRunning.left()}),
+         [](const Given& acrGiven) { return 0 == acrGiven.mResult; }, false, false},
+        {"isProcessRunning_system",
+         [](int aErrno) {
+             systemFault.failAlways(-1, aErrno);
+             statFault.failAlways(-1, ENOENT);
+         },
+         {EAGAIN, ECHILD, ENOMEM},
+         [](Given& arGiven) { arGiven.mResult = isProcessRunning(arGiven.mName); },
+         nullptr,
+         0,
+         always({cRunning.entered(), cRunning.trace("Process 'unchanged' is not running"), cRunning.left()}),
+         [](const Given& acrGiven) { return 0 == acrGiven.mResult; },
+         false,
+         false},
+
+        // The companion's wrappers, which log nothing
+        {"ClibOpen_open", nth(gOpenFault, 1), cOpenErrors,
+         [](Given& arGiven) { arGiven.mResult = ClibOpen("/tmp/oqsweep", O_RDONLY, 0); }, nullptr, 0, always({}),
+         lMinusOne, true, false},
+        {"ClibRead_read", nth(gReadFault, 1), with(cReadErrors, EINTR),
+         [](Given& arGiven) { arGiven.mResult = ClibRead(5, arGiven.mBuffer, 8); }, nullptr, 0, always({}), lMinusOne,
+         true, false},
+        {"ClibBlockRead_read", nth(gReadFault, 1), cReadErrors,
+         [](Given& arGiven) { arGiven.mResult = ClibBlockRead(5, arGiven.mBuffer, 8); }, nullptr, 0, always({}),
+         lMinusOne, true, false},
+        {"ClibWrite_write", nth(gWriteFault, 1), cWriteErrors,
+         [](Given& arGiven) { arGiven.mResult = ClibWrite(5, arGiven.mBuffer, 8); }, nullptr, 0, always({}), lMinusOne,
+         true, false},
+        {"ClibClose_close", nth(closeFault, 1), cCloseErrors, [](Given& arGiven) { arGiven.mResult = ClibClose(5); },
+         nullptr, 0, always({}), lMinusOne, true, false},
+        {"ClibUnlink_unlink", nth(unlinkFault, 1), cUnlinkErrors,
+         [](Given& arGiven) { arGiven.mResult = ClibUnlink("/tmp/oqsweep"); }, nullptr, 0, always({}), lMinusOne, true,
+         false},
+        {"ClibGethostname_gethostname",
+         nth(gGethostnameFault, 1),
+         {EFAULT, EINVAL, ENAMETOOLONG, EPERM},
+         [](Given& arGiven) { arGiven.mResult = ClibGethostname(reinterpret_cast<char*>(arGiven.mBuffer), 8); },
+         nullptr,
+         0,
+         always({}),
+         lMinusOne,
+         true,
+         false},
+        {"ClibStat_stat", nth(statFault, 1), cStatErrors,
+         [](Given& arGiven) {
+             arGiven.mInfo.st_size = 77;
+             ClibStat("/tmp/oqsweep", &arGiven.mInfo);
+         },
+         &typeid(OQCClibStatFailedEx), 173, always({}),
+         [](const Given& acrGiven) { return 77 == acrGiven.mInfo.st_size; }, false, false},
+        {"ClibFread_read", breakStream, with(cReadErrors, EINTR),
+         [](Given& arGiven) {
+             struct Closed {
+                 FILE* mStream = takeBroken();
+                 ~Closed() { fclose(mStream); }
+             } lStream;
+             ClibFread(reinterpret_cast<char*>(arGiven.mBuffer), 1, 8, lStream.mStream);
+         },
+         &typeid(OQCReadFailedEx), 328, always({}), [](const Given& acrGiven) { return 1 == acrGiven.mBuffer[0]; },
+         false, false},
+        {"getFirstLineFromFile_open", nth(gFopenFault, 1, 0), cOpenErrors,
+         [](Given& arGiven) { arGiven.mResult = getFirstLineFromFile(arGiven.mPath, arGiven.mName); }, nullptr, 0,
+         always({}),
+         [](const Given& acrGiven) { return -1 == acrGiven.mResult && isText(acrGiven.mName, "unchanged"); }, true,
+         false},
+        {"getFirstLineFromFile_read", breakStream, with(cReadErrors, EINTR),
+         [](Given& arGiven) { arGiven.mResult = getFirstLineFromFile(arGiven.mPath, arGiven.mName); }, nullptr, 0,
+         always({}),
+         [](const Given& acrGiven) { return -1 == acrGiven.mResult && isText(acrGiven.mName, "unchanged"); }, false,
+         true},
+        {"ClibSleepMS_clock_nanosleep",
+         [](int aError) { clock_nanosleepFault.failOn(1, aError, 0); },
+         {EFAULT, EINVAL, ENOTSUP},
+         [](Given&) { ClibSleepMS(60000); },
+         nullptr,
+         0,
+         always({}),
+         [](const Given&) { return 1 == clock_nanosleepFault.calls(); },
+         false,
+         false},
+    };
+}
+
+class RefusalTest : public LayerTest
+{
+protected:
+    void SetUp() override
+    {
+        LayerTest::SetUp();
+        memset(mSegment, 0, sizeof mSegment);
+    }
+
+    void refuse(const Row& acrRow, int aError, bool aWithMemory)
+    {
+        SCOPED_TRACE(std::string(acrRow.mName) + ", error " + std::to_string(aError));
+        Given lGiven;
+        Outcome lOutcome;
+        clearLog();
+        Fault::resetAll();
+        sHostError = 0;
+        gSegment = reinterpret_cast<OQSSharedMemoryHeader*>(mSegment);
+        acrRow.mPlan(aError);
+#if !OQ_SANITIZED
+        if (!aWithMemory) {
+            gMallocFault.failFrom(1);
+        }
+#endif
+        perform(acrRow.mRun, lGiven, lOutcome);
+#if !OQ_SANITIZED
+        gMallocFault.stop();
+#endif
+        const bool lLeft = acrRow.mLeft(lGiven);
+        Fault::resetAll();
+        gSegment = nullptr;
+        EXPECT_EQ(nullptr, sBroken) << "the stream was not even taken";
+        const std::string lText = strerror(aError);
+        EXPECT_EQ(nullptr == acrRow.mClass, nullptr == lOutcome.mClass) << lOutcome.mText;
+        if (nullptr != acrRow.mClass && nullptr != lOutcome.mClass) {
+            EXPECT_TRUE(*acrRow.mClass == *lOutcome.mClass) << lOutcome.mClass->name();
+            EXPECT_EQ(acrRow.mCode, lOutcome.mCode);
+            EXPECT_EQ(lText, lOutcome.mText);
+        }
+        if (acrRow.mErrnoKept) {
+            EXPECT_EQ(aError, lOutcome.mErrno);
+        }
+        EXPECT_EQ(acrRow.mLines(lText.c_str()), logged());
+        EXPECT_TRUE(lLeft) << "what is left is not what the row says";
+    }
+
+    alignas(8) char mSegment[64];
+};
+
+TEST_F(RefusalTest, IsToldAsTheRowSaysForEveryErrorOfTheManualPage)
+{
+    for (const Row& lrRow : rows()) {
+        for (const int lError : lrRow.mErrors) {
+            refuse(lrRow, lError, true);
+        }
+    }
+}
+
+/// An exception, its text and its lines need no memory that could be refused.
+TEST_F(RefusalTest, IsToldWithoutMemoryToo)
+{
+    if (OQ_SANITIZED) {
+        GTEST_SKIP() << "allocations are the sanitizer's and cannot be made to fail";
+    }
+    for (const Row& lrRow : rows()) {
+        for (const int lError : lrRow.mNeedsMemory ? Errors() : lrRow.mErrors) {
+            refuse(lrRow, lError, false);
+        }
+    }
+}
+
+}  // namespace
