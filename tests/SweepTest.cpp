@@ -747,4 +747,257 @@ TEST_F(RefusalTest, IsToldWithoutMemoryToo)
     }
 }
 
+// ---- Memory
+
+#if !OQ_SANITIZED
+
+const char cLong[] = "a text that is far too long to be kept inside a string object: its characters need memory";
+
+/// How an operation ends when its n-th allocation fails.
+struct Refused {
+    char mEnd;     ///< N: OQCNoMemoryEx, B: std::bad_alloc, R: returns
+    long mBlocks;  ///< blocks more than before: what is told to stay allocated, and no more
+    bool operator==(const Refused& acrOther) const { return mEnd == acrOther.mEnd && mBlocks == acrOther.mBlocks; }
+};
+
+std::ostream& operator<<(std::ostream& arStream, const Refused& acrRefused)
+{
+    return arStream << acrRefused.mEnd << " and " << acrRefused.mBlocks << " blocks";
+}
+
+/// Refuses the operation's first allocation, then its second, ... until it ends without having asked for so many.
+/// \return how each ended, the last with all its memory
+std::vector<Refused> refuseInTurn(const std::function<void()>& acrBefore, const std::function<void()>& acrRun,
+                                  const std::function<void()>& acrAfter)
+{
+    std::vector<Refused> lEnds;
+    for (unsigned int lNth = 1; lNth < 100; ++lNth) {
+        SCOPED_TRACE("allocation " + std::to_string(lNth));
+        acrBefore();
+        Refused lEnd = {'R', 0};
+        unsigned int lCode = 2;
+        char lText[256] = "Out of Memory";
+        gMallocFault.failOn(lNth);
+        sFrees = 0;
+        sCounted = true;
+        try {
+            acrRun();
+        } catch (const OQCNoMemoryEx& acrFailure) {
+            lEnd.mEnd = typeid(OQCNoMemoryEx) == typeid(acrFailure) ? 'N' : '?';
+            lCode = acrFailure.code();
+            strcpy(lText, acrFailure.what());
+        } catch (const std::bad_alloc&) {
+            lEnd.mEnd = 'B';
+        }
+        sCounted = false;
+        const unsigned int lAsked = gMallocFault.stop();
+        lEnd.mBlocks = static_cast<long>(lAsked) - (lNth <= lAsked ? 1 : 0) - static_cast<long>(sFrees);
+        EXPECT_EQ(2U, lCode);
+        EXPECT_STREQ("Out of Memory", lText);
+        acrAfter();
+        lEnds.push_back(lEnd);
+        if (lAsked < lNth) {
+            return lEnds;
+        }
+    }
+    ADD_FAILURE() << "no end";
+    return lEnds;
+}
+
+typedef std::vector<Refused> Ends;
+
+void nothing() {}
+
+/// With std::bad_alloc comes its own memory, and goes with it: an allocation more, when it is not itself refused.
+class MemoryTest : public LayerTest
+{
+protected:
+    void SetUp() override
+    {
+        LayerTest::SetUp();
+        EXPECT_THROW(throw OQCNoMemoryEx("warm", 2), OQCException);  // the first exception of a thread asks for more
+    }
+};
+
+TEST_F(MemoryTest, PointerAsksForItsCounterAndLeavesThePointeeToTheCallerWithoutIt)
+{
+    unsigned int* lpPointee = nullptr;
+    EXPECT_EQ(
+        (Ends{{'N', 0}, {'R', -1}}),
+        refuseInTurn([&] { lpPointee = new unsigned int(7); },
+                     [&] { const Pointer<unsigned int> lPointer(lpPointee, OQPST_Individual, OQPMT_New); }, nothing));
+}
+
+TEST_F(MemoryTest, TextsLeaveNothingButATextWithoutACounter)
+{
+    const OQCString lOther(cLong);
+    // Object, characters, counter; the short one has its characters inside.
+    EXPECT_EQ((Ends{{'N', 0}, {'N', 0}, {'N', 2}, {'R', 0}}),
+              refuseInTurn(
+                  nothing, [] { const OQCString lText(cLong); }, nothing));
+    EXPECT_EQ((Ends{{'N', 0}, {'N', 1}, {'R', 0}}), refuseInTurn(
+                                                        nothing, [] { const OQCString lText("short"); }, nothing));
+    EXPECT_EQ((Ends{{'N', 0}, {'N', 0}, {'N', 2}, {'R', 0}}),
+              refuseInTurn(
+                  nothing, [&] { const OQCString lText(lOther); }, nothing));
+    OQCString lTarget("");
+    EXPECT_EQ((Ends{{'N', 0}, {'N', 0}, {'N', 2}, {'R', 1}}),
+              refuseInTurn([&] { EXPECT_STREQ("", lTarget.get()); }, [&] { lTarget = lOther; },
+                           [&] { EXPECT_STREQ(cLong, lOther.get()); }));
+    EXPECT_STREQ(cLong, lTarget.get());
+    OQCString lGrowing("short");
+    EXPECT_EQ((Ends{{'B', 0}, {'R', 1}}),
+              refuseInTurn([&] { EXPECT_STREQ("short", lGrowing.get()); }, [&] { lGrowing += lOther; }, nothing));
+    EXPECT_EQ(std::string("short") + cLong, lGrowing.get());
+}
+
+TEST_F(MemoryTest, ListsKeepTheirElementsAndLeaveNothingButATextWithoutACounter)
+{
+    OQCList<unsigned int> lNumbers;
+    lNumbers.append(1);
+    EXPECT_EQ((Ends{{'N', 0}, {'R', 1}}),
+              refuseInTurn([&] { EXPECT_EQ(1, lNumbers.size()); }, [&] { lNumbers.append(2); }, nothing));
+    EXPECT_EQ(2, lNumbers.size());
+    const OQCString lText(cLong);
+    OQCList<OQCString> lTexts;
+    lTexts.append(lText);
+    EXPECT_EQ((Ends{{'N', 0}, {'N', 0}, {'N', 0}, {'N', 2}, {'R', 4}}),
+              refuseInTurn([&] { EXPECT_EQ(1, lTexts.size()); }, [&] { lTexts.append(lText); }, nothing));
+    EXPECT_EQ(2, lTexts.size());
+}
+
+TEST_F(MemoryTest, LinesBeforeTheRefusalStayAndTheLineBufferIsLeft)
+{
+    char lBuffer[4000];
+    OQCList<OQCString> lLines;
+    const auto lBefore = [&] {
+        memset(lBuffer, 0, sizeof lBuffer);
+        strcpy(lBuffer, "first\nsecond\nrest");
+        lLines.clear();
+    };
+    std::vector<int> lSizes;
+    // The buffer; of each line the object and its counter, the node, and the object and counter of the copy in it.
+    EXPECT_EQ((Ends{{'N', 0},
+                    {'N', 1},
+                    {'N', 2},
+                    {'N', 1},
+                    {'N', 1},
+                    {'N', 2},
+                    {'N', 4},
+                    {'N', 5},
+                    {'N', 4},
+                    {'N', 4},
+                    {'N', 5},
+                    {'R', 6}}),
+              refuseInTurn(
+                  lBefore, [&] { OsBreak(lBuffer, lLines); }, [&] { lSizes.push_back(lLines.size()); }));
+    EXPECT_EQ((std::vector<int>{0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 2}), lSizes);
+}
+
+TEST_F(MemoryTest, AddressesBeforeTheRefusalStay)
+{
+    OQCList<unsigned int> lAddresses;
+    std::vector<int> lSizes;
+    EXPECT_EQ((Ends{{'N', 0}, {'N', 1}, {'R', 2}}),
+              refuseInTurn([&] { lAddresses.clear(); }, [&] { OsGetAllIpAddresses(lAddresses); },
+                           [&] { lSizes.push_back(lAddresses.size()); }));
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), lSizes);
+}
+
+TEST_F(MemoryTest, NameOfTheSystemStaysUntilItsSuccessorHasItsMemory)
+{
+    const std::string lPath = path("release");
+    FILE* const lpFile = fopen(lPath.c_str(), "w");
+    fputs("release 1\n", lpFile);
+    fclose(lpFile);
+    OQCString lLine("unchanged");
+    const OQCString lName(lPath.c_str());
+    int lResult = 0;
+    std::vector<int> lResults;
+    const Ends lEnds = refuseInTurn(
+        [&] {
+            lLine = "unchanged";
+            lResult = -99;
+        },
+        [&] { lResult = getFirstLineFromFile(lName, lLine); },
+        [&] {
+            lResults.push_back(lResult);
+            EXPECT_STREQ(0 == lResult ? "release 1" : "unchanged", lLine.get());
+        });
+    // The stream, its buffer, the line; then twice the object of a text and its counter.
+    EXPECT_EQ((Ends{{'R', 0}, {'R', 0}, {'R', 0}, {'N', 0}, {'N', 1}, {'N', 0}, {'N', 1}, {'R', 0}}), lEnds);
+    unlink(lPath.c_str());
+
+    OQEOperatingSystem lOs;
+    OQCString lSystem("unchanged");
+    statFault.failAlways(-1, ENOENT);
+    std::vector<std::string> lNames;
+    // Three files that are not there, each told by an exception, which has memory of its own in need; then twice the
+    // object, its characters and its counter.
+    EXPECT_EQ(
+        (Ends{{'R', 1}, {'R', 1}, {'R', 1}, {'N', 0}, {'N', 0}, {'N', 2}, {'N', 0}, {'N', 0}, {'N', 2}, {'R', 1}}),
+        refuseInTurn([&] { lSystem = "unchanged"; }, [&] { OsGetOsName(lOs, lSystem); },
+                     [&] { lNames.push_back(lSystem.get()); }));
+    std::vector<std::string> lExpected(10, "unchanged");
+    lExpected[0] = lExpected[1] = lExpected[2] = lExpected[9] = cFallbackName;
+    EXPECT_EQ(lExpected, lNames);
+}
+
+TEST_F(MemoryTest, AllOtherOperationsAskForNone)
+{
+    const std::string lPath = path("pipe");
+    const OQCString lName(lPath.c_str());
+    int lPipe = -1;
+    unsigned char lBuffer[8] = {};
+    unsigned int lCount = 0;
+    OQShmDesc lServer = {key(), 64, -1, nullptr};
+    OQShmDesc lClient = lServer;
+    OQEFileLockStatus lStatus;
+    unsigned int lAddress = 0;
+    pthread_mutex_t lMutex;
+    pthread_cond_t lCondition;
+    char lProgram[] = "true";
+    char* const lArguments[] = {lProgram, nullptr};
+    fflush(stdin);
+    gMallocFault.failFrom(1);
+    OsNamedPipeCreate(lName, lPipe);
+    OsNamedPipeOpen(lPipe, lName, OQFM_Mode3, OQPS_NonBlocking, OQCM_Server);
+    OsNamedPipeConnect(lPipe, lName, OQFM_Mode3, OQPS_NonBlocking);
+    OsNamedPipeAccept(lPipe);
+    OsNamedPipeWrite(lPipe, lBuffer, 8, lCount);
+    OsNamedPipeWaitForActivity(lPipe, 1);
+    OsNamedPipeRead(lPipe, lBuffer, 4, lCount);
+    OsNamedPipeBlockRead(lPipe, lBuffer, 4, lCount);
+    OsNamedPipeClose(lPipe, OQCM_Server);
+    OsNamedPipeDestroy(lName, lPipe);
+    OsSharedMemoryOpen(lServer, OQCM_Server);
+    OsSharedMemoryOpen(lClient, OQCM_Client);
+    OsSharedMemoryWrite(lServer, lBuffer, 8, lCount);
+    OsSharedMemoryWaitForActivity(lClient, 1);
+    OsSharedMemoryRead(lClient, lBuffer, 8, lCount);
+    OsSharedMemoryClose(lClient, OQCM_Client);
+    OsSharedMemoryClose(lServer, OQCM_Server);
+    OsFileLockStatus(-1, lStatus);
+    OsGetIpAddress(lAddress);
+    OsInitMutex(lMutex);
+    OsLockMutex(lMutex);
+    OsUnlockMutex(lMutex);
+    OsTrylockMutex(lMutex);
+    OsUnlockMutex(lMutex);
+    OsInitConditional(lCondition);
+    OsSignal(lCondition);
+    OsDestroyConditional(lCondition);
+    OsDestroyMutex(lMutex);
+    RegisterSignalHandler(SIGURG, SIG_DFL);
+    const int lStarted = ProcessCreate("/bin/true", lArguments, nullptr);
+    const int lStatusOfIt = ProcessWait(lStarted, 0);
+    const unsigned int lAsked = gMallocFault.stop();
+    EXPECT_EQ(0U, lAsked);
+    EXPECT_EQ(0, lStatusOfIt);
+    EXPECT_EQ(8U, lCount);
+    EXPECT_EQ(0x0a010203U, lAddress);
+}
+
+#endif
+
 }  // namespace
