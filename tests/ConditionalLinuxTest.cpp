@@ -235,6 +235,31 @@ TEST_F(ConditionalLinuxTest, WaitThrowsItsClassWithTheTextOfErrnoWhenRefused)
     EXPECT_EQ(Lines(), logged());
 }
 
+/// The errors of the manual pages. The result says that there was one, and the text is that of errno.
+TEST_F(ConditionalLinuxTest, EveryErrorOfTheManualPagesIsAFailureWithTheTextOfErrno)
+{
+    pthread_cond_t lCondition;
+    for (const int lError : {EAGAIN, ENOMEM, EBUSY, EINVAL}) {
+        pthread_cond_initFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCCondInitFailedEx, 337, "Invalid cross-device link", OsInitConditional(lCondition));
+    }
+    for (const int lError : {EBUSY, EINVAL}) {
+        pthread_cond_destroyFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCCondDestroyFailedEx, 338, "Invalid cross-device link", OsDestroyConditional(mCondition));
+    }
+    pthread_cond_signalFault.failOn(1, EINVAL, EXDEV);
+    EXPECT_FAILURE(OQCCondSignalFailedEx, 340, "Invalid cross-device link", OsSignal(mCondition));
+    OsLockMutex(mMutex);
+    for (const int lError : {EINVAL, EPERM, ENOTRECOVERABLE, EOWNERDEAD}) {
+        pthread_cond_waitFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCCondWaitFailedEx, 339, "Invalid cross-device link", OsWait(mCondition, mMutex));
+        pthread_cond_timedwaitFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCCondWaitFailedEx, 339, "Invalid cross-device link", timedWait(1));
+    }
+    OsUnlockMutex(mMutex);
+    EXPECT_EQ(Lines(), logged());
+}
+
 TEST_F(ConditionalLinuxTest, AWaitWithoutATimeLimitKnowsNoTimeOut)
 {
     OsLockMutex(mMutex);

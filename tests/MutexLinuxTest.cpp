@@ -199,6 +199,33 @@ TEST_F(MutexLinuxTest, EveryNonZeroResultIsAFailure)
     EXPECT_FAILURE(OQCMutexUnlockFailedEx, 336, strerror(EIO), OsUnlockMutex(mMutex));
 }
 
+/// The errors of the manual pages. The result says that there was one, and the text is that of errno.
+TEST_F(MutexLinuxTest, EveryErrorOfTheManualPagesIsAFailureWithTheTextOfErrno)
+{
+    pthread_mutex_t lMutex;
+    for (const int lError : {EAGAIN, ENOMEM, EPERM, EBUSY, EINVAL}) {
+        pthread_mutex_initFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCMutexInitFailedEx, 333, "Invalid cross-device link", OsInitMutex(lMutex));
+    }
+    for (const int lError : {EBUSY, EINVAL}) {
+        pthread_mutex_destroyFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCMutexDestroyFailedEx, 334, "Invalid cross-device link", OsDestroyMutex(mMutex));
+    }
+    for (const int lError : {EAGAIN, EINVAL, EDEADLK, ENOTRECOVERABLE, EOWNERDEAD}) {
+        pthread_mutex_lockFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCMutexLockFailedEx, 335, "Invalid cross-device link", OsLockMutex(mMutex));
+    }
+    for (const int lError : {EBUSY, EAGAIN, EINVAL, ENOTRECOVERABLE, EOWNERDEAD}) {
+        pthread_mutex_trylockFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCMutexLockFailedEx, 335, "Invalid cross-device link", OsTrylockMutex(mMutex));
+    }
+    for (const int lError : {EAGAIN, EINVAL, EPERM}) {
+        pthread_mutex_unlockFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCMutexUnlockFailedEx, 336, "Invalid cross-device link", OsUnlockMutex(mMutex));
+    }
+    EXPECT_EQ(Lines(), logged());
+}
+
 TEST_F(MutexLinuxTest, TheTextIsTheOneThatTheRuntimeReturnsWhereverItLies)
 {
     spOwnText = "a text outside the buffer";

@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
@@ -28,6 +29,9 @@
 #include "TestKit.h"
 
 OQ_FAULTY(pid_t, fork, (), (), noexcept)
+OQ_FAULTY(int, execve, (const char* acPath, char* const* acArgv, char* const* acEnvp), (acPath, acArgv, acEnvp),
+          noexcept)
+OQ_FAULTY(int, poll, (struct pollfd * apPolls, nfds_t aCount, int aMilliseconds), (apPolls, aCount, aMilliseconds), )
 
 // A function that calls vfork() and returns takes the frame away under which its child runs on. The test program's
 // vfork() must therefore jump to the real one and leave no frame of its own, which only the assembler can say.
@@ -886,6 +890,71 @@ TEST_P(ProcessCreateTest, ChildThatHasEndedUnseenIsNotWaitedForWhenAnotherKeepsT
     EXPECT_TRUE(eventually([] { return -1 == waitpid(-1, nullptr, WNOHANG) && ECHILD == errno; }));
 }
 
+TEST_P(ProcessCreateTest, EveryErrorOfTheManualPageOfExecveIsThrownInTheChild)
+{
+    for (const int lError : {E2BIG, EACCES, EAGAIN, EFAULT, EINVAL, EIO, EISDIR, ELIBBAD, ELOOP, EMFILE, ENAMETOOLONG,
+                             ENFILE, ENOENT, ENOEXEC, ENOMEM, ENOTDIR, EPERM, ETXTBSY}) {
+        SCOPED_TRACE(lError);
+        execveFault.failAlways(-1, lError);
+        expectThrownInChild("/bin/true", strerror(lError));
+    }
+}
+
+TEST_P(ProcessCreateTest, EveryErrorOfTheManualPageOfForkIsThrownInTheParent)
+{
+    for (const int lError : {EAGAIN, ENOMEM, ENOSYS}) {
+        clearLog();
+        forkFault.failOn(1, -1, lError);
+        EXPECT_FAILURE(OQCProcessCreationFailedEx, 345, strerror(lError),
+                       ProcessCreate(cMissing, cNoArguments, cNoEnvironment));
+        EXPECT_EQ((Lines{cCreate.entered(), cCreate.error(std::string("Failed to create child :") + strerror(lError)),
+                         cCreate.left()}),
+                  logged());
+    }
+}
+
+TEST_P(ProcessCreateTest, EveryErrorOfTheManualPageOfPipeLetsAProgramStart)
+{
+    for (const int lError : {EFAULT, EINVAL, EMFILE, ENFILE, ENOPKG}) {
+        clearLog();
+        pipe2Fault.failAlways(-1, lError);
+        const int lChild = ProcessCreate("/bin/true", cNoArguments, cNoEnvironment);
+        EXPECT_EQ((Lines{cCreate.entered(), cCreate.left()}), logged());
+        EXPECT_EQ(0, ProcessWait(lChild, 0));
+#if OQ_SHARING_VFORK
+        if (cVforkShares == GetParam()) {
+            EXPECT_FAILURE(OQCProcessCreationFailedEx, 345, strerror(lError),
+                           ProcessCreate(cMissing, cNoArguments, cNoEnvironment));
+        }
+#endif
+    }
+}
+
+/// The wait for the failed child goes on without: by looking at it.
+TEST_P(ProcessCreateTest, ParentWaitsAsWellWherePollFails)
+{
+    for (const int lError : {EINTR, ENOMEM}) {
+        pollFault.failAlways(-1, lError);
+        Hold lHold;
+        const int lChild = startInVain(cMissing, [&](const OQCException&) { lHold.inChild(); });
+        lHold.returned();
+        EXPECT_LT(0U, pollFault.calls());
+        EXPECT_EQ(42, ProcessWait(lChild, 0));
+    }
+}
+
+TEST_F(ProcessLinuxTest, EveryErrorOfTheManualPageOfWaitpidIsAFailedWaitWithItsDeliberateText)
+{
+    for (const int lError : {EAGAIN, ECHILD, EINTR, EINVAL, ESRCH}) {
+        clearLog();
+        waitpidFault.failOn(1, -1, lError);
+        EXPECT_FAILURE(OQCProcessWaitFailedEx, 345, "Failed to create process", ProcessWait(4711, 0));
+        EXPECT_EQ((Lines{cWait.entered(), cWait.trace("Going to wait for child process to complete"),
+                         cWait.error("Failed to wait on child process")}),
+                  logged());
+    }
+}
+
 /// The lowest number is a descriptor like any other.
 TEST_P(ProcessCreateTest, PipeMayGetTheNumberOfStandardInput)
 {
@@ -1120,7 +1189,8 @@ TEST_F(ProcessLinuxTest, VforkRefusedIsThrownWithItsErrorText)
         int mErrno;
         const char* mText;
     };
-    for (const Row& lrRow : {Row{EAGAIN, "Resource temporarily unavailable"}, Row{ENOMEM, "Cannot allocate memory"}}) {
+    for (const Row& lrRow : {Row{EAGAIN, "Resource temporarily unavailable"}, Row{ENOMEM, "Cannot allocate memory"},
+                             Row{ENOSYS, "Function not implemented"}}) {
         clearLog();
         gTextCount = 0;
         gVforkPlan = cVforkFails;
@@ -1135,7 +1205,7 @@ TEST_F(ProcessLinuxTest, VforkRefusedIsThrownWithItsErrorText)
         EXPECT_EQ(512U, gTextCalls[0].mSize);
         EXPECT_EQ(512U, gTextCalls[1].mSize);
     }
-    EXPECT_EQ(2, gVforkCalls);
+    EXPECT_EQ(3, gVforkCalls);
     EXPECT_EQ(0U, forkFault.calls());
 }
 

@@ -18,6 +18,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -133,7 +134,6 @@ FILE* sBrokenCommand = nullptr;
 
 /// The host: a loopback address and two others, or the resolver's error.
 int sHostError = 0;
-std::atomic<bool> sRealHost(false);
 unsigned char sAddresses[3][4] = {{127, 0, 0, 1}, {10, 1, 2, 3}, {10, 4, 5, 6}};
 char* sAddressList[] = {reinterpret_cast<char*>(sAddresses[0]), reinterpret_cast<char*>(sAddresses[1]),
                         reinterpret_cast<char*>(sAddresses[2]), nullptr};
@@ -188,12 +188,8 @@ extern "C" int plannedGethostname(char* apBuffer, size_t aSize) noexcept
     return lReal(apBuffer, aSize);
 }
 
-extern "C" hostent* gethostbyname(const char* acName)
+extern "C" hostent* gethostbyname(const char*)
 {
-    if (sRealHost) {
-        static const auto lReal = behind<hostent*(const char*)>("gethostbyname");
-        return lReal(acName);
-    }
     if (0 != sHostError) {
         h_errno = sHostError;
         return nullptr;
@@ -999,5 +995,387 @@ TEST_F(MemoryTest, AllOtherOperationsAskForNone)
 }
 
 #endif
+
+// ---- Descriptors
+
+class DescriptorsTest : public LayerTest
+{
+};
+
+TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
+{
+    const std::string lPath = path("pipe");
+    const int lShared = key();
+    const ChildResult lResult = inChild([&] {
+        const OQCString lName(lPath.c_str());
+        const int lFile = open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
+        int lEnds[2];
+        ASSERT_EQ(0, pipe2(lEnds, O_CLOEXEC));
+        const rlimit lFew = {64, 64};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &lFew));
+        while (0 <= fcntl(0, F_DUPFD_CLOEXEC, 0)) {
+        }
+        ASSERT_EQ(EMFILE, errno);
+
+        // What would open one.
+        int lPipe = -7;
+        OsNamedPipeCreate(lName, lPipe);
+        errno = 0;
+        OsNamedPipeOpen(lPipe, lName, OQFM_Mode3, OQPS_NonBlocking, OQCM_Server);
+        EXPECT_EQ(EMFILE, errno);
+        EXPECT_EQ(-7, lPipe);
+        OsNamedPipeDestroy(lName, lPipe);
+        EXPECT_EQ(-1, ClibOpen("/dev/null", O_RDONLY, 0));
+        EXPECT_EQ(EMFILE, errno);
+        OQCString lLine("unchanged");
+        EXPECT_EQ(-1, getFirstLineFromFile("/proc/version", lLine));
+        EXPECT_EQ(EMFILE, errno);
+        EXPECT_STREQ("unchanged", lLine.get());
+        statFault.failAlways(0, 0);
+        OQEOperatingSystem lOs;
+        OsGetOsName(lOs, lLine);
+        EXPECT_STREQ(cFallbackName, lLine.get());
+        statFault.reset();
+        OQCList<OQCString> lLines;
+        clearLog();
+        OsExecute("echo a", lLines);
+        EXPECT_EQ((Lines{cExecute.entered(), cExecute.trace("Calling popen"), cExecute.trace("Failed in popen"),
+                         cExecute.left()}),
+                  logged());
+        EXPECT_EQ(0, lLines.size());
+
+        // What needs none that is not open yet.
+        unsigned int lCount = 0;
+        unsigned char lByte = 7;
+        OsNamedPipeWrite(lEnds[1], &lByte, 1, lCount);
+        EXPECT_EQ(1U, lCount);
+        OsWaitForActivity(lEnds[0], 1);
+        OsNamedPipeRead(lEnds[0], &lByte, 1, lCount);
+        EXPECT_EQ(1U, lCount);
+        OsLockFile(lFile);
+        OsUnlockFile(lFile);
+        OQShmDesc lMailbox = {lShared, 64, -1, nullptr};
+        OsSharedMemoryOpen(lMailbox, OQCM_Server);
+        OsSharedMemoryClose(lMailbox, OQCM_Server);
+        unsigned long lThread;
+        OsStartThread(lThread, nullptr, [](void*) -> void* { return nullptr; });
+        OsWaitForExit(lThread);
+        char lProgram[] = "true";
+        char* const lArguments[] = {lProgram, nullptr};
+        EXPECT_EQ(0, ProcessWait(ProcessCreate("/bin/true", lArguments, nullptr), 0));
+    });
+    EXPECT_EQ(0, lResult.mExitStatus);
+}
+
+// ---- Signals
+
+/// Interrupts the thread that made it every few hundred microseconds, with a handler of the layer's own kind.
+class Storm
+{
+public:
+    Storm() : mStop(false), mSent(0)
+    {
+        sigaction(SIGUSR2, nullptr, &mBefore);
+        RegisterSignalHandler(SIGUSR2, [](int) {});
+        const pthread_t lTarget = pthread_self();
+        mThread = std::thread([this, lTarget] {
+            while (!mStop) {
+                pthread_kill(lTarget, SIGUSR2);
+                ++mSent;
+                usleep(200);
+            }
+        });
+        await(1);
+        keepNoLines();
+    }
+    ~Storm()
+    {
+        mStop = true;
+        mThread.join();
+        sigaction(SIGUSR2, &mBefore, nullptr);
+    }
+    Storm(const Storm&) = delete;
+    Storm& operator=(const Storm&) = delete;
+
+    /// From another thread: waits for so many signals more.
+    void await(unsigned int aMore) const
+    {
+        const unsigned int lBefore = mSent;
+        while (mSent - lBefore < aMore) {
+            usleep(100);
+        }
+    }
+
+private:
+    std::atomic<bool> mStop;
+    std::atomic<unsigned int> mSent;
+    std::thread mThread;
+    struct sigaction mBefore;
+};
+
+const unsigned int cSignals = 30;  // while an operation blocks
+
+class StormTest : public LayerTest
+{
+protected:
+    void SetUp() override
+    {
+        if (OQ_SANITIZED) {
+            std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first one
+        }
+        LayerTest::SetUp();
+        ASSERT_EQ(0, pipe2(mEnds, O_CLOEXEC));
+    }
+    void TearDown() override
+    {
+        close(mEnds[0]);
+        close(mEnds[1]);
+        LayerTest::TearDown();
+    }
+
+    int mEnds[2];
+};
+
+TEST_F(StormTest, WaitForDataEndsWithTheData)
+{
+    const Storm lStorm;
+    std::thread lWriter([&] {
+        lStorm.await(cSignals);
+        EXPECT_EQ(1, write(mEnds[1], "x", 1));
+    });
+    OsNamedPipeWaitForActivity(mEnds[0], 20);
+    lWriter.join();
+    char lByte = 0;
+    EXPECT_EQ(1, ClibBlockRead(mEnds[0], &lByte, 1));
+    EXPECT_EQ('x', lByte);
+}
+
+TEST_F(StormTest, BlockReadGathersEveryPiece)
+{
+    const Storm lStorm;
+    std::thread lWriter([&] {
+        for (const char* lpPiece = "pieces"; '\0' != *lpPiece; ++lpPiece) {
+            lStorm.await(10);
+            EXPECT_EQ(1, write(mEnds[1], lpPiece, 1));
+        }
+    });
+    unsigned char lBuffer[6] = {};
+    unsigned int lCount = 0;
+    OsNamedPipeBlockRead(mEnds[0], lBuffer, 6, lCount);
+    lWriter.join();
+    EXPECT_EQ(6U, lCount);
+    EXPECT_EQ(0, memcmp("pieces", lBuffer, 6));
+}
+
+/// A write or read that a signal cuts short says how far it came, so that a caller who goes on from there loses nothing.
+TEST_F(StormTest, WritesAndReadsSayHowFarTheyCame)
+{
+    std::vector<unsigned char> lData(600000);
+    for (size_t lIndex = 0; lIndex < lData.size(); ++lIndex) {
+        lData[lIndex] = static_cast<unsigned char>(lIndex * 31 >> 3);
+    }
+    for (const bool lWrites : {true, false}) {
+        std::vector<unsigned char> lArrived;
+        std::vector<unsigned char> lBuffer(lData.size());
+        const Storm lStorm;
+        std::thread lOther([&] {
+            size_t lDone = 0;
+            while (lDone < lData.size()) {
+                lStorm.await(1);
+                const size_t lPiece = std::min<size_t>(lData.size() - lDone, 40000);
+                const ssize_t lMoved =
+                    lWrites ? read(mEnds[0], &lBuffer[lDone], lPiece) : write(mEnds[1], &lData[lDone], lPiece);
+                ASSERT_LT(0, lMoved);
+                lDone += static_cast<size_t>(lMoved);
+            }
+        });
+        size_t lDone = 0;
+        while (lDone < lData.size()) {
+            unsigned int lCount = 0;  // what a call that a signal ended at once leaves
+            const unsigned int lLeft = static_cast<unsigned int>(lData.size() - lDone);
+            if (lWrites) {
+                OsNamedPipeWrite(mEnds[1], &lData[lDone], lLeft, lCount);
+            } else {
+                OsNamedPipeRead(mEnds[0], &lBuffer[lDone], lLeft, lCount);
+            }
+            lDone += lCount;
+        }
+        lOther.join();
+        EXPECT_TRUE(lData == lBuffer) << (lWrites ? "written" : "read");
+    }
+}
+
+TEST_F(StormTest, MailboxLosesNoMessage)
+{
+    OQShmDesc lServer = {key(), 64, -1, nullptr};
+    OQShmDesc lClient = lServer;
+    OsSharedMemoryOpen(lServer, OQCM_Server);
+    OsSharedMemoryOpen(lClient, OQCM_Client);
+    {
+        const Storm lStorm;
+        std::thread lReader([&] {
+            for (unsigned char lNumber = 0; lNumber < 10; ++lNumber) {
+                unsigned char lByte = 99;
+                unsigned int lCount = 0;
+                lStorm.await(5);
+                OsSharedMemoryWaitForActivity(lClient, 20);
+                OsSharedMemoryRead(lClient, &lByte, 1, lCount);
+                EXPECT_EQ(1U, lCount);
+                EXPECT_EQ(lNumber, lByte);
+            }
+        });
+        for (unsigned char lNumber = 0; lNumber < 10; ++lNumber) {
+            unsigned int lCount = 0;
+            OsSharedMemoryWrite(lServer, &lNumber, 1, lCount);
+            EXPECT_EQ(1U, lCount);
+        }
+        lReader.join();
+    }
+    OsSharedMemoryClose(lClient, OQCM_Client);
+    OsSharedMemoryClose(lServer, OQCM_Server);
+}
+
+TEST_F(StormTest, SleepIsNotShortened)
+{
+    const Storm lStorm;
+    const auto lBegin = std::chrono::steady_clock::now();
+    ClibSleepMS(60);
+    EXPECT_LE(std::chrono::milliseconds(60), std::chrono::steady_clock::now() - lBegin);
+}
+
+TEST_F(StormTest, ThreadsMutexesAndConditionsAreWaitedForToTheEnd)
+{
+    struct Meeting {
+        const Storm& mStorm;
+        pthread_mutex_t mMutex;
+        pthread_cond_t mCondition;
+        std::atomic<int> mStep;
+    };
+    const Storm lStorm;
+    Meeting lMeeting = {lStorm, {}, {}, {0}};
+    OsInitMutex(lMeeting.mMutex);
+    OsInitConditional(lMeeting.mCondition);
+    unsigned long lThread = 0;
+    OsStartThread(lThread, &lMeeting, [](void* apMeeting) -> void* {
+        Meeting& lrMeeting = *static_cast<Meeting*>(apMeeting);
+        OsLockMutex(lrMeeting.mMutex);
+        lrMeeting.mStep = 1;
+        lrMeeting.mStorm.await(cSignals);  // while the other wants the mutex
+        lrMeeting.mStep = 2;
+        OsUnlockMutex(lrMeeting.mMutex);
+        for (int lStep = 3; lStep <= 4; ++lStep) {
+            lrMeeting.mStorm.await(cSignals);  // while the other waits for the condition
+            OsLockMutex(lrMeeting.mMutex);
+            lrMeeting.mStep = lStep;
+            OsSignal(lrMeeting.mCondition);
+            OsUnlockMutex(lrMeeting.mMutex);
+        }
+        lrMeeting.mStorm.await(cSignals);  // while the other waits for the end
+        lrMeeting.mStep = 5;
+        return nullptr;
+    });
+    EXPECT_TRUE(eventually([&] { return 1 <= lMeeting.mStep; }));
+    OsLockMutex(lMeeting.mMutex);
+    EXPECT_EQ(2, lMeeting.mStep);
+    while (lMeeting.mStep < 3) {
+        OsWait(lMeeting.mCondition, lMeeting.mMutex);
+    }
+    while (lMeeting.mStep < 4) {
+        OsConditionalTimedWait(lMeeting.mCondition, lMeeting.mMutex, 20);
+    }
+    OsUnlockMutex(lMeeting.mMutex);
+    OsWaitForExit(lThread);
+    EXPECT_EQ(5, lMeeting.mStep);
+    OsDestroyConditional(lMeeting.mCondition);
+    OsDestroyMutex(lMeeting.mMutex);
+}
+
+/// As the reference tells callers to wait where signals are handled.
+int waitFor(int aChild)
+{
+    for (;;) {
+        try {
+            return ProcessWait(aChild, 0);
+        } catch (const OQCProcessWaitFailedEx&) {
+            siginfo_t lInfo;
+            if (0 != waitid(P_PID, static_cast<id_t>(aChild), &lInfo, WEXITED | WNOHANG | WNOWAIT)) {
+                return -99;  // there is no such child
+            }
+        }
+    }
+}
+
+TEST_F(StormTest, ProgramsStartAndFailAsEver)
+{
+    const Storm lStorm;
+    const pid_t lParent = getpid();
+    char lName[] = "name";
+    char* const lArguments[] = {lName, nullptr};
+    for (int lRound = 0; lRound < 10; ++lRound) {
+        EXPECT_EQ(0, waitFor(ProcessCreate("/bin/true", lArguments, nullptr)));
+        int lChild = -1;
+        try {
+            lChild = ProcessCreate("/nonexistent/program", lArguments, nullptr);
+        } catch (const OQCProcessCreationFailedEx& acrFailure) {
+            if (lParent != getpid()) {
+                _exit(0 == strcmp("No such file or directory", acrFailure.what()) ? 42 : 43);
+            }
+            ADD_FAILURE() << "thrown in the parent: " << acrFailure.what();
+        }
+        EXPECT_EQ(42, waitFor(lChild));
+    }
+}
+
+TEST_F(StormTest, CommandIsReadWholeOrItsInterruptionIsThrownAfterWholeLines)
+{
+    const Storm lStorm;
+    unsigned int lInterrupted = 0;
+    for (int lRound = 0; lRound < 20; ++lRound) {
+        OQCList<OQCString> lLines;
+        try {
+            OsExecute("echo first; echo second", lLines);
+            EXPECT_EQ(2, lLines.size());
+        } catch (const OQCReadFailedEx& acrFailure) {
+            ++lInterrupted;
+            EXPECT_STREQ("Interrupted system call", acrFailure.what());
+            EXPECT_EQ(328U, acrFailure.code());
+        }
+        EXPECT_GE(2, lLines.size());  // what had arrived before the signal has been taken
+        const char* lpExpected = "first";
+        for (const OQCString& lrLine : lLines) {
+            EXPECT_STREQ(lpExpected, lrLine.get());
+            lpExpected = "second";
+        }
+    }
+    RecordProperty("Interrupted", static_cast<int>(lInterrupted));
+}
+
+TEST_F(StormTest, InterruptedOpenLeavesTheDescriptorAndCanBeRepeated)
+{
+    const std::string lPath = path("fifo");
+    int lPipe = -7;
+    OsNamedPipeCreate(lPath.c_str(), lPipe);
+    {
+        const Storm lStorm;
+        std::thread lWriter([&] {
+            lStorm.await(cSignals);
+            int lOther = -1;
+            OsNamedPipeOpen(lOther, lPath.c_str(), OQFM_Mode3, OQPS_Blocking, OQCM_Client);
+            EXPECT_LE(0, lOther);
+            lStorm.await(cSignals);
+            OsNamedPipeClose(lOther, OQCM_Client);
+        });
+        unsigned int lAttempts = 0;
+        while (-7 == lPipe) {  // for reading alone: waits for the other
+            OsNamedPipeOpen(lPipe, lPath.c_str(), OQFM_Append, OQPS_Blocking, OQCM_Server);
+            ++lAttempts;
+        }
+        lWriter.join();
+        EXPECT_LE(0, lPipe);
+        EXPECT_LT(1U, lAttempts) << "no signal interrupted it";
+    }
+    OsNamedPipeClose(lPipe, OQCM_Server);
+    OsNamedPipeDestroy(lPath.c_str(), lPipe);
+}
 
 }  // namespace

@@ -286,6 +286,44 @@ TEST_F(ThreadLinuxTest, StartReportsAThreadThatCannotBeCreated)
     EXPECT_EQ(4714U, lThread);
 }
 
+/// The errors of the manual pages. The result says that there was one, and the text is that of errno.
+TEST_F(ThreadLinuxTest, EveryErrorOfTheManualPagesIsAFailureWithTheTextOfErrno)
+{
+    unsigned long lThread = 4720;
+    const auto lRefused = [&lThread](Fault& arFault, int aError, const char* acWhat) {
+        clearLog();
+        arFault.failOn(1, aError, EXDEV);
+        EXPECT_FAILURE(OQCThreadStartFailedEx, 342, "Invalid cross-device link",
+                       OsStartThread(lThread, nullptr, returnAtOnce));
+        EXPECT_EQ((Lines{cStart.error(acWhat)}), logged());
+        EXPECT_EQ(4720U, lThread);
+    };
+    lRefused(pthread_attr_initFault, ENOMEM,
+             "Failed to initialize the thread 4720. Error: 'Invalid cross-device link'");
+    lRefused(pthread_attr_setdetachstateFault, EINVAL,
+             "Failed to set the detach state the thread 4720. Error: 'Invalid cross-device link' ");
+    lRefused(pthread_attr_setstacksizeFault, EINVAL,
+             "Failed to set the stack size for the thread 4720. Error: 'Invalid cross-device link'");
+    for (const int lError : {EAGAIN, EINVAL, EPERM}) {
+        lRefused(pthread_createFault, lError, "Failed to start  the thread 4720. Error: 'Invalid cross-device link'");
+    }
+    for (const int lError : {EDEADLK, EINVAL, ESRCH}) {
+        clearLog();
+        pthread_joinFault.failOn(1, lError, EXDEV);
+        EXPECT_FAILURE(OQCThreadWaitForExitFailedEx, 344, "Invalid cross-device link", OsWaitForExit(lThread));
+        EXPECT_EQ(
+            (Lines{cWait.entered(), cWait.error("Failed to join the thread 4720. Error: 'Invalid cross-device link'"),
+                   cWait.left()}),
+            logged());
+    }
+    clearLog();
+    pthread_cancelFault.failOn(1, ESRCH, EXDEV);
+    EXPECT_FAILURE(OQCThreadDestructionFailedEx, 343, "Invalid cross-device link", OsDestroyThread(lThread));
+    EXPECT_EQ((Lines{cDestroy.error("Failed to destroy the thread 4720. Error: 'Invalid cross-device link'")}),
+              logged());
+    EXPECT_EQ(4720U, lThread);
+}
+
 TEST_F(ThreadLinuxTest, TheHandleInTheLineIsWhatTheFailedCreationLeft)
 {
     unsigned long lThread = 4715;
