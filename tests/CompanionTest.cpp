@@ -550,6 +550,77 @@ TEST_F(LogTest, LineThatCannotBeWrittenIsDroppedAndTheNextOneIsWhole)
     EXPECT_EQ((Texts{"written", "written", "written"}), messagesOf(mFile->lines()));
 }
 
+/// Every traced operation goes on with a log that takes no line, leaves errno alone, and fails as ever.
+TEST_F(LogTest, OperationsGoOnWhenTheDiskOfTheLogIsFull)
+{
+    const std::string lPath = path("pipe");
+    const OQCString lName(lPath.c_str());
+    const int lFull = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_LE(0, lFull);
+    SetLogDescriptor(lFull);
+    LOG_ERROR("lost");
+    errno = EXDEV;
+    int lPipe = -1;
+    unsigned char lByte = 7;
+    unsigned int lCount = 0;
+    OsNamedPipeCreate(lName, lPipe);
+    OsNamedPipeOpen(lPipe, lName, OQFM_Mode3, OQPS_NonBlocking, OQCM_Server);
+    OsNamedPipeAccept(lPipe);
+    OsNamedPipeWrite(lPipe, &lByte, 1, lCount);
+    EXPECT_EQ(1U, lCount);
+    OsNamedPipeWaitForActivity(lPipe, 1);
+    OsNamedPipeRead(lPipe, &lByte, 1, lCount);
+    EXPECT_EQ(1U, lCount);
+    OsNamedPipeClose(lPipe, OQCM_Server);
+    OsNamedPipeDestroy(lName, lPipe);
+    OQShmDesc lServer = {getpid(), 64, -1, nullptr};
+    OsSharedMemoryOpen(lServer, OQCM_Server);
+    OQShmDesc lClient = lServer;
+    OsSharedMemoryOpen(lClient, OQCM_Client);
+    OsSharedMemoryWrite(lServer, &lByte, 1, lCount);
+    OsSharedMemoryWaitForActivity(lClient, 1);
+    OsSharedMemoryRead(lClient, &lByte, 1, lCount);
+    OsSharedMemoryClose(lClient, OQCM_Client);
+    OsSharedMemoryClose(lServer, OQCM_Server);
+    EXPECT_EQ(EXDEV, errno) << "a line that was not written has changed it";
+
+    const auto lText = [](const std::function<void()>& acrRun) {
+        try {
+            acrRun();
+        } catch (const OQCException& acrFailure) {
+            return std::string(acrFailure.what());
+        }
+        return std::string("nothing was thrown");
+    };
+    EXPECT_EQ("Bad file descriptor", lText([] { OsLockFile(-1); }));
+    EXPECT_EQ("Bad file descriptor", lText([] { OsUnlockFile(-1); }));
+    EXPECT_EQ("Bad file descriptor", lText([&] { OsWaitForActivity(lFull + 1, 1); }));
+    EXPECT_EQ("No such file or directory", lText([&] { OsNamedPipeCreate("/nonexistent/pipe", lPipe); }));
+    EXPECT_EQ("No such file or directory", lText([&] { OsSharedMemoryOpen(lClient, OQCM_Client); }));
+    EXPECT_EQ("Failed to create process", lText([] { ProcessWait(getpid(), 0); }));
+    EXPECT_EQ("Timed out", lText([&] { OsWaitForActivity(-1, 0); }));
+
+    OQCList<OQCString> lLines;
+    OsExecute("echo a", lLines);
+    ASSERT_EQ(1, lLines.size());
+    EXPECT_STREQ("a", lLines.begin()->get());
+    char lProgram[] = "true";
+    char* const lArguments[] = {lProgram, nullptr};
+    EXPECT_EQ(0, ProcessWait(ProcessCreate("/bin/true", lArguments, nullptr), 0));
+    const pid_t lSelf = getpid();
+    int lChild = -1;
+    try {
+        lChild = ProcessCreate("/nonexistent/program", lArguments, nullptr);
+    } catch (const OQCProcessCreationFailedEx& acrFailure) {
+        _exit(lSelf != getpid() && 0 == strcmp("No such file or directory", acrFailure.what()) ? 42 : 43);
+    }
+    EXPECT_EQ(42, ProcessWait(lChild, 0));
+    close(lFull);
+    SetLogDescriptor(mFile->descriptor());
+    LOG_ERROR("kept");
+    EXPECT_EQ((Texts{"kept"}), messagesOf(mFile->lines()));
+}
+
 TEST_F(LogTest, FullPipeThatDoesNotBlockLosesTheLine)
 {
     int lEnds[2];

@@ -202,6 +202,7 @@ extern "C" hostent* gethostbyname(const char*)
 
 // ---- How many blocks the calling thread has given back since it armed the failing malloc.
 
+#if !OQ_SANITIZED
 namespace
 {
 
@@ -210,7 +211,6 @@ thread_local unsigned int sFrees = 0;
 
 }  // namespace
 
-#if !OQ_SANITIZED
 extern "C" void __libc_free(void* apMemory);
 
 extern "C" void free(void* apMemory) noexcept
@@ -691,15 +691,13 @@ protected:
         sHostError = 0;
         gSegment = reinterpret_cast<OQSSharedMemoryHeader*>(mSegment);
         acrRow.mPlan(aError);
-#if !OQ_SANITIZED
-        if (!aWithMemory) {
+        if (!OQ_SANITIZED && !aWithMemory) {
             gMallocFault.failFrom(1);
         }
-#endif
         perform(acrRow.mRun, lGiven, lOutcome);
-#if !OQ_SANITIZED
-        gMallocFault.stop();
-#endif
+        if (!OQ_SANITIZED) {
+            gMallocFault.stop();
+        }
         const bool lLeft = acrRow.mLeft(lGiven);
         Fault::resetAll();
         gSegment = nullptr;
