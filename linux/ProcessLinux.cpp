@@ -80,16 +80,17 @@ public:
         mEnds[1] = -1;
     }
 
-    /// Waits until the child reports, runs a program or ends. A child of another thread may have inherited the pipe and
-    /// keep it open for as long as it likes, so an end of file alone is not waited for: what counts is the child's own
-    /// descriptor, as far as the system shows it.
+    /// Waits until the child runs a program or ends. A child of another thread may have inherited the pipe and keep it
+    /// open for as long as it likes, so an end of file alone is not waited for: what counts is the child's own
+    /// descriptor, as far as the system shows it. Data is no sign: where the caller had closed its standard output, the
+    /// pipe may have that number, and the child print into it.
     void waitFor(pid_t aChild)
     {
         const int lEnd = mEnds[1];
         Target lOurs;
         const bool lShown = 0 < readTarget(getpid(), lEnd, lOurs);
         closeEnd(mEnds[1]);
-        struct pollfd lPoll = {mEnds[0], POLLIN, 0};
+        struct pollfd lPoll = {mEnds[0], 0, 0};
         while (poll(&lPoll, 1, cPollMilliseconds) <= 0 && !hasEnded(aChild) &&
                !(lShown && hasReleased(aChild, lEnd, lOurs))) {
         }

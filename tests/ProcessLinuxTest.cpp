@@ -973,6 +973,28 @@ TEST_P(ProcessCreateTest, PipeMayGetTheNumberOfStandardInput)
     EXPECT_EQ(0, lResult.mExitStatus);
 }
 
+/// What the failed child prints, on a number that the parent had closed, is no sign of its end.
+TEST_P(ProcessCreateTest, ParentWaitsAsWellWhereThePipeHasTheNumberOfAnOutput)
+{
+    const ChildResult lResult = inChild([] {
+        Hold lHold;
+        fflush(stdout);
+        for (const int lNumber : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            ASSERT_EQ(0, close(lNumber));
+        }
+        const int lChild = startInVain(cMissing, [&](const OQCException&) {
+            for (const int lNumber : {STDOUT_FILENO, STDERR_FILENO}) {
+                const ssize_t lIgnored = write(lNumber, "a word", 6);
+                static_cast<void>(lIgnored);
+            }
+            lHold.inChild();
+        });
+        lHold.returned();
+        EXPECT_EQ(42, ProcessWait(lChild, 0));
+    });
+    EXPECT_EQ(0, lResult.mExitStatus);
+}
+
 TEST_P(ProcessCreateTest, NothingIsClosedTwice)
 {
     EXPECT_EQ(0, ProcessWait(ProcessCreate("/bin/true", cNoArguments, cNoEnvironment), 0));
