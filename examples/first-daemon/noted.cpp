@@ -1,0 +1,96 @@
+// noted DIRECTORY: adds what is written into DIRECTORY/in to DIRECTORY/notes, until it is asked to end (SIGTERM).
+
+#include <OQLinux.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+
+#include <string>
+
+#define NOTED_LOG(level, tag, ...) PrintLogMessageWithTimeStamp(level, tag, __LINE__, __func__, "noted", __VA_ARGS__)
+
+static volatile sig_atomic_t sEndRequested = 0;
+
+static void requestEnd(int) { sEndRequested = 1; }
+
+/// What the layer reports only by a value becomes an exception here, with the text of errno.
+static int opened(int aDescriptor)
+{
+    if (aDescriptor < 0) {
+        char lText[256];
+        throw OQCOpenFailedEx(ClibStrerror(lText, sizeof lText), OQErrorCode<OQCOpenFailedEx>::value);
+    }
+    fcntl(aDescriptor, F_SETFD, FD_CLOEXEC);  // not for programs that are started
+    return aDescriptor;
+}
+
+/// The FIFO, made on the way in and removed on the way out, whichever way that is.
+class Pipe
+{
+public:
+    explicit Pipe(const std::string& acrPath) : mPath(acrPath.c_str()), mPipe(-1)
+    {
+        OsNamedPipeCreate(mPath, mPipe);
+        OsNamedPipeOpen(mPipe, mPath, OQFM_Mode1, OQPS_NonBlocking, OQCM_Server);
+        opened(mPipe);
+    }
+    ~Pipe()
+    {
+        OsNamedPipeClose(mPipe, OQCM_Server);
+        OsNamedPipeDestroy(mPath, mPipe);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    /// \return how many bytes came within a second
+    unsigned int read(unsigned char* apBuffer, unsigned int aSize) const
+    {
+        unsigned int lLength = 0;
+        try {
+            OsNamedPipeWaitForActivity(mPipe, 1);
+            OsNamedPipeRead(mPipe, apBuffer, aSize, lLength);
+        } catch (const OQCTimeOutEx&) {
+            // nobody writes: the usual case
+        }
+        return lLength;
+    }
+
+private:
+    const OQCString mPath;
+    int mPipe;
+};
+
+static void serve(const std::string& acrDirectory)
+{
+    const int lNotes = opened(ClibOpen((acrDirectory + "/notes").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640));
+    OsLockFile(lNotes);  // one daemon a directory; the system frees the lock when this process ends
+    const Pipe lPipe(acrDirectory + "/in");
+    NOTED_LOG(OQLL_Information, "-I-", "ready");
+    while (0 == sEndRequested) {
+        unsigned char lBytes[4096];
+        const unsigned int lLength = lPipe.read(lBytes, sizeof lBytes);
+        if (0 != lLength && ClibWrite(lNotes, lBytes, lLength) != static_cast<int>(lLength)) {
+            char lText[256];
+            NOTED_LOG(OQLL_Error, "-E-", "%u bytes are lost: %s", lLength, ClibStrerror(lText, sizeof lText));
+        }
+    }
+    NOTED_LOG(OQLL_Information, "-I-", "ending");
+}
+
+int main(int aCount, char** apWords)
+{
+    if (2 != aCount) {
+        fprintf(stderr, "usage: noted DIRECTORY\n");
+        return 2;
+    }
+    try {
+        RegisterSignalHandler(SIGTERM, requestEnd);
+        serve(apWords[1]);
+        return 0;
+    } catch (const OQCFileLockFailedEx&) {
+        fprintf(stderr, "noted: another one serves %s\n", apWords[1]);
+    } catch (const OQCException& acrFailure) {
+        fprintf(stderr, "noted: %s (%u)\n", acrFailure.what(), acrFailure.code());
+    }
+    return 1;
+}

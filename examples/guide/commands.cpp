@@ -1,0 +1,32 @@
+// Runs a command. Its exit status is not reported and a last line without a newline is lost, so the command tells both.
+
+#include <OQLinux.h>
+#include <stdio.h>
+
+#include <string>
+
+static bool run(const std::string& acrCommand)
+{
+    // The blank line ends whatever the command left unended; the last line is its status.
+    OQCList<OQCString> lLines;
+    OsExecute(("(" + acrCommand + "\n) 2>&1; printf '\\n%d\\n' $?").c_str(), lLines);
+    std::string lStatus = "no shell";  // a command that could not be started adds no line
+    for (const OQCString& acrLine : lLines) {
+        printf("  %s\n", acrLine.get());
+        lStatus = acrLine.get();
+    }
+    printf("%s: %s\n", acrCommand.c_str(), lStatus.c_str());
+    return "0" == lStatus;
+}
+
+int main()
+{
+    try {
+        const bool lGood = run("printf 'one\\ntwo'");
+        const bool lBad = run("echo three; exit 3");
+        return lGood && !lBad ? 0 : 1;
+    } catch (const OQCException& acrFailure) {  // OQCReadFailedEx, OQCNoMemoryEx
+        fprintf(stderr, "commands: %s (%u)\n", acrFailure.what(), acrFailure.code());
+        return 1;
+    }
+}

@@ -1,0 +1,32 @@
+// Who the host is. A host may have no address but loopback: that is an exception, not an address of 0.
+
+#include <OQCompanionSettings.h>
+#include <OQLinux.h>
+#include <stdio.h>
+
+static void tellAddress()
+{
+    unsigned int lAddress = 0;
+    try {
+        OsGetIpAddress(lAddress);  // one thread at a time: the resolver's result is shared
+        printf("address: %u.%u.%u.%u\n", lAddress >> 24, lAddress >> 16 & 255, lAddress >> 8 & 255, lAddress & 255);
+    } catch (const OQCGetIpAddressFailEx& acrFailure) {
+        printf("no address: %s\n", acrFailure.what());
+    }
+}
+
+int main()
+{
+    SetLogLevels(0);  // this program tells failures itself
+    try {
+        OQEOperatingSystem lSystem = OQOS_Linux;
+        OQCString lRelease("");
+        OsGetOsName(lSystem, lRelease);
+        printf("system: %d\nrelease: %s\n", lSystem, lRelease.get());
+        tellAddress();
+        return 0;
+    } catch (const OQCException& acrFailure) {
+        fprintf(stderr, "host: %s (%u)\n", acrFailure.what(), acrFailure.code());
+        return 1;
+    }
+}

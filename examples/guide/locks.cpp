@@ -1,0 +1,42 @@
+// A file lock keeps other processes out, not other threads; it goes with the first descriptor of the file that closes.
+
+#include <OQLinux.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/// What another process finds: it asks, and tells by its exit code.
+static const char* seenByOthers(int aDescriptor)
+{
+    const pid_t lChild = fork();
+    if (0 == lChild) {
+        OQEFileLockStatus lStatus = OQFLS_Locked;
+        OsFileLockStatus(aDescriptor, lStatus);
+        _exit(lStatus);
+    }
+    return OQFLS_Locked == ProcessWait(lChild, 0) ? "locked" : "unlocked";
+}
+
+int main()
+{
+    char lPath[] = "/tmp/locks-XXXXXX";
+    const int lFile = mkstemp(lPath);
+    try {
+        OsLockFile(lFile);  // does not wait: OQCFileLockFailedEx when another process was quicker
+        printf("held: %s\n", seenByOthers(lFile));
+        OQEFileLockStatus lStatus = OQFLS_Locked;
+        OsFileLockStatus(lFile, lStatus);
+        printf("seen by its holder: %s\n", OQFLS_Locked == lStatus ? "locked" : "unlocked");
+        close(open(lPath, O_RDONLY));  // somebody else in this process looks into the file
+        printf("after a look into the file: %s\n", seenByOthers(lFile));
+        OsUnlockFile(lFile);
+    } catch (const OQCException& acrFailure) {
+        fprintf(stderr, "locks: %s (%u)\n", acrFailure.what(), acrFailure.code());
+        unlink(lPath);
+        return 1;
+    }
+    unlink(lPath);
+    return 0;
+}

@@ -1,0 +1,34 @@
+// The value types: a text that is copied deeply, a list that is filled by the layer, a pointer that counts its holders.
+
+#include <OQLinux.h>
+#include <stdio.h>
+
+struct Part {
+    ~Part() { printf("the part is freed\n"); }
+};
+
+int main()
+{
+    try {
+        OQCString lText("one");
+        OQCList<OQCString> lList;
+        lList.append(lText);  // a copy
+        lText += " and more";
+        lList.append(lText);
+        for (const OQCString& acrText : lList) {
+            printf("%s\n", acrText.get());
+        }
+
+        // What new finds no memory for is null, and the constructor says so: OQCNoMemoryEx.
+        Pointer<Part> lFirst(new (std::nothrow) Part, OQPST_Individual, OQPMT_New);
+        {
+            const Pointer<Part> lSecond(lFirst);
+            printf("two holders, %d texts\n", lList.size());
+        }
+        printf("one holder\n");
+    } catch (const OQCException& acrFailure) {
+        fprintf(stderr, "values: %s (%u)\n", acrFailure.what(), acrFailure.code());
+        return 1;
+    }
+    return 0;
+}
