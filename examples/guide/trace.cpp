@@ -21,7 +21,7 @@ int main()
     }
     try {
         OsNamedPipeWaitForActivity(lEnds[0], 0);
-        OsLockFile(lEnds[0]);  // a pipe has no place to lock
+        OsLockFile(lEnds[0]);  // only what is open for writing can be locked
     } catch (const OQCFileLockFailedEx& acrFailure) {
         printf("thrown: %s (%u)\n", acrFailure.what(), acrFailure.code());
     } catch (const OQCException& acrFailure) {
