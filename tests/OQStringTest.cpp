@@ -12,7 +12,8 @@ namespace
 
 const char cLong[] =
     "a text that is far too long to be kept inside a string object, so that its characters need memory";
-const char cOther[] = "another text which does not fit into the string object either, and thus is on the heap as well";
+[[maybe_unused]] const char cOther[] =
+    "another text which does not fit into the string object either, and thus is on the heap as well";
 
 /// The word of the counter, reached as anyone who looks at memory reaches it: the second pointer of the object.
 uint32_t countOf(const OQCString& acrString)
