@@ -1,0 +1,488 @@
+// oqshm: shows the shared-memory channels of this host and says what is wrong with them. It only looks.
+//
+// Most is known from /proc without attaching. The mailbox is read through a read-only attachment that lasts as long as
+// it takes to copy it. That disturbs no channel: the layer never asks how many are attached, and a segment marked for
+// removal goes with the last detach, be it this one. But two kinds of segment are not attached:
+// - what cannot be a channel: other programs do count the attachments of their segments;
+// - what nobody has attached, unless --attach asks for it: the detach would overwrite the time of the last one, which
+//   tells since when the channel lies still, and under kernel.shm_rmid_forced it would remove the segment.
+
+#include <errno.h>
+#include <getopt.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/shm.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "OQLinux.h"
+
+namespace
+{
+
+typedef std::chrono::steady_clock Clock;
+
+const unsigned int cMode = 0666;       // of every segment that the layer makes
+const unsigned long cLargest = 65535;  // bytes: the layer's shm_size has 16 bits
+const double cPatience = 3;            // seconds after which a writer gives up: what lies longer is stuck
+
+const char* const cUsage =
+    "usage: oqshm [OPTION]... [KEY]...\n"
+    "Shows the shared-memory channels of this host, or those of the keys given (1234 or 0x4d2), and what is wrong "
+    "with\n"
+    "them. Changes no byte of them.\n\n"
+    "  -w, --watch[=SECONDS]  look again every second, or so many (0.001 to 1000), and show every change\n"
+    "  -j, --json             show JSON, one line a look\n"
+    "  -a, --attach           read channels that nobody has attached, too\n"
+    "  -h, --help             show this text\n"
+    "  -V, --version          show the version\n\n"
+    "A channel is read by attaching it for a moment. This counts in its shm_nattch as long and overwrites shm_atime,\n"
+    "shm_dtime and shm_lpid, which the layer does not use. A channel that nobody has attached keeps them unless "
+    "--attach\n"
+    "is given: the time of the last detach tells since when it lies still.\n\n"
+    "Exit status: 0 all is well with what was shown; 1 something is wrong, or may be; 2 wrong words, or no look is\n"
+    "possible.\n";
+
+struct Channel {
+    int mKey = 0, mId = -1;  // an id of -1: there is no segment
+    unsigned int mMode = 0;
+    unsigned long mSize = 0, mAttached = 0, mSeen = 0;  // attachments in all, and of the processes found
+    int mCreator = 0;
+    long mDetached = 0;  // when the last one did
+    std::vector<int> mPids;
+    std::vector<std::string> mProcesses, mFindings;
+    bool mWrong = false;
+
+    bool mRead = false, mSame = false;  // whether what follows is known, and was the same at the look before
+    OQSSharedMemoryHeader mHeader = {};
+    size_t mHash = 0;                         // of the message that waits
+    Clock::time_point mSince = Clock::now();  // every look since then has found the same
+
+    bool isRemoved() const { return 0 != (mMode & SHM_DEST); }
+    bool isForeign() const { return cMode != (mMode & 0777) || cLargest < mSize; }
+    unsigned long capacity() const { return mSize - sizeof mHeader; }
+    void wrong(const std::string& acrText)
+    {
+        mWrong = true;
+        mFindings.push_back(acrText);
+    }
+};
+typedef std::vector<Channel> Channels;
+
+__attribute__((format(printf, 1, 2))) std::string text(const char* acFormat, ...)
+{
+    char lText[1024];
+    va_list lArguments;
+    va_start(lArguments, acFormat);
+    vsnprintf(lText, sizeof lText, acFormat, lArguments);
+    va_end(lArguments);
+    return lText;
+}
+
+// ---- Looking --------------------------------------------------------------------------------------------------------
+
+Channels findSegments()
+{
+    std::ifstream lFile("/proc/sysvipc/shm");
+    std::string lLine;
+    if (!std::getline(lFile, lLine)) {
+        throw std::runtime_error("cannot read /proc/sysvipc/shm");
+    }
+    Channels lFound;
+    while (std::getline(lFile, lLine)) {
+        Channel lOne;
+        // NOLINTNEXTLINE(cert-err34-c): the kernel wrote these numbers
+        if (7 == sscanf(lLine.c_str(), "%d %d %o %lu %d %*d %lu %*u %*u %*u %*u %*d %ld", &lOne.mKey, &lOne.mId,
+                        &lOne.mMode, &lOne.mSize, &lOne.mCreator, &lOne.mAttached, &lOne.mDetached)) {
+            lFound.push_back(lOne);
+        }
+    }
+    return lFound;
+}
+
+/// Notes a process that has a segment attached; one that is stopped is a finding of its own.
+void noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrDirectory)
+{
+    std::ifstream lFile(acrDirectory / "stat");
+    const std::string lStat(std::istreambuf_iterator<char>(lFile), {});
+    const size_t lBegin = lStat.find('('), lEnd = lStat.rfind(") ");  // the name may hold brackets, too
+    if (std::string::npos == lBegin || std::string::npos == lEnd) {
+        return;  // it has ended meanwhile
+    }
+    std::string lName = lStat.substr(lBegin + 1, lEnd - lBegin - 1);
+    std::replace_if(
+        lName.begin(), lName.end(), [](char aLetter) { return aLetter < ' ' || '~' < aLetter; }, '?');
+    arChannel.mPids.push_back(aPid);
+    arChannel.mProcesses.push_back(
+        text("%d %s%s", aPid, lName.c_str(), aPid == arChannel.mCreator ? " (creator)" : ""));
+    if ('T' == lStat[lEnd + 2] || 't' == lStat[lEnd + 2]) {
+        arChannel.wrong(text("stopped: process %d; if no debugger holds it: kill -CONT %d", aPid, aPid));
+    }
+}
+
+/// Finds who has the segments attached. Processes that this user may not examine are missing.
+void findProcesses(Channels& arChannels)
+{
+    std::error_code lError;
+    const auto cOwnNamespace = std::filesystem::read_symlink("/proc/self/ns/ipc", lError);
+    for (const auto& acrEntry : std::filesystem::directory_iterator("/proc")) {
+        const int lPid = static_cast<int>(strtol(acrEntry.path().filename().c_str(), NULL, 10));
+        if (lPid <= 0 || cOwnNamespace != std::filesystem::read_symlink(acrEntry.path() / "ns/ipc", lError)) {
+            continue;  // elsewhere the same id is another segment
+        }
+        std::ifstream lMaps(acrEntry.path() / "maps");
+        std::string lLine;
+        while (std::getline(lMaps, lLine)) {
+            int lId;
+            unsigned int lKey;
+            // An attachment has one mapping that begins where the segment does, with the id in the place of the inode.
+            // NOLINTNEXTLINE(cert-err34-c): the kernel wrote these numbers
+            if (2 != sscanf(lLine.c_str(), "%*s %*s 00000000 %*s %d /SYSV%x", &lId, &lKey)) {
+                continue;
+            }
+            for (Channel& lrChannel : arChannels) {
+                if (lId == lrChannel.mId) {
+                    lrChannel.mKey = static_cast<int>(lKey);  // a removed segment has it only here
+                    ++lrChannel.mSeen;
+                    if (lrChannel.mPids.empty() || lPid != lrChannel.mPids.back()) {
+                        noteProcess(lrChannel, lPid, acrEntry.path());
+                    }
+                }
+            }
+        }
+    }
+}
+
+/// The four flags as they stood at one moment; the length may already be that of the next message.
+OQSSharedMemoryHeader copyHeader(const void* acSegment)
+{
+    OQSSharedMemoryHeader lHeader = *static_cast<const OQSSharedMemoryHeader*>(acSegment);
+    const uint32_t lFlags = __atomic_load_n(static_cast<const uint32_t*>(acSegment), __ATOMIC_RELAXED);
+    memcpy(&lHeader, &lFlags, sizeof lFlags);
+    return lHeader;
+}
+
+void readMailbox(Channel& arChannel, const Channels& acrBefore)
+{
+    const void* const lpSegment = shmat(arChannel.mId, NULL, SHM_RDONLY);
+    if (reinterpret_cast<void*>(-1) == lpSegment) {
+        if (EINVAL == errno || EIDRM == errno) {
+            arChannel.mId = -1;  // it has gone meanwhile
+        } else {
+            arChannel.wrong(text("cannot be read: %s", strerror(errno)));
+        }
+        return;
+    }
+    arChannel.mRead = true;
+    arChannel.mHeader = copyHeader(lpSegment);
+    if (0 != arChannel.mHeader.data_ready) {
+        const char* const lpData = static_cast<const char*>(lpSegment) + sizeof arChannel.mHeader;
+        const size_t lLength = std::min<size_t>(arChannel.mHeader.data_length, arChannel.capacity());
+        arChannel.mHash = std::hash<std::string_view>()(std::string_view(lpData, lLength));
+    }
+    // Asked after the flags: a side attaches before it says that it is ready.
+    shmid_ds lState;
+    if (0 == shmctl(arChannel.mId, IPC_STAT, &lState)) {
+        arChannel.mAttached = lState.shm_nattch - 1;
+    }
+    shmdt(lpSegment);
+    for (const Channel& acrOld : acrBefore) {
+        if (acrOld.mId == arChannel.mId && acrOld.mRead && acrOld.mHash == arChannel.mHash &&
+            0 == memcmp(&acrOld.mHeader, &arChannel.mHeader, sizeof acrOld.mHeader)) {
+            arChannel.mSince = acrOld.mSince;
+            arChannel.mSame = true;
+        }
+    }
+}
+
+/// Whether the kernel removes a segment with its last detach although nobody asked for it.
+bool detachRemoves()
+{
+    char lValue = '0';
+    std::ifstream("/proc/sys/kernel/shm_rmid_forced") >> lValue;
+    return '0' != lValue;
+}
+
+// ---- Judging --------------------------------------------------------------------------------------------------------
+
+const char* stateOf(const Channel& acrChannel)
+{
+    const OQSSharedMemoryHeader& lrHeader = acrChannel.mHeader;
+    if (0 != lrHeader.data_ready) {
+        return 0 != lrHeader.segment_free ? "invalid" : "full";
+    }
+    return 0 != lrHeader.segment_free ? "empty" : 0 != lrHeader.server_ready ? "changing" : "new";
+}
+
+double sameSeconds(const Channel& acrChannel)
+{
+    return std::chrono::duration<double>(Clock::now() - acrChannel.mSince).count();
+}
+
+void judgeAttachments(Channel& arChannel)
+{
+    const bool lServer = 0 != arChannel.mHeader.server_ready, lClient = 0 != arChannel.mHeader.client_ready;
+    if (arChannel.isRemoved()) {
+        arChannel.wrong("removed: closed by the server; who has it still attached meets nobody and should close it");
+    } else if (0 == arChannel.mAttached) {
+        arChannel.wrong(
+            text("stale: nobody has it attached; start the server, or remove it: ipcrm -m %d", arChannel.mId));
+    } else if (arChannel.mRead && !(lServer && lClient)) {
+        arChannel.mFindings.push_back(
+            text("not ready: no %s has opened it, writes are cancelled", lServer ? "client" : "server"));
+    } else if (arChannel.mRead && 1 == arChannel.mAttached) {
+        const int lLeft = arChannel.mPids.empty() ? 0 : arChannel.mPids.front();
+        if (lLeft != arChannel.mCreator) {
+            arChannel.wrong(
+                text("peer gone: process %d, which made it, has closed it or died; start the server, unless "
+                     "it is who has it attached",
+                     arChannel.mCreator));
+        } else if (0 != arChannel.mHeader.segment_free) {
+            arChannel.mFindings.push_back("no client: it has closed or died, and its mark stays");
+        } else {
+            arChannel.wrong("peer gone: the client has closed or died, and a message waits; start the client");
+        }
+    }
+}
+
+void judgeMailbox(Channel& arChannel)
+{
+    const OQSSharedMemoryHeader& lrHeader = arChannel.mHeader;
+    const std::string lState = stateOf(arChannel);
+    const bool lLong = cPatience <= sameSeconds(arChannel);
+    if (1 < (lrHeader.data_ready | lrHeader.segment_free | lrHeader.server_ready | lrHeader.client_ready) ||
+        ("full" == lState && arChannel.capacity() < lrHeader.data_length)) {
+        arChannel.wrong(text("foreign contents: marks %u %u %u %u, length %u", lrHeader.data_ready,
+                             lrHeader.segment_free, lrHeader.server_ready, lrHeader.client_ready,
+                             lrHeader.data_length));
+    } else if ("invalid" == lState) {
+        arChannel.wrong(
+            "invalid: full and free at once; two sides wrote together, or the server opened during a write");
+    } else if ("full" == lState && lLong) {
+        arChannel.wrong("stuck: the same bytes wait for 3 seconds and more; nobody reads (or equal messages pass)");
+    } else if ("changing" == lState && lLong) {
+        arChannel.wrong("stuck: a side stands or died between its two stores; the server's next open puts it right");
+    }
+}
+
+Channels look(const std::vector<int>& acrKeys, bool aAttach, const Channels& acrBefore)
+{
+    Channels lFound = findSegments(), lChannels;
+    findProcesses(lFound);
+    for (const Channel& acrOne : lFound) {
+        if (acrKeys.empty() ? 0 < acrOne.mKey && !acrOne.isForeign()
+                            : 0 < std::count(acrKeys.begin(), acrKeys.end(), acrOne.mKey)) {
+            lChannels.push_back(acrOne);
+        }
+    }
+    for (const int lKey : acrKeys) {
+        if (std::none_of(lChannels.begin(), lChannels.end(),
+                         [&](const Channel& acrOne) { return lKey == acrOne.mKey && !acrOne.isRemoved(); })) {
+            lChannels.emplace_back().mKey = lKey;
+        }
+    }
+    for (Channel& lrOne : lChannels) {
+        const bool lFits = 0 <= lrOne.mId && !lrOne.isForeign() && sizeof lrOne.mHeader <= lrOne.mSize;
+        if (lFits && (0 < lrOne.mAttached || (aAttach && !detachRemoves()))) {
+            readMailbox(lrOne, acrBefore);
+        }
+        if (lrOne.mId < 0) {
+            lrOne.wrong("no segment: the server has not opened it, or has closed it; start the server");
+        } else if (lrOne.isForeign()) {
+            lrOne.wrong(
+                text("foreign segment: mode %04o, %lu bytes (a channel: 0666, at most 65535); choose another key",
+                     lrOne.mMode & 0777, lrOne.mSize));
+        } else {
+            judgeAttachments(lrOne);
+        }
+        if (lrOne.mRead) {
+            judgeMailbox(lrOne);
+        } else if (0 <= lrOne.mId && lrOne.mSize < sizeof lrOne.mHeader) {
+            lrOne.wrong("too small: the header alone has 6 bytes");
+        }
+    }
+    return lChannels;
+}
+
+// ---- Showing --------------------------------------------------------------------------------------------------------
+
+/// A list of texts as JSON; they hold printable ASCII only.
+std::string listed(const std::vector<std::string>& acrTexts)
+{
+    std::string lList;
+    for (const std::string& acrText : acrTexts) {
+        lList += lList.empty() ? "\"" : ", \"";
+        for (const char lLetter : acrText) {
+            lList += std::string('"' == lLetter || '\\' == lLetter ? "\\" : "") + lLetter;
+        }
+        lList += '"';
+    }
+    return "[" + lList + "]";
+}
+
+struct Column {
+    const char* mpName;
+    int mWidth;
+    std::string mValue;  // as JSON
+};
+
+/// What is shown of a channel, as table and as JSON.
+/// \param aAges whether to tell what grows while nothing happens
+std::vector<Column> columns(const Channel& acrOne, bool aAges)
+{
+    const bool lExists = 0 <= acrOne.mId;
+    const auto lIf = [](bool aKnown, const std::string& acrValue) { return aKnown ? acrValue : "null"; };
+    const auto lMark = [&](unsigned char aMark) { return lIf(acrOne.mRead, 0 != aMark ? "true" : "false"); };
+    const double lStill = std::max(0.0, difftime(time(NULL), acrOne.mDetached));
+    return {{"key", 10, text("\"0x%08x\"", acrOne.mKey)},
+            {"id", 10, lIf(lExists, std::to_string(acrOne.mId))},
+            {"size", 5, lIf(lExists, std::to_string(acrOne.mSize))},
+            {"attached", 8, lIf(lExists, std::to_string(acrOne.mAttached))},
+            {"server", 6, lMark(acrOne.mHeader.server_ready)},
+            {"client", 6, lMark(acrOne.mHeader.client_ready)},
+            {"mailbox", 8, lIf(acrOne.mRead, text("\"%s\"", stateOf(acrOne)))},
+            {"length", 6, lIf(0 != acrOne.mHeader.data_ready, std::to_string(acrOne.mHeader.data_length))},
+            {"still", 7, lIf(aAges && lExists && 0 == acrOne.mAttached && 0 != acrOne.mDetached, text("%.0f", lStill))},
+            {"same", 6, lIf(aAges && acrOne.mSame, text("%.1f", sameSeconds(acrOne)))}};
+}
+
+std::string json(const Channels& acrChannels)
+{
+    std::string lJson;
+    for (const Channel& acrOne : acrChannels) {
+        lJson += lJson.empty() ? "{" : ", {";
+        for (const Column& acrColumn : columns(acrOne, true)) {
+            lJson += text("\"%s\": ", acrColumn.mpName) + acrColumn.mValue + ", ";
+        }
+        lJson += "\"processes\": " + listed(acrOne.mProcesses) + ", \"wrong\": " + (acrOne.mWrong ? "true" : "false") +
+                 ", \"findings\": " + listed(acrOne.mFindings) + "}";
+    }
+    return "[" + lJson + "]";
+}
+
+std::string table(const Channels& acrChannels, bool aAges)
+{
+    if (acrChannels.empty()) {
+        return "no channel\n";
+    }
+    std::string lTable;
+    for (const Column& acrColumn : columns(Channel(), false)) {
+        lTable += text("%*s  ", acrColumn.mWidth, acrColumn.mpName);
+    }
+    lTable += "processes\n";
+    for (const Channel& acrOne : acrChannels) {
+        for (Column& lrColumn : columns(acrOne, aAges)) {
+            std::string& lrValue = lrColumn.mValue;
+            lrValue.erase(std::remove(lrValue.begin(), lrValue.end(), '"'), lrValue.end());
+            lrValue = "null" == lrValue ? "-" : "true" == lrValue ? "ready" : "false" == lrValue ? "no" : lrValue;
+            lTable += text("%*s  ", lrColumn.mWidth, lrValue.c_str());
+        }
+        for (const std::string& acrProcess : acrOne.mProcesses) {
+            lTable += acrProcess + "  ";
+        }
+        lTable += acrOne.mSeen < acrOne.mAttached ? text("%lu unseen\n", acrOne.mAttached - acrOne.mSeen) : "\n";
+        for (const std::string& acrFinding : acrOne.mFindings) {
+            lTable += "  " + acrFinding + "\n";
+        }
+    }
+    return lTable;
+}
+
+void show(const Channels& acrChannels, bool aJson, bool aTime)
+{
+    const time_t lNow = time(NULL);
+    tm lLocal;
+    char lTime[32] = "";
+    strftime(lTime, sizeof lTime, "%FT%T%z", localtime_r(&lNow, &lLocal));
+    if (aJson) {
+        printf("{\"time\": \"%s\", \"channels\": %s}\n", lTime, json(acrChannels).c_str());
+    } else {
+        printf("%s%s%s", aTime ? lTime : "", aTime ? "\n" : "", table(acrChannels, true).c_str());
+    }
+    if (0 != fflush(stdout)) {
+        throw std::runtime_error(text("cannot write: %s", strerror(errno)));
+    }
+}
+
+// ---- The command ----------------------------------------------------------------------------------------------------
+
+int refuse(const char* acWord, const char* acReason)
+{
+    fprintf(stderr, "oqshm: '%s' %s\nTry 'oqshm --help'.\n", acWord, acReason);
+    return 2;
+}
+
+int run(int aCount, char** apWords)
+{
+    const option cOptions[] = {{"watch", optional_argument, NULL, 'w'}, {"json", no_argument, NULL, 'j'},
+                               {"attach", no_argument, NULL, 'a'},      {"help", no_argument, NULL, 'h'},
+                               {"version", no_argument, NULL, 'V'},     {NULL, 0, NULL, 0}};
+    bool lJson = false, lAttach = false;
+    double lSeconds = 0;
+    char* lpEnd = NULL;
+    for (int lOption; 0 <= (lOption = getopt_long(aCount, apWords, "w::jahV", cOptions, NULL));) {
+        lJson = lJson || 'j' == lOption;
+        lAttach = lAttach || 'a' == lOption;
+        if ('w' == lOption) {
+            lSeconds = NULL == optarg ? 1 : strtod(optarg, &lpEnd);
+            if (!(0.001 <= lSeconds && lSeconds <= 1000) || (NULL != optarg && 0 != *lpEnd)) {
+                return refuse(optarg, "is no number of seconds from 0.001 to 1000");
+            }
+        } else if ('h' == lOption || 'V' == lOption) {
+            fputs('h' == lOption ? cUsage : "oqshm " OQ_VERSION "\n", stdout);
+            return 0;
+        } else if ('?' == lOption) {
+            fputs("Try 'oqshm --help'.\n", stderr);  // the reason was given
+            return 2;
+        }
+    }
+    std::vector<int> lKeys;
+    for (; optind < aCount; ++optind) {
+        errno = 0;
+        const long lKey = strtol(apWords[optind], &lpEnd, 0);
+        if (0 != errno || 0 != *lpEnd || lKey < 1 || INT_MAX < lKey) {
+            return refuse(apWords[optind], "is no key from 1 to 0x7fffffff");
+        }
+        lKeys.push_back(static_cast<int>(lKey));
+    }
+    Channels lChannels;
+    for (std::string lShown;;) {
+        lChannels = look(lKeys, lAttach, lChannels);
+        std::string lWhole = table(lChannels, false);
+        for (const Channel& acrOne : lChannels) {
+            lWhole += text(" %zu", acrOne.mHash);  // another message of the same length is a change, too
+        }
+        if (lShown != lWhole) {
+            show(lChannels, lJson, 0 < lSeconds);
+            lShown = lWhole;
+        }
+        if (0 == lSeconds) {
+            return std::any_of(lChannels.begin(), lChannels.end(), [](const Channel& acrOne) { return acrOne.mWrong; });
+        }
+        usleep(static_cast<useconds_t>(lSeconds * 1e6));
+    }
+}
+
+}  // namespace
+
+int main(int aCount, char** apWords)
+{
+    try {
+        return run(aCount, apWords);
+    } catch (const std::exception& acrFailure) {
+        fprintf(stderr, "oqshm: %s\n", acrFailure.what());
+        return 2;
+    }
+}
