@@ -1,6 +1,7 @@
 // oqshm as a maintainer uses it: a command beside real servers and clients.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <string.h>
@@ -87,33 +88,44 @@ public:
             _exit(126);
         }
         close(lEnds[1]);
-        mpLines = fdopen(lEnds[0], "re");
+        mOutput = lEnds[0];
     }
     ~Watch()
     {
         kill(mPid, SIGKILL);
         waitpid(mPid, nullptr, 0);
-        fclose(mpLines);
+        close(mOutput);
     }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
 
-    /// Reads on until a line holds a text; the test's own time limit ends a wait in vain. \return that line
+    /// Reads on until a line holds a text. \return that line
     std::string lineWith(const std::string& acrText)
     {
-        char lLine[4096];
-        while (nullptr != fgets(lLine, sizeof lLine, mpLines)) {
-            if (contains(lLine, acrText)) {
-                return lLine;
+        pollfd lOutput = {mOutput, POLLIN, 0};
+        for (;;) {
+            size_t lEnd;
+            while (std::string::npos != (lEnd = mRead.find('\n'))) {
+                const std::string lLine = mRead.substr(0, lEnd);
+                mRead.erase(0, lEnd + 1);
+                if (contains(lLine, acrText)) {
+                    return lLine;
+                }
             }
+            char lBytes[4096];
+            const ssize_t lCount = 1 == poll(&lOutput, 1, 30000) ? read(mOutput, lBytes, sizeof lBytes) : 0;
+            if (lCount <= 0) {
+                ADD_FAILURE() << "no line with " << acrText;
+                return "";
+            }
+            mRead.append(lBytes, static_cast<size_t>(lCount));
         }
-        ADD_FAILURE() << "no line with " << acrText;
-        return "";
     }
 
 private:
     pid_t mPid;
-    FILE* mpLines;
+    int mOutput;
+    std::string mRead;
 };
 
 class OqshmTest : public LayerTest

@@ -67,8 +67,8 @@ struct Channel {
 
     bool mRead = false, mSame = false;  // whether what follows is known, and was the same at the look before
     OQSSharedMemoryHeader mHeader = {};
-    size_t mHash = 0;                         // of the message that waits
-    Clock::time_point mSince = Clock::now();  // every look since then has found the same
+    size_t mHash = 0;                  // of the message that waits
+    Clock::time_point mSince, mUntil;  // every look from then to then has found the same
 
     bool isRemoved() const { return 0 != (mMode & SHM_DEST); }
     bool isForeign() const { return cMode != (mMode & 0777) || cLargest < mSize; }
@@ -176,6 +176,7 @@ OQSSharedMemoryHeader copyHeader(const void* acSegment)
 
 void readMailbox(Channel& arChannel, const Channels& acrBefore)
 {
+    arChannel.mUntil = Clock::now();
     const void* const lpSegment = shmat(arChannel.mId, NULL, SHM_RDONLY);
     if (reinterpret_cast<void*>(-1) == lpSegment) {
         if (EINVAL == errno || EIDRM == errno) {
@@ -198,6 +199,7 @@ void readMailbox(Channel& arChannel, const Channels& acrBefore)
         arChannel.mAttached = lState.shm_nattch - 1;
     }
     shmdt(lpSegment);
+    arChannel.mSince = Clock::now();
     for (const Channel& acrOld : acrBefore) {
         if (acrOld.mId == arChannel.mId && acrOld.mRead && acrOld.mHash == arChannel.mHash &&
             0 == memcmp(&acrOld.mHeader, &arChannel.mHeader, sizeof acrOld.mHeader)) {
@@ -228,7 +230,7 @@ const char* stateOf(const Channel& acrChannel)
 
 double sameSeconds(const Channel& acrChannel)
 {
-    return std::chrono::duration<double>(Clock::now() - acrChannel.mSince).count();
+    return std::chrono::duration<double>(acrChannel.mUntil - acrChannel.mSince).count();
 }
 
 void judgeAttachments(Channel& arChannel)
@@ -345,7 +347,7 @@ std::vector<Column> columns(const Channel& acrOne, bool aAges)
     const bool lExists = 0 <= acrOne.mId;
     const auto lIf = [](bool aKnown, const std::string& acrValue) { return aKnown ? acrValue : "null"; };
     const auto lMark = [&](unsigned char aMark) { return lIf(acrOne.mRead, 0 != aMark ? "true" : "false"); };
-    const double lStill = std::max(0.0, difftime(time(NULL), acrOne.mDetached));
+    const double lStill = std::max(0.0, difftime(time(NULL), acrOne.mDetached) - 1);  // both are cut to whole seconds
     return {{"key", 10, text("\"0x%08x\"", acrOne.mKey)},
             {"id", 10, lIf(lExists, std::to_string(acrOne.mId))},
             {"size", 5, lIf(lExists, std::to_string(acrOne.mSize))},
