@@ -154,10 +154,11 @@ protected:
     }
 
     /// A process that has the channel open until it is told to close it; it sends the messages before it says so.
-    std::unique_ptr<Peer> side(OQEConnectionMode aSide, unsigned int aMessages = 0)
+    std::unique_ptr<Peer> side(OQEConnectionMode aSide, unsigned int aMessages = 0, bool aHidden = false)
     {
         OQShmDesc lDesc = {mKey, 64, -1, nullptr};
         std::unique_ptr<Peer> lPeer(new Peer([=](Peer& arTest) mutable {
+            prctl(PR_SET_DUMPABLE, aHidden ? 0 : 1);
             OsSharedMemoryOpen(lDesc, aSide);
             for (unsigned int lMessage = 0; lMessage < aMessages; ++lMessage) {
                 unsigned int lWritten = 0;
@@ -257,6 +258,19 @@ TEST_F(OqshmTest, AKilledServerIsMissedByTheClient)
     kill(lServer);
     EXPECT_EQ(lExpected, shown(1));
     end(lClient);
+}
+
+TEST_F(OqshmTest, OfAProcessThatMayNotBeExaminedNothingIsGuessed)
+{
+    const auto lServer = side(OQCM_Server, 0, true);
+    kill(side(OQCM_Client));
+    const std::string lAsUser = 0 == geteuid() ? "setpriv --bounding-set=-sys_ptrace --inh-caps=-sys_ptrace " : "";
+    const Result lResult = shell(lAsUser + OQSHM " " + std::to_string(mKey));
+    EXPECT_EQ(1, lResult.mStatus);
+    EXPECT_TRUE(contains(lResult.mOut,
+                         "  1 unseen\n  peer gone: one side has closed or died; for which one look again, as root\n"))
+        << lResult.mOut;
+    end(lServer);
 }
 
 TEST_F(OqshmTest, AStoppedSideIsNamed)

@@ -245,8 +245,9 @@ void judgeAttachments(Channel& arChannel)
         arChannel.mFindings.push_back(
             text("not ready: no %s has opened it, writes are cancelled", lServer ? "client" : "server"));
     } else if (arChannel.mRead && 1 == arChannel.mAttached) {
-        const int lLeft = arChannel.mPids.empty() ? 0 : arChannel.mPids.front();
-        if (lLeft != arChannel.mCreator) {
+        if (arChannel.mSeen != arChannel.mAttached) {  // unseen, or it went while this tool looked
+            arChannel.wrong("peer gone: one side has closed or died; for which one look again, as root");
+        } else if (arChannel.mCreator != arChannel.mPids.front()) {
             arChannel.wrong(
                 text("peer gone: process %d, which made it, has closed it or died; start the server, unless "
                      "it is who has it attached",
