@@ -129,9 +129,10 @@ void writeLine(const char* acLine, size_t aLength)
 }
 
 /// What follows when the level is asked for; errno is the caller's. Takes the level, which it does not need, so that the
-/// others stay where they came and a filtered line moves none of them.
-[[gnu::noipa]] void writeMessage(unsigned int, const char* acTag, unsigned int aLine, const char* acFunction,
-                                 const char* acFile, const char* acFormat, va_list aArguments)
+/// others stay where they came and a filtered line moves none of them; "used" keeps the compiler from leaving it out.
+[[gnu::used, gnu::noinline]] void writeMessage(unsigned int, const char* acTag, unsigned int aLine,
+                                               const char* acFunction, const char* acFile, const char* acFormat,
+                                               va_list aArguments)
 {
     const int lErrno = errno;
     timespec lNow;
