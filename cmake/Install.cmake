@@ -1,23 +1,53 @@
-# Installed: both libraries, the public headers, a CMake package (find_package(OQLinux)) and pkg-config files.
-install(TARGETS OQLinux OQCompanion EXPORT OQLinuxTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES linux/OQLinux.h companion/OQCompanionSettings.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/oqlinux)
-install(DIRECTORY backend/common/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/oqlinux)
+# Installed, each with the component it belongs to:
+#
+#   runtime        both libraries
+#   development    the public headers, a CMake package (find_package(OQLinux)), pkg-config files, the manual pages
+#   documentation  the reference, the guide and the other pages
+#   examples       the sources of the examples, to be built against what is installed
+#
+# Reference and manual pages are there when scripts/docs has made them and OQ_REFERENCE names the folder it left them in.
+set(OQ_REFERENCE "" CACHE PATH "What scripts/docs made, to be installed (build/docs)")
 
-install(EXPORT OQLinuxTargets NAMESPACE OQ:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OQLinux)
-file(WRITE ${CMAKE_BINARY_DIR}/OQLinuxConfig.cmake
-     "include(CMakeFindDependencyMacro)\nfind_dependency(Threads)\n"
-     "include(\${CMAKE_CURRENT_LIST_DIR}/OQLinuxTargets.cmake)\n")
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/OQLinuxConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/OQLinuxConfig.cmake ${CMAKE_BINARY_DIR}/OQLinuxConfigVersion.cmake
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OQLinux)
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+set(OQ_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/oqlinux)
+set(OQ_CMAKE_PACKAGE ${CMAKE_INSTALL_LIBDIR}/cmake/OQLinux)
 
-# The package may be moved: the files find their prefix from where they are.
-file(RELATIVE_PATH OQ_PREFIX_FROM_PKGCONFIG ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
-configure_file(cmake/oqlinux.pc.in ${CMAKE_BINARY_DIR}/oqlinux.pc @ONLY)
-configure_file(cmake/oqcompanion.pc.in ${CMAKE_BINARY_DIR}/oqcompanion.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/oqlinux.pc ${CMAKE_BINARY_DIR}/oqcompanion.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(
+    TARGETS OQLinux OQCompanion
+    EXPORT OQLinuxTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    INCLUDES DESTINATION ${OQ_HEADERS})
+install(FILES linux/OQLinux.h companion/OQCompanionSettings.h DESTINATION ${OQ_HEADERS} COMPONENT development)
+install(DIRECTORY backend/common/include/ DESTINATION ${OQ_HEADERS} COMPONENT development)
 
-set(CPACK_GENERATOR TGZ)
-set(CPACK_PACKAGE_VENDOR "The OQLinux maintainers")
-include(CPack)
+# The package may be moved: its files find their prefix from where they are.
+install(EXPORT OQLinuxTargets NAMESPACE OQ:: DESTINATION ${OQ_CMAKE_PACKAGE} COMPONENT development)
+configure_package_config_file(
+    cmake/OQLinuxConfig.cmake.in ${PROJECT_BINARY_DIR}/OQLinuxConfig.cmake
+    INSTALL_DESTINATION ${OQ_CMAKE_PACKAGE}
+    NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/OQLinuxConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/OQLinuxConfig.cmake ${PROJECT_BINARY_DIR}/OQLinuxConfigVersion.cmake
+        DESTINATION ${OQ_CMAKE_PACKAGE} COMPONENT development)
+
+set(OQ_PKGCONFIG ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(OQ_PKGCONFIG_FULL ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH OQ_LIBDIR_FROM_PKGCONFIG ${OQ_PKGCONFIG_FULL} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH OQ_HEADERS_FROM_PKGCONFIG ${OQ_PKGCONFIG_FULL} ${CMAKE_INSTALL_FULL_INCLUDEDIR}/oqlinux)
+foreach(package oqlinux oqcompanion)
+    configure_file(cmake/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${OQ_PKGCONFIG} COMPONENT development)
+endforeach()
+
+if(OQ_REFERENCE)
+    install(DIRECTORY ${OQ_REFERENCE}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
+    install(DIRECTORY ${OQ_REFERENCE}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+endif()
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation FILES_MATCHING PATTERN *.md
+        PATTERN *.svg)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT examples)
+
+if(PROJECT_IS_TOP_LEVEL)
+    include(cmake/Package.cmake)
+endif()
