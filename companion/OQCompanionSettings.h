@@ -20,15 +20,29 @@
 
 #include "OQCompanion.h"
 
+/// \defgroup settings Log settings
+/// Of the companion runtime of this project; a host with another runtime has that one's. They hold for the whole
+/// process at once.
+/// @{
+
 /// Chooses which lines are written.
-/// \param aLevels OQELogLevel bits, or-ed; 0 silences the log
-/// Holds for the whole process at once; may be called at any time from any thread.
+/// \posix none
+/// \param[in] aLevels OQELogLevel bits, or-ed; 0 silences the log
+/// \nothrow
+/// \silent
+/// \threads Any, at any time.
 OQ_EXPORT void SetLogLevels(unsigned int aLevels);
 
 /// Chooses where lines are written.
-/// \param aDescriptor open for writing; the caller keeps it open while lines may come and closes it afterwards. Open
-///        files with O_APPEND. A negative one drops every line.
-/// Holds for the whole process at once; may be called at any time from any thread.
+/// \posix none
+/// \param[in] aDescriptor open for writing; the caller keeps it open while lines may come and closes it afterwards. A
+///                        negative one drops every line.
+/// \nothrow
+/// \silent
+/// \threads Any, at any time.
+/// \trap A file that several processes write to is opened with O_APPEND. A pipe whose reader has gone raises SIGPIPE.
 OQ_EXPORT void SetLogDescriptor(int aDescriptor);
+
+/// @}
 
 #endif

@@ -19,6 +19,7 @@
 
 #include <atomic>
 
+/// Offered by a library although all else in it is hidden.
 #define OQ_EXPORT __attribute__((visibility("default")))
 /// For a private helper of an exported class: whether it is inlined must not change what the library exports.
 #define OQ_LOCAL __attribute__((visibility("hidden")))
@@ -42,37 +43,55 @@ enum OQELogLevel : unsigned int {
     OQLL_Trace = 128        ///< tag "-T-": entry, exit and details of operations
 };
 
+/// \defgroup companion Companion runtime
+/// What the layer asks of its host. The wrappers behave as the standard function of the same name without the prefix,
+/// with the differences stated. Where the standard function fails they return its result and leave errno as it set it.
+/// @{
+
 /// Writes one time-stamped log line.
-/// \param aLevel     severity, one bit of OQELogLevel; decides whether the line is written at all
-/// \param acTag      the three characters that belong to the level
-/// \param aLine      source line of the call
-/// \param acFunction bare name of the calling function
-/// \param acFile     source file of the call as the build names it
-/// \param acFormat   printf format of the message
-/// Throws: nothing. errno is left as it was. Not a cancellation point.
+/// \posix write(), as a bare system call
+/// \param[in] aLevel     severity, one bit of OQELogLevel; decides whether the line is written at all
+/// \param[in] acTag      the three characters that belong to the level
+/// \param[in] aLine      source line of the call
+/// \param[in] acFunction bare name of the calling function
+/// \param[in] acFile     source file of the call as the build names it
+/// \param[in] acFormat   printf format of the message, whose values follow
+/// \nothrow
+/// \logs That line. One that cannot be written is dropped.
+/// \threads Any; lines never mix. Not a cancellation point. errno is left as it was.
 OQ_EXPORT void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int aLine,
                                             const char* acFunction, const char* acFile, const char* acFormat, ...)
     __attribute__((format(printf, 6, 7)));
 
 /// Writes the text of the calling thread's errno into a buffer.
-/// \param apBuffer receives the text, always terminated; owned by the caller
-/// \param aSize    size of the buffer in bytes; a longer text is cut
-/// \return apBuffer. errno is left as it was.
+/// \posix strerrordesc_np(): the untranslated text
+/// \param[out] apBuffer receives the text, always terminated; owned by the caller
+/// \param[in]  aSize    size of the buffer in bytes; a longer text is cut, and 0 stores nothing
+/// \return apBuffer
+/// \nothrow
+/// \silent
+/// \threads Any. errno is left as it was.
 OQ_EXPORT char* ClibStrerror(char* apBuffer, unsigned int aSize);
+
+/// @}
 
 /// Root of the exception tree: one message and one code, held by value. See OQException.h for the classes below it.
 class OQ_EXPORT OQCException
 {
 public:
-    /// \param acMessage text, copied; cut at 255 characters
-    /// \param aCode     code of the class that is thrown
+    /// Never fails.
+    /// \param[in] acMessage text, copied; cut at 255 characters
+    /// \param[in] aCode     code of the class that is thrown
     OQCException(const char* acMessage, unsigned int aCode) noexcept;
+    /// Defined in the companion runtime, as the constructor: the class's type information lives there.
     virtual ~OQCException();
 
-    /// The stored text; valid as long as the object. Never fails.
+    /// Never fails.
+    /// \return the stored text; valid as long as the object
     virtual const char* what() const { return mMessage; }
 
-    /// The code given to the constructor: tells the class of failure, not the place.
+    /// Tells the class of failure, not the place.
+    /// \return the code given to the constructor
     unsigned int code() const { return mCode; }
 
 private:
@@ -85,11 +104,15 @@ private:
 class OQ_EXPORT OQCReferenceCount
 {
 public:
+    /// \param[in] aInitial how many holders there are already
     explicit OQCReferenceCount(unsigned int aInitial);
+    /// Of the last holder.
     ~OQCReferenceCount();
 
+    /// Adds one holder.
     void increment();
-    /// Subtracts one. \return the new count; 0: no holder is left
+    /// Takes one holder away.
+    /// \return the new count; 0: no holder is left
     unsigned int decrement();
 
 private:
@@ -99,85 +122,207 @@ private:
     std::atomic<uint32_t> mCount;
 };
 
-/// Reads the first line of a text file, of any length, without its newline. A zero byte ends the text of the line.
-/// \param acrPath path of the file
-/// \param arLine  receives the line; untouched on failure. An empty file gives an empty line.
+/// \addtogroup companion
+/// @{
+
+/// Reads the first line of a text file, of any length, without its newline. An empty file gives an empty line.
+/// \posix fopen(), getline(), fclose()
+/// \param[in] acrPath path of the file
+/// \param[in,out] arLine receives the line; untouched on failure
 /// \return 0, or -1 with errno set when the file cannot be opened or read
-/// Throws: OQCNoMemoryEx 2 when there is no memory for the copy of the line.
+/// \throws OQCNoMemoryEx 2 "Out of Memory" when there is no memory for the copy of the line
+/// \silent
+/// \threads Any, one at a time for one arLine. A cancellation point.
+/// \trap A zero byte ends the text of the line.
 OQ_EXPORT int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine);
 
-// The wrappers behave as the standard function of the same name without the prefix, with the differences stated. Where
-// the standard function fails they return its result and leave errno as it set it.
-
-/// open().
-/// \param acPath path of the file
-/// \param aFlags O_RDONLY and the like
-/// \param aMode  permissions (octal) of a file that is created
-/// \return a descriptor, or -1
+/// Opens a file.
+/// \posix open()
+/// \param[in] acPath path of the file
+/// \param[in] aFlags O_RDONLY and the like
+/// \param[in] aMode  permissions (octal) of a file that is created
+/// \return a descriptor, which the caller closes, or -1
+/// \nothrow
+/// \silent
+/// \threads Any. A cancellation point.
 OQ_EXPORT int ClibOpen(const char* acPath, int aFlags, int aMode);
-/// One read().
-/// \param aDescriptor open for reading
-/// \param apBuffer    receives the bytes
-/// \param aCount      at most so many bytes
+
+/// Reads once.
+/// \posix read()
+/// \param[in]  aDescriptor open for reading
+/// \param[out] apBuffer    receives the bytes
+/// \param[in]  aCount      at most so many bytes
 /// \return bytes read, 0 at end of data, or -1
+/// \nothrow
+/// \silent
+/// \threads Any. A cancellation point.
 OQ_EXPORT int ClibRead(int aDescriptor, void* apBuffer, unsigned int aCount);
-/// Reads until aCount bytes have arrived or the data ends; an interrupted read is continued.
-/// \param aDescriptor open for reading
-/// \param apBuffer    receives the bytes
-/// \param aCount      how many bytes are wanted
-/// \return bytes read, fewer than aCount only at end of data; or -1 when a read fails, whatever had arrived before it.
-///         The result is an int: more than 2 GiB at once cannot be told.
+
+/// Reads until so many bytes have arrived or the data ends; an interrupted read is continued.
+/// \posix read()
+/// \param[in]  aDescriptor open for reading
+/// \param[out] apBuffer    receives the bytes
+/// \param[in]  aCount      how many bytes are wanted
+/// \return bytes read, fewer than aCount only at end of data; or -1 when a read fails, whatever had arrived before it
+/// \nothrow
+/// \silent
+/// \threads Any. A cancellation point.
+/// \trap The result is an int: more than 2 GiB at once cannot be told.
 OQ_EXPORT int ClibBlockRead(int aDescriptor, void* apBuffer, unsigned int aCount);
-/// One write().
-/// \param aDescriptor open for writing
-/// \param acBuffer    the bytes
-/// \param aCount      how many
+
+/// Writes once.
+/// \posix write()
+/// \param[in] aDescriptor open for writing
+/// \param[in] acBuffer    the bytes
+/// \param[in] aCount      how many
 /// \return bytes written, perhaps fewer than aCount, or -1
+/// \nothrow
+/// \silent
+/// \threads Any. A cancellation point.
 OQ_EXPORT int ClibWrite(int aDescriptor, const void* acBuffer, unsigned int aCount);
-/// close().
+
+/// Closes a descriptor.
+/// \posix close()
+/// \param[in] aDescriptor open
+/// \return 0, or -1
+/// \nothrow
+/// \silent
+/// \threads Any. A cancellation point.
 OQ_EXPORT int ClibClose(int aDescriptor);
-/// unlink().
+
+/// Removes a file's name.
+/// \posix unlink()
+/// \param[in] acPath path of the file
+/// \return 0, or -1
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT int ClibUnlink(const char* acPath);
-/// fread().
-/// \param apBuffer receives the items
-/// \param aSize    bytes an item
-/// \param aCount   at most so many items
-/// \param apStream open for reading
+
+/// Reads items from a stream. Data that came before an error is returned first.
+/// \posix clearerr(), fread()
+/// \param[out] apBuffer receives the items
+/// \param[in]  aSize    bytes an item
+/// \param[in]  aCount   at most so many items
+/// \param[in]  apStream open for reading
 /// \return items read; 0 at end of data
-/// Throws: OQCReadFailedEx 328 with the error text when nothing could be read because of a read error. Data that came
-/// before the error is returned first; an error that has passed by the next call is not reported.
+/// \throws OQCReadFailedEx 328 when nothing could be read because of a read error
+/// \silent
+/// \threads Any. A cancellation point.
+/// \trap An error that has passed by the next call is not reported.
 OQ_EXPORT unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream);
-/// stat().
-/// \param acPath path to examine
-/// \param apInfo receives what is known of it; unchanged on failure
+
+/// Examines a file.
+/// \posix stat()
+/// \param[in]  acPath path to examine
+/// \param[out] apInfo receives what is known of it; unchanged on failure
 /// \return 0
-/// Throws: OQCClibStatFailedEx 173 with the error text when the path cannot be examined; on 32-bit systems also a file
-/// of 2 GiB and more (the structure that crosses this boundary is the one without large-file support).
+/// \throws OQCClibStatFailedEx 173 when the path cannot be examined
+/// \silent
+/// \threads Any.
+/// \trap On 32-bit systems a file of 2 GiB and more cannot be examined: the structure that crosses this boundary is the
+/// one without large-file support.
 OQ_EXPORT int ClibStat(const char* acPath, struct stat* apInfo);
-/// The wall-clock time.
-/// \param arSeconds      receives the seconds since 1970
-/// \param arMilliseconds receives the milliseconds within the second, 0 to 999
+
+/// Tells the wall-clock time.
+/// \posix clock_gettime(CLOCK_REALTIME)
+/// \param[out] arSeconds      receives the seconds since 1970
+/// \param[out] arMilliseconds receives the milliseconds within the second, 0 to 999
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds);
-/// Sleeps the calling thread for so many milliseconds, also when a signal interrupts it.
+
+/// Puts the calling thread to sleep, also when a signal interrupts it, for the whole time.
+/// \posix clock_nanosleep(CLOCK_MONOTONIC)
+/// \param[in] aMilliseconds how long, in milliseconds
+/// \nothrow
+/// \silent
+/// \threads Any. A cancellation point.
 OQ_EXPORT void ClibSleepMS(unsigned long aMilliseconds);
-/// gethostname().
-/// \param apBuffer receives the name
-/// \param aSize    size of the buffer in bytes
+
+/// Tells the host's name.
+/// \posix gethostname()
+/// \param[out] apBuffer receives the name
+/// \param[in]  aSize    size of the buffer in bytes
 /// \return 0, or -1; a name that does not fit is cut
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT int ClibGethostname(char* apBuffer, unsigned int aSize);
-/// memcpy().
+
+/// Copies bytes; the two places do not overlap.
+/// \posix memcpy()
+/// \param[out] apDestination receives them
+/// \param[in]  acSource      where they are
+/// \param[in]  aCount        how many bytes
+/// \return apDestination
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT void* ClibMemcpy(void* apDestination, const void* acSource, unsigned int aCount);
-/// memset().
+
+/// Sets bytes to one value.
+/// \posix memset()
+/// \param[out] apDestination the bytes
+/// \param[in]  aValue        their value, as an unsigned char
+/// \param[in]  aCount        how many bytes
+/// \return apDestination
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT void* ClibMemset(void* apDestination, int aValue, unsigned int aCount);
-/// strcpy(), except that the two texts may overlap.
+
+/// Copies a text. Unlike strcpy() it bears texts that overlap.
+/// \posix memmove()
+/// \param[out] apDestination receives it with its end; nothing checks that it fits
+/// \param[in]  acSource      zero-terminated
+/// \return apDestination
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT char* ClibStrcpy(char* apDestination, const char* acSource);
-/// strlen().
+
+/// Counts the bytes of a text before its end.
+/// \posix strlen()
+/// \param[in] acText zero-terminated
+/// \return bytes
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT unsigned int ClibStrlen(const char* acText);
-/// strncmp().
+
+/// Compares the beginnings of two texts.
+/// \posix strncmp()
+/// \param[in] acLeft  zero-terminated
+/// \param[in] acRight zero-terminated
+/// \param[in] aCount  at most so many bytes
+/// \return less than, equal to or greater than 0, as acLeft is to acRight
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT int ClibnStrcmp(const char* acLeft, const char* acRight, unsigned int aCount);
-/// ntohl().
+
+/// Turns a number from network order into the host's.
+/// \posix ntohl()
+/// \param[in] aValue in network order
+/// \return in the host's order
+/// \nothrow
+/// \silent
+/// \threads Any.
 OQ_EXPORT unsigned int ClibNtohl(unsigned int aValue);
-/// sprintf(): the caller's buffer must hold the result, nothing checks it.
+
+/// Formats a text.
+/// \posix vsprintf()
+/// \param[out] apBuffer receives it with its end
+/// \param[in]  acFormat printf format, whose values follow
+/// \return bytes written, without the end
+/// \nothrow
+/// \silent
+/// \threads Any.
+/// \trap The caller's buffer must hold the result: nothing checks it.
 OQ_EXPORT int ClibSprintf(char* apBuffer, const char* acFormat, ...) __attribute__((format(printf, 2, 3)));
+
+/// @}
 
 #endif

@@ -15,6 +15,10 @@
 
 /// Ends the process after a broken precondition: one line with the text of the condition, then exit status 1. A function
 /// of its own, so that a check costs its callers a test and a jump, and little room.
+/// \param[in] aLine       source line of the check
+/// \param[in] acFunction  bare name of the function that checks
+/// \param[in] acFile      the file's name in the log
+/// \param[in] acCondition text of the condition
 [[noreturn, gnu::cold, gnu::noinline]] OQ_LOCAL inline void oqAssertionFailed(unsigned int aLine,
                                                                               const char* acFunction,
                                                                               const char* acFile,

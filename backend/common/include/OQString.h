@@ -8,6 +8,7 @@
 
 #include "Pointer.h"
 
+/// Speaks for this file in the log.
 #define OQ_STRING_ASSERT(condition) OQ_ASSERT_AS(condition, #condition, __func__, "backend/common/include/OQString")
 
 /// A text value. Every copy and every assignment is a deep copy, so distinct objects are independent, also in different
@@ -18,20 +19,27 @@
 class OQ_EXPORT OQCString
 {
 public:
-    /// \param acText zero-terminated text, copied; not checked for null
-    /// Throws: OQCNoMemoryEx 2.
+    /// A copy of a text.
+    /// \param[in] acText zero-terminated, not checked for null
+    /// \throws OQCNoMemoryEx 2 "Out of Memory"
     OQ_EMITTED OQCString(const char* acText) : mString(allocated(acText)) {}
 
-    /// Throws: OQCNoMemoryEx 2.
+    /// A copy. Of an empty one: "acrCopy.mString != 0".
+    /// \param[in] acrCopy what is copied
+    /// \throws OQCNoMemoryEx 2 "Out of Memory"
     OQ_EMITTED OQCString(const OQCString& acrCopy) : mString()
     {
         OQ_STRING_ASSERT(acrCopy.mString != 0);
         mString = allocated(*acrCopy.mString);
     }
 
+    /// Frees the text.
     OQ_EMITTED ~OQCString() {}
 
-    /// Throws: OQCNoMemoryEx 2; this object then keeps its text.
+    /// Becomes a copy. Of an empty one: "0 != mPointer", in the name of the Pointer.
+    /// \param[in] acrCopy what is copied; may be this object
+    /// \return this object
+    /// \throws OQCNoMemoryEx 2 "Out of Memory"; this object then keeps its text
     OQ_EMITTED OQCString& operator=(const OQCString& acrCopy)
     {
         if (this != &acrCopy) {
@@ -40,7 +48,10 @@ public:
         return *this;
     }
 
-    /// Appends in place. Throws: std::bad_alloc when the text cannot grow; this object then keeps its text.
+    /// Appends in place. To or of an empty one: "mString != 0", "acrString.mString != 0".
+    /// \param[in] acrString what is appended
+    /// \return this object
+    /// \throws std::bad_alloc when the text cannot grow; this object then keeps its text
     OQ_EMITTED OQCString& operator+=(const OQCString& acrString)
     {
         OQ_STRING_ASSERT(mString != 0);
@@ -49,12 +60,15 @@ public:
         return *this;
     }
 
-    /// The zero-terminated text, valid until the string is next modified, assigned or destroyed.
+    /// Of an empty one: "mString != 0".
+    /// \return the zero-terminated text, valid until the string is next modified, assigned or destroyed
     OQ_EMITTED const char* get()
     {
         OQ_STRING_ASSERT(mString != 0);
         return mString->c_str();
     }
+    /// Of an empty one: "mString != 0".
+    /// \return the zero-terminated text, valid until the string is next modified, assigned or destroyed
     OQ_EMITTED const char* get() const
     {
         OQ_STRING_ASSERT(mString != 0);

@@ -11,13 +11,23 @@
 #include "OQException.h"
 #include "OQLog.h"
 
+/// \def OQ_POINTER_ASSERT_AS(condition)
+/// Speaks for this file and for the operator that asked.
+
+/// Speaks for this file in the log.
 #define OQ_POINTER_ASSERT(condition) OQ_ASSERT_AS(condition, #condition, __func__, "backend/common/include/Pointer")
 
 /// What a Pointer refers to; 0 in an empty one.
-enum OQEPointerSizeType : unsigned char { OQPST_Individual = 1, OQPST_Array = 2 };
+enum OQEPointerSizeType : unsigned char {
+    OQPST_Individual = 1,  ///< one object
+    OQPST_Array = 2        ///< several in a row
+};
 
 /// How the pointee was allocated, hence how it is freed; 0 in an empty Pointer.
-enum OQEPointerMemoryType : unsigned char { OQPMT_New = 1, OQPMT_Malloc = 2 };
+enum OQEPointerMemoryType : unsigned char {
+    OQPMT_New = 1,    ///< new, or new[]: deleted
+    OQPMT_Malloc = 2  ///< malloc(): freed, no destructor runs
+};
 
 /// Shared ownership of one object, array or malloc block: the last holder frees the counter, then the pointee.
 ///
@@ -32,11 +42,11 @@ public:
     Pointer() : mPointer(0), mReferenceCount(0), mSizeType(), mMemoryType() {}
 
     /// Takes ownership of what the caller allocated without throwing, so that a failed allocation is reported here.
-    /// \param apPointer   the pointee
-    /// \param aSizeType   OQPST_Individual or OQPST_Array
-    /// \param aMemoryType OQPMT_New or OQPMT_Malloc
-    /// Throws: OQCNoMemoryEx 2 "Out of Memory" when apPointer is null, or when there is no memory for the counter; in
-    /// the latter case the pointee stays allocated.
+    /// \param[in] apPointer   the pointee
+    /// \param[in] aSizeType   OQPST_Individual or OQPST_Array
+    /// \param[in] aMemoryType OQPMT_New or OQPMT_Malloc
+    /// \throws OQCNoMemoryEx 2 "Out of Memory" when apPointer is null, or when there is no memory for the counter; in
+    /// the latter case the pointee stays allocated
     Pointer(T* apPointer, OQEPointerSizeType aSizeType, OQEPointerMemoryType aMemoryType)
         : mPointer(apPointer), mReferenceCount(0), mSizeType(aSizeType), mMemoryType(aMemoryType)
     {
@@ -46,6 +56,7 @@ public:
     }
 
     /// Another holder of the same pointee; a copy of an empty Pointer is empty.
+    /// \param[in] acrCopy a holder, or empty
     Pointer(const Pointer& acrCopy)
         : mPointer(acrCopy.mPointer),
           mReferenceCount(acrCopy.mReferenceCount),
@@ -59,6 +70,8 @@ public:
 
     /// Lets go of the present pointee and becomes another holder of acrCopy's. Assigning from an empty Pointer ends the
     /// process, also when it is assigned to itself.
+    /// \param[in] acrCopy a holder
+    /// \return this object
     Pointer& operator=(const Pointer& acrCopy)
     {
         OQ_POINTER_ASSERT(0 != acrCopy.mPointer);
@@ -74,6 +87,7 @@ public:
         return *this;
     }
 
+    /// Lets go of the pointee; the last holder frees it.
     ~Pointer()
     {
         _release();
@@ -85,11 +99,15 @@ public:
         std::atomic_signal_fence(std::memory_order_seq_cst);
     }
 
-    /// The object, or the first element of the array.
+    /// Asked of an empty one, ends the process.
+    /// \return the object, or the first element of the array
     T& operator*() { return *_checked(__func__); }
+    /// Asked of an empty one, ends the process.
+    /// \return the object, or the first element of the array
     T& operator*() const { return *_checked(__func__); }
 
-    /// The single object; asked of an array, ends the process.
+    /// Asked of an array or of an empty one, ends the process.
+    /// \return the single object
     T* operator->()
     {
         OQ_POINTER_ASSERT(0 != mPointer);
@@ -97,9 +115,13 @@ public:
         OQ_POINTER_ASSERT(OQPST_Individual == mSizeType);
         return mPointer;
     }
+    /// Asked of an array or of an empty one, ends the process.
+    /// \return the single object
     T* operator->() const { return const_cast<Pointer*>(this)->operator->(); }
 
-    /// The test for emptiness: `pointer != 0`.
+    /// Tells whether there is a pointee, as `pointer != 0`.
+    /// \param[in] acOther null, or a place to compare with
+    /// \return whether the pointee is another
     bool operator!=(const T* acOther) const { return mPointer != acOther; }
 
 private:
