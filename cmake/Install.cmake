@@ -41,7 +41,11 @@ foreach(package oqlinux oqcompanion)
 endforeach()
 
 if(OQ_REFERENCE)
-    install(DIRECTORY ${OQ_REFERENCE}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
+    file(REMOVE_RECURSE ${PROJECT_BINARY_DIR}/man)
+    file(COPY ${OQ_REFERENCE}/man DESTINATION ${PROJECT_BINARY_DIR})
+    file(GLOB_RECURSE pages ${PROJECT_BINARY_DIR}/man/*.3)
+    execute_process(COMMAND gzip -9 --no-name ${pages} COMMAND_ERROR_IS_FATAL ANY)
+    install(DIRECTORY ${PROJECT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
     install(DIRECTORY ${OQ_REFERENCE}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 endif()
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation FILES_MATCHING PATTERN *.md
