@@ -36,7 +36,8 @@ debian_package(
 child processes, commands, file locks and host identity: each a thin wrapper
 round one family of POSIX calls, all with one tree of exceptions and one log.
 .
-The companion runtime is for hosts that bring none of their own.]])
+The companion runtime is for hosts that bring none of their own.]]
+    "libc6 (>= 2.36)") # packed relocations: no symbol tells that they are needed
 debian_package(
     development liboqlinux-dev libdevel "Linux operating-system abstraction layer (development files)"
     [[The layer wraps threads, mutexes, condition variables, named pipes,
