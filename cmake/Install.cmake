@@ -1,9 +1,11 @@
 # Installed, each with the component it belongs to:
 #
 #   runtime        both libraries
-#   development    the public headers, a CMake package (find_package(OQLinux)), pkg-config files, the manual pages
+#   development    the public headers, a CMake package (find_package(OQLinux)), pkg-config files, the manual pages of the
+#                  functions, GDB's printers
 #   documentation  the reference, the guide and the other pages
 #   examples       the sources of the examples, to be built against what is installed
+#   tools          oqshm with its manual page
 #
 # Reference and manual pages are there when scripts/docs has made them and OQ_REFERENCE names the folder it left them in.
 set(OQ_REFERENCE "" CACHE PATH "What scripts/docs made, to be installed (build/docs)")

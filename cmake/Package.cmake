@@ -61,9 +61,19 @@ Sources of a small daemon, of its tool and of a first program, with the CMake
 file that builds them against the development files.]]
     "liboqlinux-dev (>= ${PROJECT_VERSION})")
 
+if(OQ_BUILD_TOOLS)
+    debian_package(
+        tools oqlinux-tools utils "Linux operating-system abstraction layer (tools)"
+        [[The layer wraps threads, mutexes, condition variables, named pipes,
+shared-memory mailboxes, child processes, commands and file locks.
+.
+oqshm shows shared-memory mailboxes from outside and says what is wrong with
+them.]])
+endif()
+
 # What the libraries need is found out; who is linked against them is told what to need. A library is noticed by the
 # loader through a trigger.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
