@@ -258,7 +258,7 @@ int isProcessRunning(const OQCString& acrName)
         ClibStat("/tmp/.vyrsyscmd", &lOutput);
         lRunning = 0 != lOutput.st_size ? 1 : 0;
     } catch (const OQCClibStatFailedEx&) {
-        lRunning = 0;
+        // No result, so nothing was found.
     }
     if (1 == lRunning) {
         OQ_TRACE("Process '%s' is running", acrName.get());

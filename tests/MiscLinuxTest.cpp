@@ -144,10 +144,12 @@ struct Clearing {
     unsigned int mCount;
 };
 Clearing gCleared;
+unsigned int gWholeClearings = 0;  ///< of all 4000 bytes
 
 void* ClibMemset(void* apMemory, int aValue, unsigned int aCount)
 {
     gCleared = {apMemory, aValue, aCount};
+    gWholeClearings += 4000 == aCount && 0 == aValue ? 1 : 0;
     static const auto lReal = behind<void*(void*, int, unsigned int)>("_Z10ClibMemsetPvij");
     return lReal(apMemory, aValue, aCount);
 }
@@ -884,6 +886,13 @@ TEST_F(ExecuteLinuxTest, CommandThatPrintsNothingGivesNoLine)
     expectAllReleased();
 }
 
+TEST_F(ExecuteLinuxTest, BufferIsClearedWhenItIsMadeAndBeforeTheRead)
+{
+    gWholeClearings = 0;
+    OsExecute(":", mLines);
+    EXPECT_EQ(2U, gWholeClearings);
+}
+
 TEST_F(ExecuteLinuxTest, CommandThatTheShellCannotRunGivesNoLineAndNoError)
 {
     OsExecute("exec 2>/dev/null; /nonexistent/program", mLines);
@@ -1367,6 +1376,13 @@ TEST_F(BreakLinuxTest, TextThatEndsWithANewlineIsSplitAndTheBufferIsFree)
                      cBreak.trace("End of popened Buffer"), cBreak.left()}),
               logged());
     EXPECT_EQ(0, memcmp("one\0two\0\0#", mBuffer, 10));  // a zero for each newline, and no more written
+}
+
+TEST_F(BreakLinuxTest, BufferOfLinesIsClearedWhenItIsMade)
+{
+    gWholeClearings = 0;
+    breakText("one\n");
+    EXPECT_EQ(1U, gWholeClearings);
 }
 
 TEST_F(BreakLinuxTest, UnfinishedLineIsMovedToTheStart)

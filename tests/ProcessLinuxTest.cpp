@@ -930,6 +930,16 @@ TEST_P(ProcessCreateTest, EveryErrorOfTheManualPageOfPipeLetsAProgramStart)
     }
 }
 
+#if OQ_SHARING_VFORK
+/// With vfork the program runs, or has failed, when the parent goes on: there is nothing left to wait for.
+TEST_P(ProcessCreateTest, ProgramThatRunsIsWaitedForOnlyWhereVforkCopies)
+{
+    const int lChild = ProcessCreate("/bin/true", cNoArguments, cNoEnvironment);
+    EXPECT_EQ(cVforkShares == GetParam(), 0 == pollFault.calls());
+    EXPECT_EQ(0, ProcessWait(lChild, 0));
+}
+#endif
+
 /// The wait for the failed child goes on without: by looking at it.
 TEST_P(ProcessCreateTest, ParentWaitsAsWellWherePollFails)
 {

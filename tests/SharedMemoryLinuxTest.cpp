@@ -1216,6 +1216,30 @@ protected:
 };
 const int64_t SharedMemoryLinuxTransferTest::cStart;
 
+const OQSSharedMemoryHeader* spWatched = nullptr;
+unsigned char sReadyWhenLeft = 0;
+unsigned char sFreeWhenLeft = 0;
+
+TEST_F(SharedMemoryLinuxTransferTest, SlotIsMarkedBeforeLeftIsLogged)
+{
+    spWatched = mDesc.shm_addr;
+    atEachLine([](const char* acText) {
+        if (0 == strcmp("Left", acText)) {
+            sReadyWhenLeft = spWatched->data_ready;
+            sFreeWhenLeft = spWatched->segment_free;
+        }
+    });
+    Bytes lMessage = message(20);
+    unsigned int lDone = 0;
+    OsSharedMemoryWrite(mDesc, lMessage.data(), 20, lDone);
+    EXPECT_EQ(1, sReadyWhenLeft);
+    EXPECT_EQ(0, sFreeWhenLeft);
+    OsSharedMemoryRead(mClient, lMessage.data(), 20, lDone);
+    EXPECT_EQ(0, sReadyWhenLeft);
+    EXPECT_EQ(1, sFreeWhenLeft);
+    atEachLine(nullptr);
+}
+
 TEST_F(SharedMemoryLinuxTransferTest, WriteStoresDataAndLengthAndMarksTheSlotFull)
 {
     simulateTime();

@@ -29,6 +29,7 @@ const unsigned int cRecords = 4096;
 Record sRecords[cRecords];
 unsigned int sCount = 0;
 bool sKept = true;
+std::atomic<void (*)(const char*)> sHook(nullptr);
 std::atomic_flag sBusy = ATOMIC_FLAG_INIT;
 
 class Spin
@@ -69,6 +70,14 @@ void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsign
     if (0 == aLine) {
         fprintf(stderr, "recorder: a line without a line number\n");
         abort();
+    }
+    if (const auto lHook = sHook.load()) {
+        char lText[4200];
+        va_list lArguments;
+        va_start(lArguments, acFormat);
+        vsnprintf(lText, sizeof lText, acFormat, lArguments);
+        va_end(lArguments);
+        lHook(lText);
     }
     Spin lSpin;
     if (sKept) {
@@ -127,3 +136,5 @@ void keepNoLines()
     Spin lSpin;
     sKept = false;
 }
+
+void atEachLine(void (*apHook)(const char* acText)) { sHook = apHook; }

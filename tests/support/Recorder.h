@@ -29,6 +29,9 @@ void clearLog();
 /// Counts lines instead of keeping them, for tests that make hundreds of thousands; clearLog() ends that.
 void keepNoLines();
 
+/// Has apHook called with the text of each line as it is logged, for what is to be true by then; null ends that.
+void atEachLine(void (*apHook)(const char* acText));
+
 /// The companion's own logging function, behind the recorder.
 typedef void (*LogFunction)(unsigned int, const char*, unsigned int, const char*, const char*, const char*, ...);
 
