@@ -154,6 +154,7 @@ protected:
         OQShmDesc lDesc = {mKey, 64, -1, nullptr};
         std::unique_ptr<Peer> lPeer(new Peer([=](Peer& arTest) mutable {
             prctl(PR_SET_DUMPABLE, aHidden ? 0 : 1);
+            prctl(PR_SET_NAME, "OqshmTest");  // also where this program is run by another one
             OsSharedMemoryOpen(lDesc, aSide);
             for (unsigned int lMessage = 0; lMessage < aMessages; ++lMessage) {
                 unsigned int lWritten = 0;
@@ -334,7 +335,12 @@ TEST_F(OqshmTest, ASegmentOfAnotherProgramIsNotTouched)
 {
     for (const std::pair<unsigned long, int>& acrOther : {std::make_pair(64UL, 0600), std::make_pair(65536UL, 0666)}) {
         const int lId = segment(acrOther.first, acrOther.second, "theirs");
-        void* const lpOwner = shmat(lId, nullptr, 0);
+        Peer lOwner([=](Peer& arTest) {  // a command that this process starts could inherit its attachments
+            shmat(lId, nullptr, 0);
+            arTest.signal();
+            arTest.meet();
+        });
+        lOwner.meet();
         shmid_ds lBefore = {}, lAfter = {};
         shmctl(lId, IPC_STAT, &lBefore);
         EXPECT_TRUE(contains(shown(1, "--attach"), row(std::to_string(acrOther.first) + " 1 - - - - - - ")));
@@ -346,7 +352,8 @@ TEST_F(OqshmTest, ASegmentOfAnotherProgramIsNotTouched)
         EXPECT_FALSE(contains(oqshm("").mOut, keyText())) << "not asked for, it is no channel";
         shmctl(lId, IPC_STAT, &lAfter);
         EXPECT_EQ(0, memcmp(&lBefore, &lAfter, sizeof lBefore)) << "the look left a trace";
-        shmdt(lpOwner);
+        lOwner.signal();
+        EXPECT_EQ(0, lOwner.wait());
         shmctl(lId, IPC_RMID, nullptr);
     }
 }
