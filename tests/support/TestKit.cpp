@@ -98,10 +98,25 @@ void reportLines()
     _exit(::testing::Test::HasFailure() ? 99 : 0);
 }
 
+/// \return the numbers of those that were there
+std::vector<unsigned int> removeSegments()
+{
+    std::vector<unsigned int> lRemoved;
+    for (unsigned int lNumber = 0; lNumber < 256; ++lNumber) {
+        const int lId = shmget(LayerTest::key(lNumber), 0, 0);
+        if (0 <= lId) {
+            shmctl(lId, IPC_RMID, nullptr);
+            lRemoved.push_back(lNumber);
+        }
+    }
+    return lRemoved;
+}
+
 }  // namespace
 
 void LayerTest::SetUp()
 {
+    removeSegments();  // a program that was killed may have left some, and its process number come round again
     Fault::resetAll();
     clearLog();
     mDescriptors = openDescriptors();
@@ -117,12 +132,8 @@ void LayerTest::TearDown()
 
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child was left";
 
-    for (unsigned int lNumber = 0; lNumber < 256; ++lNumber) {
-        const int lId = shmget(key(lNumber), 0, 0);
-        if (0 <= lId) {
-            ADD_FAILURE() << "segment " << lNumber << " was left";
-            shmctl(lId, IPC_RMID, nullptr);
-        }
+    for (const unsigned int lNumber : removeSegments()) {
+        ADD_FAILURE() << "segment " << lNumber << " was left";
     }
     std::ifstream lMaps("/proc/self/maps");
     std::stringstream lText;
