@@ -98,20 +98,6 @@ void reportLines()
     _exit(::testing::Test::HasFailure() ? 99 : 0);
 }
 
-/// \return the numbers of those that were there
-std::vector<unsigned int> removeSegments()
-{
-    std::vector<unsigned int> lRemoved;
-    for (unsigned int lNumber = 0; lNumber < 256; ++lNumber) {
-        const int lId = shmget(LayerTest::key(lNumber), 0, 0);
-        if (0 <= lId) {
-            shmctl(lId, IPC_RMID, nullptr);
-            lRemoved.push_back(lNumber);
-        }
-    }
-    return lRemoved;
-}
-
 }  // namespace
 
 void LayerTest::SetUp()
@@ -146,6 +132,19 @@ void LayerTest::TearDown()
         unlink((lDirectory + "/" + lrEntry).c_str());
     }
     rmdir(lDirectory.c_str());
+}
+
+std::vector<unsigned int> LayerTest::removeSegments()
+{
+    std::vector<unsigned int> lRemoved;
+    for (unsigned int lNumber = 0; lNumber < 256; ++lNumber) {
+        const int lId = shmget(key(lNumber), 0, 0);
+        if (0 <= lId) {
+            shmctl(lId, IPC_RMID, nullptr);
+            lRemoved.push_back(lNumber);
+        }
+    }
+    return lRemoved;
 }
 
 std::string LayerTest::path(const std::string& acrName)

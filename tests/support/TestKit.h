@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <typeinfo>
+#include <vector>
 
 #include "Faults.h"
 #include "OQLinux.h"
@@ -30,6 +31,9 @@ protected:
     static int key(unsigned int aNumber = 0);
 
 private:
+    /// Removes all segments with keys of this process. \return the numbers of those that were there
+    static std::vector<unsigned int> removeSegments();
+
     std::set<std::string> mDescriptors;
     size_t mThreads = 0;  // an emulator or a sanitizer has some of its own
 };
