@@ -1428,7 +1428,7 @@ TEST_F(CompanionTest, FileOfThreeGibibytesIsExaminedAndReadWhereItsSizeCanBeTold
     const bool cTellable = 4 < sizeof(off_t);
     const int64_t cSize = int64_t(3) << 30;
     const std::string lPath = path("large");
-    const int lFile = open(lPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int lFile = open64(lPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(6, write(lFile, "first\n", 6));
     ASSERT_EQ(0, ftruncate64(lFile, cSize));
     close(lFile);
