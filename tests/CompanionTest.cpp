@@ -59,7 +59,7 @@ extern "C" __attribute__((no_sanitize_address)) long syscall(long aNumber, ...) 
         lrArgument = va_arg(lList, long);
     }
     va_end(lList);
-    static const auto lReal = behind<long(long, ...)>("syscall");
+    static Behind<long(long, ...)> lReal("syscall");
     return lReal(aNumber, lArguments[0], lArguments[1], lArguments[2], lArguments[3], lArguments[4], lArguments[5]);
 }
 
@@ -70,7 +70,7 @@ extern "C" int clock_gettime(clockid_t aClock, struct timespec* apTime) noexcept
         *apTime = sClock;
         return 0;
     }
-    static const auto lReal = behind<int(clockid_t, struct timespec*)>("clock_gettime");
+    static Behind<int(clockid_t, struct timespec*)> lReal("clock_gettime");
     return lReal(aClock, apTime);
 }
 

@@ -23,13 +23,13 @@ extern "C" int pthread_cond_broadcast(pthread_cond_t* apCondition) noexcept
     if (pthread_cond_broadcastFault.fires()) {
         return static_cast<int>(pthread_cond_broadcastFault.result());
     }
-    static const auto lReal = behind<int(pthread_cond_t*)>("pthread_cond_broadcast");
+    static Behind<int(pthread_cond_t*)> lReal("pthread_cond_broadcast");
     return lReal(apCondition);
 }
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     if (nullptr != spTextSizes) {
         const int lErrno = errno;
         spTextSizes->push_back(aSize);

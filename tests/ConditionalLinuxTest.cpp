@@ -64,7 +64,7 @@ extern "C" int pthread_cond_init(pthread_cond_t* apCondition, const pthread_cond
     if (pthread_cond_initFault.fires()) {
         return static_cast<int>(pthread_cond_initFault.result());
     }
-    static const auto lReal = behind<int(pthread_cond_t*, const pthread_condattr_t*)>("pthread_cond_init");
+    static Behind<int(pthread_cond_t*, const pthread_condattr_t*)> lReal("pthread_cond_init");
     return lReal(apCondition, acAttributes);
 }
 
@@ -78,7 +78,7 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* apCondition, pthread_mutex
     if (pthread_cond_timedwaitFault.fires()) {
         return static_cast<int>(pthread_cond_timedwaitFault.result());
     }
-    static const auto lReal = behind<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)>("pthread_cond_timedwait");
+    static Behind<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> lReal("pthread_cond_timedwait");
     return lReal(apCondition, apMutex, acDeadline);
 }
 
@@ -90,13 +90,13 @@ extern "C" int clock_gettime(clockid_t aClock, timespec* apTime) noexcept
         *apTime = *spClock;
         return sClockResult;
     }
-    static const auto lReal = behind<int(clockid_t, timespec*)>("clock_gettime");
+    static Behind<int(clockid_t, timespec*)> lReal("clock_gettime");
     return lReal(aClock, apTime);
 }
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     if (nullptr != spAskedTexts) {
         const int lErrno = errno;
         spAskedTexts->push_back({aSize, logged().size()});

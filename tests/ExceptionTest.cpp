@@ -37,7 +37,7 @@ char* ClibStrerror(char* apBuffer, unsigned int aSize)
     if (nullptr != sTextAnswer) {
         return const_cast<char*>(sTextAnswer);
     }
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     return lReal(apBuffer, aSize);
 }
 

@@ -60,7 +60,7 @@ extern "C" int select(int aCount, fd_set* apRead, fd_set* apWrite, fd_set* apExc
         errno = gSelectAnswers[lCall].mErrno;
         return gSelectAnswers[lCall].mResult;
     }
-    static const auto lReal = behind<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
+    static Behind<int(int, fd_set*, fd_set*, fd_set*, timeval*)> lReal("select");
     return lReal(aCount, apRead, apWrite, apExcept, apTime);
 }
 
@@ -74,7 +74,7 @@ std::atomic<unsigned int> gTextCount(0);
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     const unsigned int lCall = gTextCount++;
     if (lCall < 8) {
         gTextCalls[lCall] = {apBuffer, aSize, errno};
@@ -95,7 +95,7 @@ extern "C" FILE* popen(const char* acCommand, const char* acMode)
     if (popenFault.fires()) {
         return nullptr;
     }
-    static const auto lReal = behind<FILE*(const char*, const char*)>("popen");
+    static Behind<FILE*(const char*, const char*)> lReal("popen");
     gStream = lReal(acCommand, acMode);
     if (gAfterPopen) {
         gAfterPopen();
@@ -115,7 +115,7 @@ extern "C" int pclose(FILE* apStream)
     if (gLogAtCloseWanted) {
         gLastTextAtClose = logged().back().mText;
     }
-    static const auto lReal = behind<int(FILE*)>("pclose");
+    static Behind<int(FILE*)> lReal("pclose");
     return lReal(apStream);
 }
 
@@ -150,7 +150,7 @@ void* ClibMemset(void* apMemory, int aValue, unsigned int aCount)
 {
     gCleared = {apMemory, aValue, aCount};
     gWholeClearings += 4000 == aCount && 0 == aValue ? 1 : 0;
-    static const auto lReal = behind<void*(void*, int, unsigned int)>("_Z10ClibMemsetPvij");
+    static Behind<void*(void*, int, unsigned int)> lReal("_Z10ClibMemsetPvij");
     return lReal(apMemory, aValue, aCount);
 }
 
@@ -188,8 +188,7 @@ unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, 
             gCleared, std::all_of(const_cast<const char*>(apBuffer), lpEnd, [](char aByte) { return 0 == aByte; })};
     }
     if (!gPiecesPlanned) {
-        static const auto lReal =
-            behind<unsigned int(char*, unsigned int, unsigned int, FILE*)>("_Z9ClibFreadPcjjP8_IO_FILE");
+        static Behind<unsigned int(char*, unsigned int, unsigned int, FILE*)> lReal("_Z9ClibFreadPcjjP8_IO_FILE");
         return lReal(apBuffer, aSize, aCount, apStream);
     }
     if (lCall < gPieces.size()) {
@@ -213,7 +212,7 @@ std::function<void()> gAfterCopy;
 
 char* ClibStrcpy(char* apDestination, const char* acSource)
 {
-    static const auto lReal = behind<char*(char*, const char*)>("_Z10ClibStrcpyPcPKc");
+    static Behind<char*(char*, const char*)> lReal("_Z10ClibStrcpyPcPKc");
     if (gLineBuffer != acSource) {
         gLineBuffer = apDestination;  // and not the way back from there
     }
@@ -237,7 +236,7 @@ extern "C" int lockf(int aDescriptor, int aCommand, off_t aLength)
     if (lockfFault.fires()) {
         return static_cast<int>(lockfFault.result());
     }
-    static const auto lReal = behind<int(int, int, off_t)>("lockf");
+    static Behind<int(int, int, off_t)> lReal("lockf");
     return lReal(aDescriptor, aCommand, aLength);
 }
 
@@ -263,7 +262,7 @@ extern "C" hostent* gethostbyname(const char* acName)
         }
         return gHost;
     }
-    static const auto lReal = behind<hostent*(const char*)>("gethostbyname");
+    static Behind<hostent*(const char*)> lReal("gethostbyname");
     return lReal(acName);
 }
 
@@ -282,7 +281,7 @@ int ClibGethostname(char* apBuffer, unsigned int aSize)
         memcpy(apBuffer, gName.data(), gName.size());
         return 0;
     }
-    static const auto lReal = behind<int(char*, unsigned int)>("_Z15ClibGethostnamePcj");
+    static Behind<int(char*, unsigned int)> lReal("_Z15ClibGethostnamePcj");
     return lReal(apBuffer, aSize);
 }
 
@@ -296,7 +295,7 @@ int ClibStat(const char* acPath, struct stat* apInfo)
         gStatPlan(acPath);
         return 0;
     }
-    static const auto lReal = behind<int(const char*, struct stat*)>("_Z8ClibStatPKcP4stat");
+    static Behind<int(const char*, struct stat*)> lReal("_Z8ClibStatPKcP4stat");
     return lReal(acPath, apInfo);
 }
 
@@ -310,7 +309,7 @@ int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine)
     if (gFirstLinePlan) {
         return gFirstLinePlan(arLine);
     }
-    static const auto lReal = behind<int(const OQCString&, OQCString&)>("_Z20getFirstLineFromFileRK9OQCStringRS_");
+    static Behind<int(const OQCString&, OQCString&)> lReal("_Z20getFirstLineFromFileRK9OQCStringRS_");
     const auto lOther = gOtherFiles.find(acrPath.get());
     return lReal(gOtherFiles.end() == lOther ? acrPath : OQCString(lOther->second.c_str()), arLine);
 }
@@ -810,7 +809,7 @@ protected:
     static void releaseLeftovers(bool aLineBuffer)
     {
         EXPECT_EQ(0U, gCloses);
-        static const auto lClose = behind<int(FILE*)>("pclose");
+        static Behind<int(FILE*)> lClose("pclose");
         lClose(gStream);
         void* const lpReadBuffer = gReadBuffer.exchange(nullptr);
         void* const lpLineBuffer = gLineBuffer.exchange(nullptr);

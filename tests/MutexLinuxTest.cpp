@@ -36,13 +36,13 @@ extern "C" int pthread_mutex_init(pthread_mutex_t* apMutex, const pthread_mutexa
     if (pthread_mutex_initFault.fires()) {
         return static_cast<int>(pthread_mutex_initFault.result());
     }
-    static const auto lReal = behind<int(pthread_mutex_t*, const pthread_mutexattr_t*)>("pthread_mutex_init");
+    static Behind<int(pthread_mutex_t*, const pthread_mutexattr_t*)> lReal("pthread_mutex_init");
     return lReal(apMutex, acAttributes);
 }
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     if (nullptr != spTextSizes) {
         const int lErrno = errno;
         spTextSizes->push_back(aSize);

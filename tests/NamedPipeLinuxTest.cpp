@@ -68,7 +68,7 @@ extern "C" int mknod(const char* acPath, mode_t aMode, dev_t aDevice) noexcept
     if (mknodFault.fires()) {
         return static_cast<int>(mknodFault.result());
     }
-    static const auto lReal = behind<int(const char*, mode_t, dev_t)>("mknod");
+    static Behind<int(const char*, mode_t, dev_t)> lReal("mknod");
     return lReal(acPath, aMode, aDevice);
 }
 
@@ -83,7 +83,7 @@ extern "C" int select(int aCount, fd_set* apRead, fd_set* apWrite, fd_set* apExc
     if (selectFault.fires()) {
         return static_cast<int>(selectFault.result());
     }
-    static const auto lReal = behind<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
+    static Behind<int(int, fd_set*, fd_set*, fd_set*, timeval*)> lReal("select");
     return lReal(aCount, apRead, apWrite, apExcept, apTimeOut);
 }
 
@@ -97,7 +97,7 @@ int ClibOpen(const char* acPath, int aFlags, int aMode)
     if (ClibOpenFault.fires()) {
         return static_cast<int>(ClibOpenFault.result());
     }
-    static const auto lReal = behind<int(const char*, int, int)>("_Z8ClibOpenPKcii");
+    static Behind<int(const char*, int, int)> lReal("_Z8ClibOpenPKcii");
     return lReal(acPath, aFlags, aMode);
 }
 
@@ -108,7 +108,7 @@ int ClibRead(int aDescriptor, void* apBuffer, unsigned int aCount)
     if (ClibReadFault.fires()) {
         return static_cast<int>(ClibReadFault.result());
     }
-    static const auto lReal = behind<int(int, void*, unsigned int)>("_Z8ClibReadiPvj");
+    static Behind<int(int, void*, unsigned int)> lReal("_Z8ClibReadiPvj");
     return lReal(aDescriptor, apBuffer, aCount);
 }
 
@@ -119,7 +119,7 @@ int ClibBlockRead(int aDescriptor, void* apBuffer, unsigned int aCount)
     if (ClibBlockReadFault.fires()) {
         return static_cast<int>(ClibBlockReadFault.result());
     }
-    static const auto lReal = behind<int(int, void*, unsigned int)>("_Z13ClibBlockReadiPvj");
+    static Behind<int(int, void*, unsigned int)> lReal("_Z13ClibBlockReadiPvj");
     return lReal(aDescriptor, apBuffer, aCount);
 }
 
@@ -130,7 +130,7 @@ int ClibWrite(int aDescriptor, const void* acBuffer, unsigned int aCount)
     if (ClibWriteFault.fires()) {
         return static_cast<int>(ClibWriteFault.result());
     }
-    static const auto lReal = behind<int(int, const void*, unsigned int)>("_Z9ClibWriteiPKvj");
+    static Behind<int(int, const void*, unsigned int)> lReal("_Z9ClibWriteiPKvj");
     return lReal(aDescriptor, acBuffer, aCount);
 }
 
@@ -141,7 +141,7 @@ int ClibClose(int aDescriptor)
     if (ClibCloseFault.fires()) {
         return static_cast<int>(ClibCloseFault.result());
     }
-    static const auto lReal = behind<int(int)>("_Z9ClibClosei");
+    static Behind<int(int)> lReal("_Z9ClibClosei");
     return lReal(aDescriptor);
 }
 
@@ -153,13 +153,13 @@ int ClibUnlink(const char* acPath)
     if (ClibUnlinkFault.fires()) {
         return static_cast<int>(ClibUnlinkFault.result());
     }
-    static const auto lReal = behind<int(const char*)>("_Z10ClibUnlinkPKc");
+    static Behind<int(const char*)> lReal("_Z10ClibUnlinkPKc");
     return lReal(acPath);
 }
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     if (nullptr == spAskedTexts) {
         return lReal(apBuffer, aSize);
     }

@@ -62,7 +62,7 @@ OQ_IN_PROGRAM pid_t gVforkPlanned()
         errno = gVforkErrno;
         return -1;
     }
-    static const auto lFork = behind<pid_t()>("fork");
+    static Behind<pid_t()> lFork("fork");
     return lFork();
 }
 }
@@ -97,7 +97,7 @@ extern "C" int pipe2(int* apEnds, int aFlags) noexcept
     if (pipe2Fault.fires()) {
         return static_cast<int>(pipe2Fault.result());
     }
-    static const auto lReal = behind<int(int*, int)>("pipe2");
+    static Behind<int(int*, int)> lReal("pipe2");
     const int lResult = lReal(apEnds, aFlags);
     if (0 == lResult && gHoldPipes) {
         const pid_t lHolder = gVforkPlanned();
@@ -125,7 +125,7 @@ extern "C" ssize_t shownLink(const char* acPath, char* apTarget, size_t aSize) n
         errno = EACCES;
         return -1;
     }
-    static const auto lReal = behind<ssize_t(const char*, char*, size_t)>("readlink");
+    static Behind<ssize_t(const char*, char*, size_t)> lReal("readlink");
     return lReal(acPath, apTarget, aSize);
 }
 
@@ -141,7 +141,7 @@ struct {
 Fault waitpidFault;
 extern "C" pid_t waitpid(pid_t aPid, int* apStatus, int aOptions)
 {
-    static const auto lReal = behind<pid_t(pid_t, int*, int)>("waitpid");
+    static Behind<pid_t(pid_t, int*, int)> lReal("waitpid");
     if (waitpidFault.fires()) {
         return static_cast<pid_t>(waitpidFault.result());
     }
@@ -157,7 +157,7 @@ extern "C" pid_t waitpid(pid_t aPid, int* apStatus, int aOptions)
 std::atomic<unsigned int> gBadCloses(0);
 extern "C" int close(int aDescriptor)
 {
-    static const auto lReal = behind<int(int)>("close");
+    static Behind<int(int)> lReal("close");
     const int lResult = lReal(aDescriptor);
     gBadCloses += lResult < 0 ? 1U : 0U;
     return lResult;
@@ -169,7 +169,7 @@ int gVforkCallsAtFlush = -1;
 
 extern "C" int fflush(FILE* apStream)
 {
-    static const auto lReal = behind<int(FILE*)>("fflush");
+    static Behind<int(FILE*)> lReal("fflush");
     if (0 == gFlushes++) {
         gFlushed = apStream;
         gVforkCallsAtFlush = gVforkCalls;
@@ -187,7 +187,7 @@ std::atomic<unsigned int> gTextCount(0);
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     const unsigned int lCall = gTextCount++;
     if (lCall < 8) {
         gTextCalls[lCall] = {apBuffer, aSize};
@@ -202,7 +202,7 @@ extern "C" int sigaction(int aSignal, const struct sigaction* acAction, struct s
     if (nullptr != acAction) {
         gInstalled = *acAction;
     }
-    static const auto lReal = behind<int(int, const struct sigaction*, struct sigaction*)>("sigaction");
+    static Behind<int(int, const struct sigaction*, struct sigaction*)> lReal("sigaction");
     return lReal(aSignal, acAction, apOld);
 }
 
@@ -214,7 +214,7 @@ extern "C" int system(const char* acCommand)
     if (systemFault.fires()) {
         return static_cast<int>(systemFault.result());
     }
-    static const auto lReal = behind<int(const char*)>("system");
+    static Behind<int(const char*)> lReal("system");
     return lReal(acCommand);
 }
 
@@ -239,7 +239,7 @@ int ClibStat(const char* acPath, struct stat* apInfo)
         gStatPlan(*apInfo);
         return 0;
     }
-    static const auto lReal = behind<int(const char*, struct stat*)>("_Z8ClibStatPKcP4stat");
+    static Behind<int(const char*, struct stat*)> lReal("_Z8ClibStatPKcP4stat");
     return lReal(acPath, apInfo);
 }
 
@@ -706,7 +706,7 @@ unsigned int sDamaged = 0;
 /// Allocates, and starts processes that inherit whatever is open at the moment, until told to stop.
 void disturb(const std::atomic<bool>& acrStop, unsigned int aNumber)
 {
-    static const auto lFork = behind<pid_t()>("fork");
+    static Behind<pid_t()> lFork("fork");
     unsigned int lRandom = aNumber + 1;
     std::vector<std::unique_ptr<char[]>> lBlocks(16);
     for (unsigned int lRound = 0; !acrStop; ++lRound) {
@@ -1116,7 +1116,7 @@ TEST_P(ProcessCreateTest, IgnoredChildrenDoNoHarm)
 
 TEST_P(ProcessCreateTest, ChildThatIsNotTheFailedOneIsLeftToTheCaller)
 {
-    static const auto lFork = behind<pid_t()>("fork");
+    static Behind<pid_t()> lFork("fork");
     const pid_t lOther = lFork();
     if (0 == lOther) {
         _exit(5);
@@ -1336,7 +1336,7 @@ TEST_F(ProcessLinuxTest, GigabyteOfMemoryDoesNotSlowTheStart)
 /// A child that ends at once.
 pid_t childThat(const std::function<void()>& acrRun)
 {
-    static const auto lFork = behind<pid_t()>("fork");
+    static Behind<pid_t()> lFork("fork");
     const pid_t lChild = lFork();
     if (0 == lChild) {
         acrRun();

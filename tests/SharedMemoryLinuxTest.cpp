@@ -133,7 +133,7 @@ extern "C" int shmget(key_t aKey, size_t aSize, int aFlags) noexcept
     if (shmgetFault.fires()) {
         return static_cast<int>(shmgetFault.result());
     }
-    static const auto lReal = behind<int(key_t, size_t, int)>("shmget");
+    static Behind<int(key_t, size_t, int)> lReal("shmget");
     return lReal(aKey, aSize, aFlags);
 }
 
@@ -144,7 +144,7 @@ extern "C" int shmctl(int aId, int aCommand, struct shmid_ds* apState) noexcept
     if (shmctlFault.fires()) {
         return static_cast<int>(shmctlFault.result());
     }
-    static const auto lReal = behind<int(int, int, struct shmid_ds*)>("shmctl");
+    static Behind<int(int, int, struct shmid_ds*)> lReal("shmctl");
     return lReal(aId, aCommand, apState);
 }
 
@@ -155,7 +155,7 @@ extern "C" void* shmat(int aId, const void* acAddress, int aFlags) noexcept
     if (shmatFault.fires()) {
         return reinterpret_cast<void*>(shmatFault.result());
     }
-    static const auto lReal = behind<void*(int, const void*, int)>("shmat");
+    static Behind<void*(int, const void*, int)> lReal("shmat");
     void* const lpAddress = lReal(aId, acAddress, aFlags);
     if (nullptr != spAtAttach) {
         (*spAtAttach)(lpAddress);
@@ -170,13 +170,13 @@ extern "C" int shmdt(const void* acAddress) noexcept
     if (shmdtFault.fires()) {
         return static_cast<int>(shmdtFault.result());
     }
-    static const auto lReal = behind<int(const void*)>("shmdt");
+    static Behind<int(const void*)> lReal("shmdt");
     return lReal(acAddress);
 }
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     char* const lpText = lReal(apBuffer, aSize);
     char* const lpReturned = nullptr == spOwnText ? lpText : const_cast<char*>(spOwnText);
     if (nullptr != spAskedTexts) {
@@ -187,7 +187,7 @@ char* ClibStrerror(char* apBuffer, unsigned int aSize)
 
 char* ClibStrcpy(char* apDestination, const char* acSource)
 {
-    static const auto lReal = behind<char*(char*, const char*)>("_Z10ClibStrcpyPcPKc");
+    static Behind<char*(char*, const char*)> lReal("_Z10ClibStrcpyPcPKc");
     if (nullptr != spAskedTexts && !spAskedTexts->empty()) {
         spAskedTexts->back().mpCopiedTo = apDestination;
         spAskedTexts->back().mpCopiedFrom = acSource;
@@ -197,7 +197,7 @@ char* ClibStrcpy(char* apDestination, const char* acSource)
 
 void* ClibMemcpy(void* apDestination, const void* acSource, unsigned int aCount)
 {
-    static const auto lReal = behind<void*(void*, const void*, unsigned int)>("_Z10ClibMemcpyPvPKvj");
+    static Behind<void*(void*, const void*, unsigned int)> lReal("_Z10ClibMemcpyPvPKvj");
     if (nullptr != spAtCopy) {
         (*spAtCopy)(apDestination, acSource, aCount);
         return apDestination;
@@ -207,7 +207,7 @@ void* ClibMemcpy(void* apDestination, const void* acSource, unsigned int aCount)
 
 void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds)
 {
-    static const auto lReal = behind<void(long&, unsigned short&)>("_Z11ClibGetTimeRlRt");
+    static Behind<void(long&, unsigned short&)> lReal("_Z11ClibGetTimeRlRt");
     if (Time::Simulated != sClock.mTime) {
         lReal(arSeconds, arMilliseconds);
         return;
@@ -219,7 +219,7 @@ void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds)
 
 void ClibSleepMS(unsigned long aMilliseconds)
 {
-    static const auto lReal = behind<void(unsigned long)>("_Z11ClibSleepMSm");
+    static Behind<void(unsigned long)> lReal("_Z11ClibSleepMSm");
     switch (sClock.mTime) {
         case Time::Real:
             lReal(aMilliseconds);
@@ -276,13 +276,13 @@ OQSSharedMemoryHeader* noAddress() { return reinterpret_cast<OQSSharedMemoryHead
 /// The system's functions without faults, notes and hooks.
 int findSegment(int aKey)
 {
-    static const auto lReal = behind<int(key_t, size_t, int)>("shmget");
+    static Behind<int(key_t, size_t, int)> lReal("shmget");
     return lReal(aKey, 0, 0);
 }
 
 int control(int aId, int aCommand, struct shmid_ds* apState)
 {
-    static const auto lReal = behind<int(int, int, struct shmid_ds*)>("shmctl");
+    static Behind<int(int, int, struct shmid_ds*)> lReal("shmctl");
     return lReal(aId, aCommand, apState);
 }
 
@@ -313,7 +313,7 @@ class Mapping
 public:
     explicit Mapping(int aId)
     {
-        static const auto lReal = behind<void*(int, const void*, int)>("shmat");
+        static Behind<void*(int, const void*, int)> lReal("shmat");
         void* const lpAddress = lReal(aId, nullptr, 0);
         static unsigned char sNothing[65536];
         const bool lAttached = reinterpret_cast<void*>(-1) != lpAddress;
@@ -322,7 +322,7 @@ public:
     }
     ~Mapping()
     {
-        static const auto lReal = behind<int(const void*)>("shmdt");
+        static Behind<int(const void*)> lReal("shmdt");
         lReal(const_cast<unsigned char*>(mpBytes));
     }
     Mapping(const Mapping&) = delete;
@@ -429,7 +429,7 @@ protected:
 
     void detach()
     {
-        static const auto lReal = behind<int(const void*)>("shmdt");
+        static Behind<int(const void*)> lReal("shmdt");
         EXPECT_EQ(0, lReal(mDesc.shm_addr));
     }
 

@@ -52,7 +52,7 @@ OQSSharedMemoryHeader* gSegment = nullptr;
         if (nullptr != gSegment) {                                     \
             return said;                                               \
         }                                                              \
-        static const auto lReal = behind<type parameters>(#function);  \
+        static Behind<type parameters> lReal(#function);               \
         return lReal arguments;                                        \
     }
 OQ_FAULTY_SEGMENT(int, shmget, (key_t aKey, size_t aSize, int aFlags), (aKey, aSize, aFlags), 4711)
@@ -68,7 +68,7 @@ extern "C" ssize_t plannedRead(int aDescriptor, void* apBuffer, size_t aCount)
     if (gReadFault.fires()) {
         return gReadFault.result();
     }
-    static const auto lReal = behind<ssize_t(int, void*, size_t)>("read");
+    static Behind<ssize_t(int, void*, size_t)> lReal("read");
     return lReal(aDescriptor, apBuffer, aCount);
 }
 
@@ -79,7 +79,7 @@ extern "C" ssize_t plannedWrite(int aDescriptor, const void* acBuffer, size_t aC
     if (gWriteFault.fires()) {
         return gWriteFault.result();
     }
-    static const auto lReal = behind<ssize_t(int, const void*, size_t)>("write");
+    static Behind<ssize_t(int, const void*, size_t)> lReal("write");
     return lReal(aDescriptor, acBuffer, aCount);
 }
 
@@ -90,7 +90,7 @@ extern "C" int plannedOpen(const char* acPath, int aFlags, mode_t aMode)
     if (gOpenFault.fires()) {
         return static_cast<int>(gOpenFault.result());
     }
-    static const auto lReal = behind<int(const char*, int, ...)>("open");
+    static Behind<int(const char*, int, ...)> lReal("open");
     return lReal(acPath, aFlags, aMode);
 }
 
@@ -100,7 +100,7 @@ extern "C" int select(int aCount, fd_set* apRead, fd_set* apWrite, fd_set* apExc
     if (gSelectFault.fires()) {
         return static_cast<int>(gSelectFault.result());
     }
-    static const auto lReal = behind<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
+    static Behind<int(int, fd_set*, fd_set*, fd_set*, timeval*)> lReal("select");
     return lReal(aCount, apRead, apWrite, apExcept, apTime);
 }
 
@@ -150,7 +150,7 @@ extern "C" FILE* popen(const char* acCommand, const char* acMode)
     if (nullptr != sBroken) {
         return sBrokenCommand = takeBroken();
     }
-    static const auto lReal = behind<FILE*(const char*, const char*)>("popen");
+    static Behind<FILE*(const char*, const char*)> lReal("popen");
     return lReal(acCommand, acMode);
 }
 
@@ -160,7 +160,7 @@ extern "C" int pclose(FILE* apStream)
         sBrokenCommand = nullptr;
         return fclose(apStream);
     }
-    static const auto lReal = behind<int(FILE*)>("pclose");
+    static Behind<int(FILE*)> lReal("pclose");
     return lReal(apStream);
 }
 
@@ -173,7 +173,7 @@ extern "C" FILE* fopen(const char* acPath, const char* acMode)
     if (nullptr != sBroken) {
         return takeBroken();
     }
-    static const auto lReal = behind<FILE*(const char*, const char*)>("fopen");
+    static Behind<FILE*(const char*, const char*)> lReal("fopen");
     return lReal(acPath, acMode);
 }
 
@@ -184,7 +184,7 @@ extern "C" int plannedGethostname(char* apBuffer, size_t aSize) noexcept
     if (gGethostnameFault.fires()) {
         return static_cast<int>(gGethostnameFault.result());
     }
-    static const auto lReal = behind<int(char*, size_t)>("gethostname");
+    static Behind<int(char*, size_t)> lReal("gethostname");
     return lReal(apBuffer, aSize);
 }
 

@@ -40,7 +40,7 @@ extern "C" int pthread_attr_setdetachstate(pthread_attr_t* apAttributes, int aSt
     if (pthread_attr_setdetachstateFault.fires()) {
         return static_cast<int>(pthread_attr_setdetachstateFault.result());
     }
-    static const auto lReal = behind<int(pthread_attr_t*, int)>("pthread_attr_setdetachstate");
+    static Behind<int(pthread_attr_t*, int)> lReal("pthread_attr_setdetachstate");
     return lReal(apAttributes, aState);
 }
 
@@ -51,7 +51,7 @@ extern "C" int pthread_attr_setstacksize(pthread_attr_t* apAttributes, size_t aS
     if (pthread_attr_setstacksizeFault.fires()) {
         return static_cast<int>(pthread_attr_setstacksizeFault.result());
     }
-    static const auto lReal = behind<int(pthread_attr_t*, size_t)>("pthread_attr_setstacksize");
+    static Behind<int(pthread_attr_t*, size_t)> lReal("pthread_attr_setstacksize");
     return lReal(apAttributes, aSize);
 }
 
@@ -90,7 +90,7 @@ extern "C" int pthread_create(pthread_t* apThread, const pthread_attr_t* acAttri
         }
         return static_cast<int>(pthread_createFault.result());
     }
-    static const auto lReal = behind<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+    static Behind<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> lReal("pthread_create");
     return lReal(apThread, acAttributes, apRoutine, apArgument);
 }
 
@@ -101,13 +101,13 @@ extern "C" int pthread_join(pthread_t aThread, void** apExitValue)
     if (pthread_joinFault.fires()) {
         return static_cast<int>(pthread_joinFault.result());
     }
-    static const auto lReal = behind<int(pthread_t, void**)>("pthread_join");
+    static Behind<int(pthread_t, void**)> lReal("pthread_join");
     return lReal(aThread, apExitValue);
 }
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    static const auto lReal = behind<char*(char*, unsigned int)>("_Z12ClibStrerrorPcj");
+    static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     if (nullptr == spAskedTexts) {
         return lReal(apBuffer, aSize);
     }

@@ -9,6 +9,7 @@
 #define OQ_TESTS_FAULTS_H
 
 #include <dlfcn.h>
+#include <errno.h>
 
 #include <atomic>
 
@@ -63,16 +64,40 @@ Function* behind(const char* acName)
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, acName));
 }
 
+/// The same, looked up at the first call and kept. A static variable needs no guard for it: a guard that several threads
+/// wait at changes errno.
+template <class Function>
+class Behind
+{
+public:
+    explicit constexpr Behind(const char* acName) : mName(acName), mFunction(nullptr) {}
+
+    operator Function*()
+    {
+        Function* lpFunction = mFunction;
+        if (nullptr == lpFunction) {
+            const int lErrno = errno;
+            mFunction = lpFunction = behind<Function>(mName);
+            errno = lErrno;
+        }
+        return lpFunction;
+    }
+
+private:
+    const char* const mName;
+    std::atomic<Function*> mFunction;
+};
+
 /// Defines a C function with its fault; last argument: its exception specification, if its header has one.
-#define OQ_FAULTY(type, function, parameters, arguments, ...)         \
-    Fault function##Fault;                                            \
-    extern "C" type function parameters __VA_ARGS__                   \
-    {                                                                 \
-        if (function##Fault.fires()) {                                \
-            return (type)function##Fault.result();                    \
-        }                                                             \
-        static const auto lReal = behind<type parameters>(#function); \
-        return lReal arguments;                                       \
+#define OQ_FAULTY(type, function, parameters, arguments, ...) \
+    Fault function##Fault;                                    \
+    extern "C" type function parameters __VA_ARGS__           \
+    {                                                         \
+        if (function##Fault.fires()) {                        \
+            return (type)function##Fault.result();            \
+        }                                                     \
+        static Behind<type parameters> lReal(#function);      \
+        return lReal arguments;                               \
     }
 
 /// The same for a C++ function of the companion.
@@ -83,7 +108,7 @@ Function* behind(const char* acName)
         if (function##Fault.fires()) {                                      \
             return (type)function##Fault.result();                          \
         }                                                                   \
-        static const auto lReal = behind<type parameters>(mangled);         \
+        static Behind<type parameters> lReal(mangled);                      \
         return lReal arguments;                                             \
     }
 
