@@ -47,7 +47,8 @@ std::set<std::string> openDescriptors()
         char lTarget[4096];
         const ssize_t lLength = readlink(("/proc/self/fd/" + lrNumber).c_str(), lTarget, sizeof lTarget);
         if (0 < lLength && 0 <= fcntl(atoi(lrNumber.c_str()), F_GETFD)) {
-            lOpen.insert(lrNumber + " " + std::string(lTarget, static_cast<size_t>(lLength)));
+            const std::string lText(lTarget, static_cast<size_t>(lLength));
+            lOpen.insert(lrNumber + " " + lText.substr(0, lText.find(" (deleted)")));  // somebody else may have
         }
     }
     return lOpen;
