@@ -41,8 +41,7 @@ char* allocateBuffer()
 /// The host's own entry, looked up in the name of the calling operation. It is the resolver's, shared by the process.
 const hostent* lookUpHost(const char* acFunction)
 {
-    char lHostName[cHostNameSize];
-    ClibMemset(lHostName, 0, sizeof lHostName);
+    char lHostName[cHostNameSize] = {};
     ClibGethostname(lHostName, sizeof lHostName);
     const hostent* const lpHostEntry = gethostbyname(lHostName);
     if (NULL == lpHostEntry) {
@@ -68,9 +67,10 @@ void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTak
         if (NULL != lpEntry) {
             in_addr lAddress;
             ClibMemcpy(&lAddress, lpEntry, sizeof lAddress);
-            const char* const lpText = inet_ntoa(lAddress);
-            OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, lpText);
-            if (0 != ClibnStrcmp(lpText, "127.", cLoopbackPrefixLength) && aTake(ClibNtohl(lAddress.s_addr), lpText)) {
+            char lText[INET_ADDRSTRLEN];
+            strcpy(lText, inet_ntoa(lAddress));  // the host's logging function may use that storage too
+            OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, lText);
+            if (0 != ClibnStrcmp(lText, "127.", cLoopbackPrefixLength) && aTake(ClibNtohl(lAddress.s_addr), lText)) {
                 return;
             }
         }

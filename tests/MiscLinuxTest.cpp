@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -1883,6 +1884,23 @@ TEST_F(HostLinuxTest, FirstOfSeveralAddressesIsThePrimaryOne)
     OsGetIpAddress(lAddress);
     EXPECT_EQ(0x0a010203U, lAddress);
     EXPECT_EQ((Lines{cFirst.entered(), seen(cFirst, 0, "10.1.2.3"), usedFirst("10.1.2.3"), cFirst.left()}), logged());
+}
+
+TEST_F(HostLinuxTest, LoggingFunctionMayUseTheStorageOfTheText)
+{
+    atEachLine([](const char*) { inet_ntoa({htonl(0x08080808)}); });
+    EXPECT_EQ((std::vector<unsigned int>{0x0a010203}), all({"127.0.1.1", "10.1.2.3"}));
+    EXPECT_EQ((Lines{cAll.entered(), seen(cAll, 0, "127.0.1.1"), seen(cAll, 1, "10.1.2.3"), usedAll("10.1.2.3"),
+                     cAll.left()}),
+              logged());
+    clearLog();
+    unsigned int lAddress = 0;
+    OsGetIpAddress(lAddress);
+    atEachLine(nullptr);
+    EXPECT_EQ(0x0a010203U, lAddress);
+    EXPECT_EQ((Lines{cFirst.entered(), seen(cFirst, 0, "127.0.1.1"), seen(cFirst, 1, "10.1.2.3"), usedFirst("10.1.2.3"),
+                     cFirst.left()}),
+              logged());
 }
 
 TEST_F(HostLinuxTest, LoopbackBeforeAnAddressIsLoggedAndSkipped)
