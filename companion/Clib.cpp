@@ -67,10 +67,10 @@ int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine)
     size_t lRoom = 0;
     const ssize_t lLength = getline(&lpLine, &lRoom, lFile.get());
     const std::unique_ptr<char, Free> lLine(lpLine);
+    if (0 != ferror(lFile.get()) || (lLength < 0 && 0 == feof(lFile.get()))) {  // the read failed, or the memory for it
+        return -1;
+    }
     if (lLength < 0) {
-        if (0 == feof(lFile.get())) {
-            return -1;
-        }
         arLine = "";
         return 0;
     }

@@ -14,6 +14,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -1674,6 +1675,34 @@ TEST_F(CompanionTest, LineIsUntouchedWhenTheFileCannotBeRead)
     EXPECT_EQ(-1, getFirstLineFromFile("", lLine));
     EXPECT_EQ(lpText, lLine.get());
     EXPECT_STREQ("old text", lLine.get());
+}
+
+TEST_F(CompanionTest, LineIsUntouchedWhenTheReadFailsInItsMiddle)
+{
+    const std::string lPath = path("fifo");
+    ASSERT_EQ(0, mkfifo(lPath.c_str(), 0600));
+    const int lFifo = open(lPath.c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(7, write(lFifo, "partial", 7));
+    OQCString lLine("old text");
+    int lResult = 0;
+    int lErrno = 0;
+    BlockingThread lReader([&] {
+        lResult = getFirstLineFromFile(lPath.c_str(), lLine);
+        lErrno = errno;
+    });
+    EXPECT_TRUE(eventually([&] {
+        int lUnread = -1;
+        if (0 == ioctl(lFifo, FIONREAD, &lUnread) && 0 == lUnread && lReader.blocked()) {
+            lReader.interrupt();
+        }
+        return lReader.done();
+    }));
+    lReader.join();
+    EXPECT_EQ(-1, lResult);
+    EXPECT_EQ(EINTR, lErrno);
+    EXPECT_STREQ("old text", lLine.get());
+    close(lFifo);
+    unlink(lPath.c_str());
 }
 
 TEST_F(CompanionTest, LineIsUntouchedWhenMemoryIsExhausted)
