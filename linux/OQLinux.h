@@ -489,15 +489,17 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 /// asks getpid() where it is, and in the child calls _exit(): whatever else the child does (returning from main,
 /// flushing streams, destructors) it does a second time. The parent returns once that child has run another program or
 /// ended. The error is seen by the parent as the exit code the child chose. The program that could not be run may have
-/// raised one more SIGCHLD in the parent. A child that closes descriptors it does not know lets the parent go on early.
+/// raised one more SIGCHLD in the parent. To wait for the child the parent needs two free descriptors: without them,
+/// and when the child closes descriptors it does not know, the parent goes on early.
 ///
-/// \posix fflush(stdin), vfork(), execve(); fork() and waitpid() when the program cannot be run
+/// \posix fflush(stdin), pipe2(), vfork(), execve(); fork(), poll(), waitid() and waitpid() when the program cannot be
+/// run
 /// \param[in] acPath path of the program
 /// \param[in] acArgv its arguments, ended by null; the first is its name by custom
 /// \param[in] acEnvp its environment ("NAME=value"), ended by null
 /// \return the child's process id, in the parent; the child must be collected with ProcessWait
-/// \throws OQCProcessCreationFailedEx 345, in the parent when no child can be made, in the child when the program
-/// cannot be run
+/// \throws OQCProcessCreationFailedEx 345, in the parent when vfork() fails, or fork() after a program that cannot be
+/// run; in the child when the program cannot be run
 /// \logs Traced, "Left" also before a throw; "Failed to create child :%s" or "Failed to exec child :%s" at error level.
 /// \threads Any. A thread that OsDestroyThread asks to end does not end in here.
 /// \trap Code that catches the exception runs in the child, too. Between its birth and its program the child runs in

@@ -168,15 +168,15 @@ void reap(pid_t aChild)
 }
 
 /// Makes the child in which the failure of a program that cannot be run is thrown: one with memory of its own. As with
-/// vfork, the parent goes on when that child runs a program or ends.
+/// vfork, the parent goes on when that child runs a program or ends; without a descriptor to spare, at once.
 /// \return the child's id in the parent, 0 in the child, -1 when there can be no such child
 pid_t forkFailedChild()
 {
     ExecPipe lPipe;
-    const pid_t lChild = lPipe.isOpen() ? fork() : -1;
+    const pid_t lChild = fork();
     if (0 == lChild) {
         lPipe.leaveToChild();
-    } else if (0 < lChild) {
+    } else if (0 < lChild && lPipe.isOpen()) {
         lPipe.waitFor(lChild);
     }
     return lChild;

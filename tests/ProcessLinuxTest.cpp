@@ -1159,25 +1159,35 @@ TEST_P(ProcessCreateTest, ProgramStartsWhenEveryDescriptorIsInUse)
     EXPECT_EQ(0, lResult.mExitStatus);
 }
 
-#if OQ_SHARING_VFORK
-TEST_F(ProcessLinuxTest, ProgramThatCannotBeRunIsThrownInTheParentWhenNoPipeCanBeHadToWaitForAChild)
+TEST_P(ProcessCreateTest, ChildOfAProgramThatCannotBeRunIsNotWaitedForWhenNoPipeCanBeHad)
 {
-    pipe2Fault.failAlways(-1, EMFILE);
-    EXPECT_FAILURE(OQCProcessCreationFailedEx, 345, "Too many open files",
-                   ProcessCreate(cMissing, cNoArguments, cNoEnvironment));
-    EXPECT_EQ((Lines{cCreate.entered(), cCreate.error("Failed to create child :Too many open files"), cCreate.left()}),
-              logged());
-    EXPECT_EQ(0U, forkFault.calls());
-
-    // The first pipe is for the start, the second for the child in which the failure would be thrown.
-    clearLog();
+    // The first pipe is for the start, the second for the child in which the failure is thrown.
     pipe2Fault.failOn(2, -1, ENFILE);
-    EXPECT_FAILURE(OQCProcessCreationFailedEx, 345, "Too many open files in system",
-                   ProcessCreate(cMissing, cNoArguments, cNoEnvironment));
-    EXPECT_EQ((Lines{cCreate.entered(), cCreate.error("Failed to create child :Too many open files in system"),
-                     cCreate.left()}),
-              logged());
-    EXPECT_EQ(0U, forkFault.calls());
+    expectThrownInChild(cMissing, "No such file or directory");
+    EXPECT_EQ(2U, pipe2Fault.calls());
+
+    pipe2Fault.failOn(2, -1, ENFILE);
+    Shared<std::atomic<bool>> lReturned;
+    *lReturned.operator->() = false;
+    const int lChild = startInVain(cMissing, [&](const OQCException&) {
+        _exit(eventually([&] { return lReturned->load(); }) ? 42 : 43);
+    });
+    *lReturned.operator->() = true;
+    EXPECT_EQ(42, ProcessWait(lChild, 0));
+}
+
+#if OQ_SHARING_VFORK
+TEST_F(ProcessLinuxTest, ProgramThatCannotBeRunIsThrownInTheChildWhenEveryDescriptorIsInUse)
+{
+    const ChildResult lResult = inChild([] {
+        const rlimit lFew = {64, 64};
+        setrlimit(RLIMIT_NOFILE, &lFew);
+        while (0 <= fcntl(0, F_DUPFD_CLOEXEC, 0)) {
+        }
+        EXPECT_EQ(EMFILE, errno);
+        EXPECT_EQ(42, ProcessWait(startInVain(cMissing, leave42), 0));
+    });
+    EXPECT_EQ(0, lResult.mExitStatus);
 }
 #endif
 
