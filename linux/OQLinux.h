@@ -12,7 +12,8 @@
 /// `exit(1)`. Nothing is thrown and no destructor of the failing frame runs.
 ///
 /// **Log.** "Traced" means: "Entered" first and "Left" before each normal return, at trace level (128, "-T-").
-/// A failure's line comes at error level (8, "-E-"), all others at trace level, where nothing else is said.
+/// A failure's line comes at error level (8, "-E-"); all others, those of time-outs and of a message that is not there
+/// among them, at trace level, where nothing else is said.
 ///
 /// **Errors of POSIX thread functions** are returned by them, not stored in errno. The exceptions carry the text of
 /// errno all the same, so the text may be that of an earlier failure or "Success": tell these failures by their class.
@@ -87,8 +88,7 @@ OQ_EXPORT void OsUnlockMutex(pthread_mutex_t& arMutex);
 
 /// Starts a joinable thread with a stack of 512 KiB.
 /// \posix pthread_attr_init(), pthread_attr_setdetachstate(), pthread_attr_setstacksize(), pthread_create()
-/// \param[in,out] arThread receives the handle; unchanged when apRoutine is null, otherwise on failure whatever
-///                         pthread_create() left in it
+/// \param[in,out] arThread receives the handle; on failure unchanged, or what a failed pthread_create() left in it
 /// \param[in] apArgument passed to the routine untouched; may be null; stays the caller's
 /// \param[in] apRoutine  what the thread runs; must not let an exception escape
 /// \throws OQCNullPointerEx 3 "Null Pointer" for a null routine
@@ -157,7 +157,7 @@ OQ_EXPORT void OsDestroyThread(unsigned long& arThread);
 /// \defgroup conditions Condition variables
 /// The caller's pthread_cond_t, used with a mutex of the caller. Wait in a loop that tests the predicate under the
 /// mutex; signal after changing the predicate under it. A failed wait or signal is also an OQCHaltEx. Silent, but for
-/// the two lines of OsConditionalTimedWait. There is no operation that wakes all waiters.
+/// a time-out of OsConditionalTimedWait and its broken precondition. There is no operation that wakes all waiters.
 /// @{
 
 /// Initialises a condition variable with default attributes.
@@ -204,7 +204,7 @@ OQ_EXPORT void OsWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex);
 ///                     bits). 0 is a broken precondition, "aSeconds > 0".
 /// \throws OQCTimeOutEx 323 when time is over; an ordinary failure, no OQCHaltEx
 /// \throws OQCCondWaitFailedEx 339 (also an OQCHaltEx) for any other error
-/// \logs A time-out one line "Condition wait timed out."; nothing else.
+/// \logs A time-out one line "Condition wait timed out." at trace level; nothing else.
 /// \threads Any that holds the mutex. A cancellation point.
 /// \trap A spurious wake-up returns normally. Called in a loop, each call waits the full time anew.
 OQ_EXPORT void OsConditionalTimedWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex, unsigned int aSeconds);
@@ -421,7 +421,7 @@ OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide
 /// \throws OQCTimeOutEx 323 "Timed out waiting on Shared Memory"
 /// \logs "Entered" and "Left" in the name of "sTimedWaitOnFlag"; a time-out logs its text, no "Left".
 /// \threads Any, one at a time for one OQShmDesc. A cancellation point.
-/// \trap A clock set back ends the wait. The limit in milliseconds is computed in 32 bits, so 4294968 seconds and more
+/// \trap A clock set back to before the wait began ends it, one set back by less lengthens it. The limit in milliseconds is computed in 32 bits, so 4294968 seconds and more
 /// wrap to a short wait.
 OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigned int aSeconds);
 
@@ -646,7 +646,9 @@ enum OQEOperatingSystem : unsigned char {
 /// \logs Traced; each examined address ("IP Address #%u - %s") and each one used. A failed lookup one line, then
 /// "Left", before the throw; no such address a line with that text (1, "-H-"), no "Left"; the process goes on.
 /// \threads One at a time, with all other users of gethostbyname() and inet_ntoa(): the whole process shares their
-/// result.
+/// result. A cancellation point.
+/// \trap A thread that is asked to end in here may leave the resolver locked: the next lookup of the process then waits
+/// for ever. Where threads are ended by OsDestroyThread, call it with cancellation disabled.
 OQ_EXPORT void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses);
 
 /// Stores the first IPv4 address of the host that is not loopback (127.x.y.z).
@@ -655,7 +657,8 @@ OQ_EXPORT void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses);
 /// \throws OQCGetIpAddressFailEx 347, as OsGetAllIpAddresses
 /// \logs As OsGetAllIpAddresses.
 /// \threads One at a time, with all other users of gethostbyname() and inet_ntoa(): the whole process shares their
-/// result.
+/// result. A cancellation point.
+/// \trap As OsGetAllIpAddresses.
 OQ_EXPORT void OsGetIpAddress(unsigned int& arAddress);
 
 /// Tells the operating-system family and the first line of the distribution's release file: the first that exists of
@@ -668,7 +671,7 @@ OQ_EXPORT void OsGetIpAddress(unsigned int& arAddress);
 /// \throws OQCException and others: what ClibStat throws other than OQCClibStatFailedEx; that of this project throws
 /// nothing else
 /// \logs Traced, without "Left" before a throw; where there is a release file, how its line was found.
-/// \threads Any, one at a time for one arName.
+/// \threads Any, one at a time for one arName. A cancellation point.
 OQ_EXPORT void OsGetOsName(OQEOperatingSystem& arOs, OQCString& arName);
 
 /// @}

@@ -57,8 +57,9 @@ enum OQELogLevel : unsigned int {
 /// \param[in] acFile     source file of the call as the build names it
 /// \param[in] acFormat   printf format of the message, whose values follow
 /// \nothrow
-/// \logs That line. One that cannot be written is dropped.
-/// \threads Any; lines never mix. Not a cancellation point. errno is left as it was.
+/// \logs That line. One that cannot be written, or its rest, is dropped.
+/// \threads Any; lines do not mix (on a pipe: those of up to 4096 bytes). Not a cancellation point. errno is left as it
+/// was.
 OQ_EXPORT void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int aLine,
                                             const char* acFunction, const char* acFile, const char* acFormat, ...)
     __attribute__((format(printf, 6, 7)));
@@ -209,7 +210,8 @@ OQ_EXPORT int ClibUnlink(const char* acPath);
 /// \throws OQCReadFailedEx 328 when nothing could be read because of a read error
 /// \silent
 /// \threads Any. A cancellation point.
-/// \trap An error that has passed by the next call is not reported.
+/// \trap What came before an error is delivered first. The error comes with the next call, if it has not passed by then:
+/// the interruption by a signal has, and the next call goes on reading.
 OQ_EXPORT unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream);
 
 /// Examines a file.

@@ -1,7 +1,7 @@
 /// \file
 /// The exception tree.
 ///
-/// Every failure of the layer is thrown as one leaf of this tree, by value; catch by reference, as the leaf, as its
+/// A failure that the layer throws is one leaf of this tree, by value; catch by reference, as the leaf, as its
 /// family, as OQCHaltEx where the row says OQ_HALT, or as OQCException. All inheritance is public and virtual: an
 /// object holds one message and one code. std::exception is no base of the tree.
 ///
@@ -91,7 +91,7 @@ OQ_LEAF(OQCCondInitFailedEx,           OQCOsException,      337);  // a conditio
 OQ_LEAF(OQCCondDestroyFailedEx,        OQCOsException,      338);  // a condition variable cannot be destroyed
 OQ_HALT(OQCCondWaitFailedEx,           OQCOsException,      339);  // a wait failed, but not by its time
 OQ_HALT(OQCCondSignalFailedEx,         OQCOsException,      340);  // a waiter cannot be woken
-OQ_HALT(OQCCondBroadcastFailedEx,      OQCOsException,      341);  // nobody throws it
+OQ_HALT(OQCCondBroadcastFailedEx,      OQCOsException,      341);  // not by what is exported
 OQ_LEAF(OQCThreadStartFailedEx,        OQCOsException,      342);  // a thread cannot be started
 OQ_LEAF(OQCThreadDestructionFailedEx,  OQCOsException,      343);  // a thread cannot be asked to end
 OQ_LEAF(OQCThreadWaitForExitFailedEx,  OQCOsException,      344);  // a thread cannot be joined
