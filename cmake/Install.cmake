@@ -50,8 +50,20 @@ if(OQ_REFERENCE)
     install(DIRECTORY ${PROJECT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
     install(DIRECTORY ${OQ_REFERENCE}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 endif()
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation FILES_MATCHING PATTERN *.md
-        PATTERN *.svg)
+
+# The pages, as they stand in the tree; what they say of sources that are not installed is no link there.
+file(GLOB pages RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
+list(APPEND pages README.md SECURITY.md CHANGELOG.md)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${pages})
+foreach(page ${pages})
+    file(READ ${page} text)
+    string(REGEX REPLACE
+           "\\[([^][]*)\\]\\((\\.\\./)?(CONTRIBUTING|backend|bench|cmake|companion|linux|scripts|tests)([./][^)]*)?\\)" "\\1"
+           text "${text}")
+    file(WRITE ${PROJECT_BINARY_DIR}/pages/${page} "${text}")
+endforeach()
+install(DIRECTORY ${PROJECT_BINARY_DIR}/pages/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation FILES_MATCHING PATTERN *.svg)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT examples)
 
 if(PROJECT_IS_TOP_LEVEL)

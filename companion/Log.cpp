@@ -16,7 +16,7 @@
 namespace
 {
 
-const size_t cLineSize = 8192;  // bytes; holds every line of the layer, whose longest carries a 4000-byte read buffer
+const size_t cLineSize = 8192;  // bytes; the layer's longest lines carry a 4000-byte read buffer
 
 std::atomic<unsigned int> sLevels(OQLL_Halt | OQLL_Error | OQLL_Information);
 std::atomic<int> sDescriptor(STDERR_FILENO);

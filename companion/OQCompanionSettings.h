@@ -41,7 +41,8 @@ OQ_EXPORT void SetLogLevels(unsigned int aLevels);
 /// \nothrow
 /// \silent
 /// \threads Any, at any time.
-/// \trap A file that several processes write to is opened with O_APPEND. A pipe whose reader has gone raises SIGPIPE.
+/// \trap A thread may still write to the old descriptor for a moment. To change files while threads run, put the new one
+/// onto the same number (dup2). A file that several processes write to is opened with O_APPEND. A pipe whose reader has gone raises SIGPIPE.
 OQ_EXPORT void SetLogDescriptor(int aDescriptor);
 
 /// @}

@@ -38,7 +38,8 @@ const unsigned short cSegmentSize = 4096;  // bytes, the layer's header included
 const unsigned int cMessageSize = cSegmentSize - sizeof(OQSSharedMemoryHeader);
 const unsigned int cPayloadSize = cMessageSize - sizeof(AnswerHeader);
 
-/// Where a daemon and its tools meet. Everything follows from one name, so that several daemons run side by side.
+/// Where a daemon and its tools meet. Everything follows from one name, so that several daemons run side by side. For a
+/// demonstration that anybody can run, it is /tmp; a daemon of the system has a directory of its own below /run.
 struct Channel {
     explicit Channel(const std::string& acrName);
 

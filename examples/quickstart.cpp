@@ -4,6 +4,7 @@
 #include <OQLinux.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <string>
@@ -47,7 +48,12 @@ static void receive(OQShmDesc& arMailbox)
 static int server(key_t aKey)
 {
     OQShmDesc lMailbox = {aKey, 256, -1, NULL};
-    OsSharedMemoryOpen(lMailbox, OQCM_Server);
+    try {
+        OsSharedMemoryOpen(lMailbox, OQCM_Server);
+    } catch (const OQCException&) {
+        shmctl(lMailbox.shm_id, IPC_RMID, NULL);  // an open that fails leaves the segment that it has made
+        throw;
+    }
     int lStatus = 1;
     try {
         const int lClient = startClient(aKey);

@@ -28,7 +28,7 @@ void OsSignal(pthread_cond_t& arCondition)
     }
 }
 
-// Kept beside the signal and not offered to callers.
+// Not offered to callers, but a part of the family: the one thrower of its exception. Its test includes this source.
 [[maybe_unused]] static void OsBroadcast(pthread_cond_t& arCondition)
 {
     if (0 != pthread_cond_broadcast(&arCondition)) {

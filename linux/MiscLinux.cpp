@@ -24,7 +24,7 @@ const unsigned int cBufferSize = 4000;         // bytes of the read buffer and o
 const unsigned int cHostNameSize = 128;        // bytes
 const unsigned int cLoopbackPrefixLength = 4;  // of "127."
 
-const char* const cNoAddress = "No non-loopback IP Address configured on system";
+const char* const cNoAddress = "No non-loopback IP Address configured on system";  // the log lines are literals
 const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
 
 /// A cleared buffer of 4000 bytes from malloc.
@@ -51,6 +51,7 @@ const hostent* lookUpHost(const char* acFunction)
         OQ_TRACE_AS(acFunction, "%s", "Left");
         throwOsError<OQCGetIpAddressFailEx>(lText);
     }
+    // Readers of the log know the condition by the expanded form of its NULL.
     OQ_ASSERT_AS(lpHostEntry->h_addr_list != NULL, "lpHostEntry->h_addr_list != __null", acFunction, OQ_LOG_FILE);
     return lpHostEntry;
 }

@@ -314,7 +314,8 @@ OQ_EXPORT void OsNamedPipeRead(int aPipe, unsigned char* apBuffer, unsigned int 
 /// \nothrow
 /// \logs Traced; "Reading %u bytes".
 /// \threads Any. A cancellation point.
-/// \trap A pipe opened read-write never reports end of data.
+/// \trap A pipe opened read-write never reports end of data. On a pipe that does not block, less data than asked for is a
+/// failure: 0, and what had arrived is lost.
 OQ_EXPORT void OsNamedPipeBlockRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone);
 
 /// Writes once. At most 4096 bytes (PIPE_BUF) are written whole or not at all.
@@ -539,8 +540,9 @@ OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 /// \logs Traced; "Process '%s' is running" or "Process '%s' is not running".
 /// \threads One at a time, also among processes: they share the file. A cancellation point.
 /// \trap **The pattern reaches the shell unquoted and a buffer of 256 bytes unchecked**: pass on only names that were
-/// checked against a strict pattern, such as 1 to 64 letters, digits, dots, underscores and hyphens, the first no
-/// hyphen. A file that the caller cannot rewrite answers as it stands: whoever may write it gives the answer.
+/// checked against a strict pattern, such as 1 to 15 letters, digits, dots, underscores and hyphens, the first no
+/// hyphen (longer ones match nothing; a dot matches any character). What the shell and pgrep complain of goes to the
+/// host's standard error. A file that the caller cannot rewrite answers as it stands: whoever may write it gives the answer.
 OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 
 /// @}
@@ -561,7 +563,7 @@ OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 /// \threads Any, one at a time for one list. A cancellation point.
 /// \trap **A last line without a newline is dropped. A line of 3999 bytes or more ends the reading**: it and all after
 /// it are lost. A zero byte hides the rest of the read it arrived in. When popen() fails the list is unchanged and
-/// nothing is thrown.
+/// nothing is thrown. What the command writes to standard error goes to the host's.
 OQ_EXPORT void OsExecute(const char* acCommand, OQCList<OQCString>& arLines);
 
 /// Splits a zero-terminated text at its newlines, appends each complete line to a list and moves the unfinished last

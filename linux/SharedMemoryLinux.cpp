@@ -75,8 +75,9 @@ void setDataLength(OQSSharedMemoryHeader* apHeader, unsigned int aLength)
 /// The message bytes, directly behind the header.
 unsigned char* dataOf(OQSSharedMemoryHeader* apHeader) { return reinterpret_cast<unsigned char*>(apHeader + 1); }
 
-/// Throws the leaf with the text of errno. The text is copied onto itself where the companion runtime returns the
-/// buffer it was given, and into the buffer where it returns a text of its own.
+/// Throws the leaf with the text of errno, of 256 characters at most and copied into this frame: hosts with a companion
+/// runtime of their own see these calls. The text is copied onto itself where the companion returns the buffer it was
+/// given, and into the buffer where it returns a text of its own.
 template <class Leaf>
 [[noreturn, gnu::cold, gnu::noinline]] void throwSegmentError()
 {
@@ -131,7 +132,7 @@ using Flag = bool (*)(const OQSSharedMemoryHeader*);
     } while (!apFlag(acHeader));
 }
 
-/// Waits for a header flag. A part of its callers, so that a flag that is set already costs them no further call.
+/// Waits for a header flag; logs under this name. A part of its callers, so that a flag that is set already costs them no further call.
 [[gnu::always_inline]] inline void sTimedWaitOnFlag(const OQShmDesc& acrShmDesc, unsigned int aSeconds, Flag apFlag)
 {
     OQ_ENTERED();

@@ -1168,9 +1168,8 @@ TEST_P(ProcessCreateTest, ChildOfAProgramThatCannotBeRunIsNotWaitedForWhenNoPipe
     pipe2Fault.failOn(2, -1, ENFILE);
     Shared<std::atomic<bool>> lReturned;
     *lReturned.operator->() = false;
-    const int lChild = startInVain(cMissing, [&](const OQCException&) {
-        _exit(eventually([&] { return lReturned->load(); }) ? 42 : 43);
-    });
+    const int lChild = startInVain(
+        cMissing, [&](const OQCException&) { _exit(eventually([&] { return lReturned->load(); }) ? 42 : 43); });
     *lReturned.operator->() = true;
     EXPECT_EQ(42, ProcessWait(lChild, 0));
 }

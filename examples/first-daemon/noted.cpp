@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -24,15 +25,25 @@ static int opened(int aDescriptor)
     return aDescriptor;
 }
 
-/// The FIFO, made on the way in and removed on the way out, whichever way that is.
+/// The FIFO, made on the way in and removed on the way out, also when it cannot be opened.
 class Pipe
 {
 public:
     explicit Pipe(const std::string& acrPath) : mPath(acrPath.c_str()), mPipe(-1)
     {
-        OsNamedPipeCreate(mPath, mPipe);
+        OsNamedPipeCreate(mPath, mPipe);  // whatever has that name is left as it is
+        struct stat lInfo;
+        ClibStat(mPath.get(), &lInfo);
+        if (!S_ISFIFO(lInfo.st_mode)) {
+            throw OQCCreateFailedEx("the file is there and is no FIFO", OQErrorCode<OQCCreateFailedEx>::value);
+        }
         OsNamedPipeOpen(mPipe, mPath, OQFM_Mode1, OQPS_NonBlocking, OQCM_Server);
-        opened(mPipe);
+        try {
+            opened(mPipe);
+        } catch (const OQCException&) {
+            OsNamedPipeDestroy(mPath, mPipe);
+            throw;
+        }
     }
     ~Pipe()
     {

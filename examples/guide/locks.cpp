@@ -11,6 +11,9 @@
 static const char* seenByOthers(int aDescriptor)
 {
     const pid_t lChild = fork();
+    if (lChild < 0) {
+        return "not to be told: no child";
+    }
     if (0 == lChild) {
         OQEFileLockStatus lStatus = OQFLS_Locked;
         OsFileLockStatus(aDescriptor, lStatus);
@@ -23,6 +26,10 @@ int main()
 {
     char lPath[] = "/tmp/locks-XXXXXX";
     const int lFile = mkstemp(lPath);
+    if (lFile < 0) {
+        perror("locks");
+        return 1;
+    }
     try {
         OsLockFile(lFile);  // does not wait: OQCFileLockFailedEx when another process was quicker
         printf("held: %s\n", seenByOthers(lFile));

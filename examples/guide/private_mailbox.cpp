@@ -10,7 +10,7 @@ static bool makePrivate(const OQShmDesc& acrMailbox)
 {
     shmid_ds lState;
     if (shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0 || geteuid() != lState.shm_perm.cuid) {
-        return false;  // another user made it before us: the open accepts an existing segment
+        return false;  // another user made it first, and a privileged server may open that
     }
     lState.shm_perm.mode = 0600;
     if (shmctl(acrMailbox.shm_id, IPC_SET, &lState) < 0 || shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0) {

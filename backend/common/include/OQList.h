@@ -68,7 +68,7 @@ public:
     /// \throws OQCNoMemoryEx 2 "Out of Memory" when there is no memory for the node
     void append(const T& acrElement) { mList.push_back(acrElement); }
 
-    /// Counts the elements, one by one.
+    /// Counts the elements, one by one: not every std::list keeps its size.
     /// \return how many there are
     int size() const
     {
