@@ -587,6 +587,8 @@ TEST_F(LogTest, OperationsGoOnWhenTheDiskOfTheLogIsFull)
     OsSharedMemoryClose(lServer, OQCM_Server);
     EXPECT_EQ(EXDEV, errno) << "a line that was not written has changed it";
 
+    const int lClosed = dup(lFull);
+    close(lClosed);
     const auto lText = [](const std::function<void()>& acrRun) {
         try {
             acrRun();
@@ -597,7 +599,7 @@ TEST_F(LogTest, OperationsGoOnWhenTheDiskOfTheLogIsFull)
     };
     EXPECT_EQ("Bad file descriptor", lText([] { OsLockFile(-1); }));
     EXPECT_EQ("Bad file descriptor", lText([] { OsUnlockFile(-1); }));
-    EXPECT_EQ("Bad file descriptor", lText([&] { OsWaitForActivity(lFull + 1, 1); }));
+    EXPECT_EQ("Bad file descriptor", lText([&] { OsWaitForActivity(lClosed, 1); }));
     EXPECT_EQ("No such file or directory", lText([&] { OsNamedPipeCreate("/nonexistent/pipe", lPipe); }));
     EXPECT_EQ("No such file or directory", lText([&] { OsSharedMemoryOpen(lClient, OQCM_Client); }));
     EXPECT_EQ("Failed to create process", lText([] { ProcessWait(getpid(), 0); }));

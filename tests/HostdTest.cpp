@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
@@ -16,6 +17,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -72,8 +74,9 @@ bool exists(const std::string& acrPath)
 
 std::string contentOf(const std::string& acrPath)
 {
-    std::ifstream lFile(acrPath);
-    return std::string(std::istreambuf_iterator<char>(lFile), std::istreambuf_iterator<char>());
+    std::ostringstream lText;
+    lText << std::ifstream(acrPath).rdbuf();  // nothing, when the file is a process's that ends meanwhile
+    return lText.str();
 }
 
 bool contains(const std::string& acrText, const std::string& acrPart)
@@ -90,11 +93,14 @@ size_t countOf(const std::string& acrText, const std::string& acrPart)
     return lCount;
 }
 
-/// Whether a process has ended; one that nobody has collected yet has.
+/// Whether a process has ended; one that nobody has collected yet has, when no other thread of it still runs.
 bool isGone(int aPid)
 {
-    const std::string lStat = contentOf("/proc/" + std::to_string(aPid) + "/stat");
-    return lStat.empty() || contains(lStat, ") Z ");
+    const std::string lProcess = "/proc/" + std::to_string(aPid);
+    const std::string lStat = contentOf(lProcess + "/stat");
+    std::error_code lEnded;
+    return lStat.empty() || (contains(lStat, ") Z ") &&
+                             std::distance(std::filesystem::directory_iterator(lProcess + "/task", lEnded), {}) <= 1);
 }
 
 struct Result {
@@ -691,6 +697,10 @@ TEST_F(Asked, LoadGivesTheSystemsLoadLine)
 // spoiled by them is asked for again.
 TEST_F(Asked, RunningTellsWhetherAProcessRuns)
 {
+    const int lLock = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // of all tests that write it
+    while (0 != flock(lLock, LOCK_EX) && EINTR == errno) {
+    }
+    unlink("/tmp/.vyrsyscmd");
     const auto lAnswers = [](const char* acName, const std::string& acrAnswer) {
         return eventually([&] {
             const Result lResult = sHost->hostctl({"ask", "running", acName});
@@ -700,6 +710,8 @@ TEST_F(Asked, RunningTellsWhetherAProcessRuns)
     EXPECT_TRUE(lAnswers("hostd", "hostd is running\n"));
     EXPECT_TRUE(lAnswers("no.such_proc-9", "no.such_proc-9 is not running\n"));
     EXPECT_TRUE(lAnswers("hostd", "hostd is running\n"));
+    unlink("/tmp/.vyrsyscmd");
+    close(lLock);
 }
 
 TEST_F(Asked, LongAnswersComeWhole)

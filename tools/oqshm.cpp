@@ -22,6 +22,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -115,8 +116,9 @@ Channels findSegments()
 /// Notes a process that has a segment attached; one that is stopped is a finding of its own.
 void noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrDirectory)
 {
-    std::ifstream lFile(acrDirectory / "stat");
-    const std::string lStat(std::istreambuf_iterator<char>(lFile), {});
+    std::ostringstream lText;
+    lText << std::ifstream(acrDirectory / "stat").rdbuf();  // nothing, when the process is collected meanwhile
+    const std::string lStat = lText.str();
     const size_t lBegin = lStat.find('('), lEnd = lStat.rfind(") ");  // the name may hold brackets, too
     if (std::string::npos == lBegin || std::string::npos == lEnd) {
         return;  // it has ended meanwhile

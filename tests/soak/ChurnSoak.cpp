@@ -91,6 +91,9 @@ void churn(const char* acWhat, void (*apRun)(unsigned long), unsigned long aCoun
     const double lStart = secondsNow();
     apRun(aCount);
     const double lSeconds = secondsNow() - lStart;
+    for (int lTries = 1000; 1 != entriesOf("/proc/self/task") && 0 < lTries; --lTries) {
+        usleep(1000);  // the system forgets a thread a little after its join
+    }
     const Holdings lAfter = holdings();
     printf("churn: %lu %s in %.1f s, descriptors %d before and %d after, threads %d and %d, memory %ld and %ld kB\n",
            aCount, acWhat, lSeconds, lBefore.mDescriptors, lAfter.mDescriptors, lBefore.mThreads, lAfter.mThreads,

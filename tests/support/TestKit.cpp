@@ -22,7 +22,7 @@ extern "C" void __gcov_dump() __attribute__((weak));
 namespace
 {
 
-const int cPatienceMilliseconds = 30000;
+const int cPatienceMilliseconds = 60000;
 
 std::set<std::string> entriesOf(const std::string& acrDirectory)
 {
@@ -103,7 +103,11 @@ void reportLines()
 
 void LayerTest::SetUp()
 {
-    removeSegments();  // a program that was killed may have left some, and its process number come round again
+    // A program that was killed may have left some, and its process number come round again.
+    removeSegments();
+    for (const std::string& lrEntry : entriesOf(directoryOf(getpid()))) {
+        unlink((directoryOf(getpid()) + "/" + lrEntry).c_str());
+    }
     Fault::resetAll();
     clearLog();
     mDescriptors = openDescriptors();
