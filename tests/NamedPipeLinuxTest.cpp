@@ -645,6 +645,19 @@ TEST_P(NamedPipeReadTest, IsOneCallAfterTheCountWasCleared)
     EXPECT_EQ(lines("20"), logged());
 }
 
+TEST_P(NamedPipeReadTest, CountIsClearedBetweenItsTwoFirstLines)
+{
+    static std::vector<unsigned int> sDones;
+    sDones.clear();
+    unsigned int lDone = 999;
+    spDone = &lDone;
+    GetParam().mpFault->failOn(1, 7, EIO);
+    atEachLine([](const char*) { sDones.push_back(*spDone); });
+    read(cNotOpen, 20, lDone);
+    atEachLine(nullptr);
+    EXPECT_EQ((std::vector<unsigned int>{999, 0, 7}), sDones);
+}
+
 TEST_P(NamedPipeReadTest, GivesZeroWhenTheReadFails)
 {
     unsigned int lDone = 999;

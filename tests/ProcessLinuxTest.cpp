@@ -166,6 +166,7 @@ extern "C" int close(int aDescriptor)
 std::atomic<unsigned int> gFlushes(0);
 FILE* gFlushed = nullptr;
 int gVforkCallsAtFlush = -1;
+size_t gLinesAtFlush = 99;
 
 extern "C" int fflush(FILE* apStream)
 {
@@ -173,6 +174,7 @@ extern "C" int fflush(FILE* apStream)
     if (0 == gFlushes++) {
         gFlushed = apStream;
         gVforkCallsAtFlush = gVforkCalls;
+        gLinesAtFlush = logged().size();
     }
     return lReal(apStream);
 }
@@ -558,14 +560,16 @@ TEST_P(ProcessCreateTest, ParentDoesNotWaitForTheProgramToEnd)
     EXPECT_EQ(-1, ProcessWait(lChild, 0));
 }
 
-TEST_P(ProcessCreateTest, StandardInputAloneIsFlushedOnceBeforeTheVfork)
+TEST_P(ProcessCreateTest, StandardInputAloneIsFlushedOnceBetweenEnteredAndTheVfork)
 {
+    clearLog();
     gFlushes = 0;
     const int lChild = ProcessCreate("/bin/true", cNoArguments, cNoEnvironment);
     const unsigned int lFlushes = gFlushes;
     EXPECT_EQ(1U, lFlushes);
     EXPECT_EQ(stdin, gFlushed);
     EXPECT_EQ(0, gVforkCallsAtFlush);
+    EXPECT_EQ(1U, gLinesAtFlush);
     EXPECT_EQ(0, ProcessWait(lChild, 0));
 
     gFlushes = 0;
