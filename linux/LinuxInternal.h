@@ -1,7 +1,7 @@
 /// \file
 /// The vocabulary of the layer's sources: log, assert and throw.
 ///
-/// Every source defines OQ_LOG_FILE, the name under which its lines appear in the log, before it includes this.
+/// Every source that logs defines OQ_LOG_FILE, the name under which its lines appear, before it includes this.
 #ifndef OQ_LINUX_INTERNAL_H
 #define OQ_LINUX_INTERNAL_H
 

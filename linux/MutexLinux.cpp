@@ -1,7 +1,5 @@
 // Mutexes: one POSIX call each. Silent on success and on failure; the failure is the exception.
 
-#define OQ_LOG_FILE ".//MutexLinux"
-
 #include "LinuxInternal.h"
 
 void OsInitMutex(pthread_mutex_t& arMutex)
