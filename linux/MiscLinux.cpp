@@ -68,8 +68,8 @@ void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTak
         if (NULL != lpEntry) {
             in_addr lAddress;
             ClibMemcpy(&lAddress, lpEntry, sizeof lAddress);
-            char lText[INET_ADDRSTRLEN];
-            strcpy(lText, inet_ntoa(lAddress));  // the host's logging function may use that storage too
+            char lText[INET_ADDRSTRLEN];  // of our own: the host's logging function may use inet_ntoa, too
+            snprintf(lText, sizeof lText, "%s", inet_ntoa(lAddress));
             OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, lText);
             if (0 != ClibnStrcmp(lText, "127.", cLoopbackPrefixLength) && aTake(ClibNtohl(lAddress.s_addr), lText)) {
                 return;
