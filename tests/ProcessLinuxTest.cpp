@@ -1149,14 +1149,19 @@ TEST_P(ProcessCreateTest, ProgramStartsWhenNoPipeCanBeHad)
     EXPECT_EQ(0, ProcessWait(lChild, 0));
 }
 
+void useUpDescriptors()
+{
+    const rlimit lFew = {64, 64};
+    setrlimit(RLIMIT_NOFILE, &lFew);
+    while (0 <= fcntl(0, F_DUPFD_CLOEXEC, 0)) {
+    }
+    EXPECT_EQ(EMFILE, errno);
+}
+
 TEST_P(ProcessCreateTest, ProgramStartsWhenEveryDescriptorIsInUse)
 {
     const ChildResult lResult = inChild([] {
-        const rlimit lFew = {64, 64};
-        setrlimit(RLIMIT_NOFILE, &lFew);
-        while (0 <= fcntl(0, F_DUPFD_CLOEXEC, 0)) {
-        }
-        EXPECT_EQ(EMFILE, errno);
+        useUpDescriptors();
         EXPECT_EQ(0, ProcessWait(ProcessCreate("/bin/true", cNoArguments, cNoEnvironment), 0));
     });
     EXPECT_EQ(0, lResult.mExitStatus);
@@ -1182,11 +1187,7 @@ TEST_P(ProcessCreateTest, ChildOfAProgramThatCannotBeRunIsNotWaitedForWhenNoPipe
 TEST_F(ProcessLinuxTest, ProgramThatCannotBeRunIsThrownInTheChildWhenEveryDescriptorIsInUse)
 {
     const ChildResult lResult = inChild([] {
-        const rlimit lFew = {64, 64};
-        setrlimit(RLIMIT_NOFILE, &lFew);
-        while (0 <= fcntl(0, F_DUPFD_CLOEXEC, 0)) {
-        }
-        EXPECT_EQ(EMFILE, errno);
+        useUpDescriptors();
         EXPECT_EQ(42, ProcessWait(startInVain(cMissing, leave42), 0));
     });
     EXPECT_EQ(0, lResult.mExitStatus);
