@@ -11,11 +11,11 @@
 /// that is: time (UTC), process id, the writing thread's handle as OsStartThread gives it, tag, function, file and line
 /// of the call, message. It is formatted on the stack and written with one write(): lines of several threads do not
 /// mix, nor do those of several processes when the file is opened with O_APPEND (on a pipe, lines of up to 4096 bytes).
-/// A line feed inside the message is written as a blank, so that a line of the log is one call; a line of more than 8192
-/// bytes is cut there. A line that cannot be written (disk full, descriptor closed) is dropped without a word, and so is
-/// the rest of one that could be written in part; errno is kept in every case. A pipe whose
-/// reader has gone raises SIGPIPE, as for any write. The process id is that of the last fork(): a child made in another
-/// way (a bare clone) logs its parent's.
+/// A line feed inside the message is written as a blank, so that a line of the log is one call; a line of more than
+/// 8192 bytes is cut there. A line that cannot be written (disk full, descriptor closed) is dropped without a word, and
+/// so is the rest of one that could be written in part; errno is kept in every case. A pipe whose reader has gone
+/// raises SIGPIPE, as for any write. The process id is that of the last fork(): a child made in another way (a bare
+/// clone) logs its parent's.
 #ifndef OQ_COMPANION_SETTINGS_H
 #define OQ_COMPANION_SETTINGS_H
 
@@ -41,8 +41,9 @@ OQ_EXPORT void SetLogLevels(unsigned int aLevels);
 /// \nothrow
 /// \silent
 /// \threads Any, at any time.
-/// \trap A thread may still write to the old descriptor for a moment. To change files while threads run, put the new one
-/// onto the same number (dup2). A file that several processes write to is opened with O_APPEND. A pipe whose reader has gone raises SIGPIPE.
+/// \trap A thread may still write to the old descriptor for a moment. To change files while threads run, put the new
+/// one onto the same number (dup2). A file that several processes write to is opened with O_APPEND. A pipe whose reader
+/// has gone raises SIGPIPE.
 OQ_EXPORT void SetLogDescriptor(int aDescriptor);
 
 /// @}

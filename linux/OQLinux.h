@@ -314,8 +314,8 @@ OQ_EXPORT void OsNamedPipeRead(int aPipe, unsigned char* apBuffer, unsigned int 
 /// \nothrow
 /// \logs Traced; "Reading %u bytes".
 /// \threads Any. A cancellation point.
-/// \trap A pipe opened read-write never reports end of data. On a pipe that does not block, less data than asked for is a
-/// failure: 0, and what had arrived is lost.
+/// \trap A pipe opened read-write never reports end of data. On a pipe that does not block, less data than asked for is
+/// a failure: 0, and what had arrived is lost.
 OQ_EXPORT void OsNamedPipeBlockRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone);
 
 /// Writes once. At most 4096 bytes (PIPE_BUF) are written whole or not at all.
@@ -422,8 +422,8 @@ OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide
 /// \throws OQCTimeOutEx 323 "Timed out waiting on Shared Memory"
 /// \logs "Entered" and "Left" in the name of "sTimedWaitOnFlag"; a time-out logs its text, no "Left".
 /// \threads Any, one at a time for one OQShmDesc. A cancellation point.
-/// \trap A clock set back to before the wait began ends it, one set back by less lengthens it. The limit in milliseconds is computed in 32 bits, so 4294968 seconds and more
-/// wrap to a short wait.
+/// \trap A clock set back to before the wait began ends it, one set back by less lengthens it. The limit in
+/// milliseconds is computed in 32 bits, so 4294968 seconds and more wrap to a short wait.
 OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigned int aSeconds);
 
 /// Places one message in the slot, waiting up to 3 seconds until it is free. The write is cancelled when a peer is not
@@ -542,7 +542,8 @@ OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 /// \trap **The pattern reaches the shell unquoted and a buffer of 256 bytes unchecked**: pass on only names that were
 /// checked against a strict pattern, such as 1 to 15 letters, digits, dots, underscores and hyphens, the first no
 /// hyphen (longer ones match nothing; a dot matches any character). What the shell and pgrep complain of goes to the
-/// host's standard error. A file that the caller cannot rewrite answers as it stands: whoever may write it gives the answer.
+/// host's standard error. A file that the caller cannot rewrite answers as it stands: whoever may write it gives the
+/// answer.
 OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 
 /// @}

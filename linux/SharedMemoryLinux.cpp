@@ -132,7 +132,8 @@ using Flag = bool (*)(const OQSSharedMemoryHeader*);
     } while (!apFlag(acHeader));
 }
 
-/// Waits for a header flag; logs under this name. A part of its callers, so that a flag that is set already costs them no further call.
+/// Waits for a header flag; logs under this name. A part of its callers, so that a flag that is set already costs them
+/// no further call.
 [[gnu::always_inline]] inline void sTimedWaitOnFlag(const OQShmDesc& acrShmDesc, unsigned int aSeconds, Flag apFlag)
 {
     OQ_ENTERED();

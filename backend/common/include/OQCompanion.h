@@ -210,8 +210,8 @@ OQ_EXPORT int ClibUnlink(const char* acPath);
 /// \throws OQCReadFailedEx 328 when nothing could be read because of a read error
 /// \silent
 /// \threads Any. A cancellation point.
-/// \trap What came before an error is delivered first. The error comes with the next call, if it has not passed by then:
-/// the interruption by a signal has, and the next call goes on reading.
+/// \trap What came before an error is delivered first. The error comes with the next call, if it has not passed by
+/// then: the interruption by a signal has, and the next call goes on reading.
 OQ_EXPORT unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream);
 
 /// Examines a file.

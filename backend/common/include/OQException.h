@@ -91,7 +91,7 @@ OQ_LEAF(OQCCondInitFailedEx,           OQCOsException,      337);  // a conditio
 OQ_LEAF(OQCCondDestroyFailedEx,        OQCOsException,      338);  // a condition variable cannot be destroyed
 OQ_HALT(OQCCondWaitFailedEx,           OQCOsException,      339);  // a wait failed, but not by its time
 OQ_HALT(OQCCondSignalFailedEx,         OQCOsException,      340);  // a waiter cannot be woken
-OQ_HALT(OQCCondBroadcastFailedEx,      OQCOsException,      341);  // a broadcast failed; no exported operation throws it
+OQ_HALT(OQCCondBroadcastFailedEx,      OQCOsException,      341);  // broadcast failed; no exported operation throws it
 OQ_LEAF(OQCThreadStartFailedEx,        OQCOsException,      342);  // a thread cannot be started
 OQ_LEAF(OQCThreadDestructionFailedEx,  OQCOsException,      343);  // a thread cannot be asked to end
 OQ_LEAF(OQCThreadWaitForExitFailedEx,  OQCOsException,      344);  // a thread cannot be joined
