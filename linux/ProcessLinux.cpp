@@ -3,15 +3,16 @@
 #define OQ_LOG_FILE ".//ProcessLinux"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <poll.h>
+#include <limits.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "LinuxInternal.h"
@@ -19,11 +20,12 @@
 namespace
 {
 
-const int cPollMilliseconds = 10;
-const int cCannotRun = 127;  // exit code of a child that was to run a program and could not
+const int cCannotRun = 127;              // exit code of a child that was to run a program and could not
+const long cPollNanoseconds = 10000000;  // how often a child is looked at of which the system says nothing
+const pid_t cNoGroup = INT_MAX;  // no process group has this number: it is above the system's largest process id
 
-/// A thread that is asked to end does not end while it starts a program: a cancellation point in the vfork child would
-/// unwind the parent's stack, one in the parent would lose the child.
+/// Disables cancellation while a program is started: a cancellation point in the vfork child would unwind the parent's
+/// stack, and one in the parent would lose the child.
 class NoCancellation
 {
 public:
@@ -32,152 +34,178 @@ public:
     NoCancellation(const NoCancellation&) = delete;
     NoCancellation& operator=(const NoCancellation&) = delete;
 
+    /// Leaves cancellation disabled for good.
+    void keep() { mState = PTHREAD_CANCEL_DISABLE; }
+
 private:
     int mState;
 };
 
-/// A close-on-exec pipe between the caller and a child: the child's end closes when it runs a program or ends. It never
-/// blocks, so no signal interrupts it.
-class ExecPipe
+/// Blocks every signal of the calling thread.
+class NoSignals
 {
 public:
-    ExecPipe()
+    NoSignals()
     {
-        if (pipe2(mEnds, O_CLOEXEC | O_NONBLOCK) < 0) {
-            mEnds[0] = mEnds[1] = -1;
-        }
+        sigset_t lAll;
+        sigfillset(&lAll);
+        pthread_sigmask(SIG_SETMASK, &lAll, &mMask);
     }
-    ~ExecPipe()
-    {
-        const int lErrno = errno;  // of a start that failed
-        closeEnd(mEnds[0]);
-        closeEnd(mEnds[1]);
-        errno = lErrno;
-    }
-    ExecPipe(const ExecPipe&) = delete;
-    ExecPipe& operator=(const ExecPipe&) = delete;
+    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &mMask, NULL); }
+    NoSignals(const NoSignals&) = delete;
+    NoSignals& operator=(const NoSignals&) = delete;
 
-    bool isOpen() const { return 0 <= mEnds[0]; }
-
-    void report(int aError) const
-    {
-        const ssize_t lIgnored = write(mEnds[1], &aError, sizeof aError);  // there is room for it
-        static_cast<void>(lIgnored);
-    }
-
-    /// What the child reported, or 0.
-    int reported() const
-    {
-        int lError = 0;
-        const ssize_t lRead = read(mEnds[0], &lError, sizeof lError);
-        return 0 < lRead ? lError : 0;
-    }
-
-    /// In a child that may run a program later: leaves the write end to it, to be closed by that or by its end.
-    void leaveToChild()
-    {
-        closeEnd(mEnds[0]);
-        mEnds[1] = -1;
-    }
-
-    /// Waits until the child runs a program or ends. A child of another thread may have inherited the pipe and keep it
-    /// open for as long as it likes, so an end of file alone is not waited for: what counts is the child's own
-    /// descriptor, as far as the system shows it. Data is no sign: where the caller had closed its standard output, the
-    /// pipe may have that number, and the child print into it.
-    void waitFor(pid_t aChild)
-    {
-        const int lEnd = mEnds[1];
-        Target lOurs;
-        const bool lShown = 0 < readTarget(getpid(), lEnd, lOurs);
-        closeEnd(mEnds[1]);
-        struct pollfd lPoll = {mEnds[0], 0, 0};
-        while (poll(&lPoll, 1, cPollMilliseconds) <= 0 && !hasEnded(aChild) &&
-               !(lShown && hasReleased(aChild, lEnd, lOurs))) {
-        }
-    }
+    /// The mask of before.
+    const sigset_t& mask() const { return mMask; }
 
 private:
-    typedef char Target[64];  // what a descriptor is open on, such as "pipe:[4711]"
+    sigset_t mMask;
+};
 
-    static ssize_t readTarget(pid_t aProcess, int aDescriptor, Target& arTarget)
+/// Memory that the caller and its children both see, zero-filled.
+template <class T>
+class SharedWithChild
+{
+public:
+    SharedWithChild() : mMemory(mmap(NULL, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {}
+    ~SharedWithChild()
     {
-        char lPath[64];
-        snprintf(lPath, sizeof lPath, "/proc/%d/fd/%d", static_cast<int>(aProcess), aDescriptor);
-        memset(arTarget, 0, sizeof arTarget);
-        return readlink(lPath, arTarget, sizeof arTarget - 1);
-    }
-
-    /// A child whose descriptors may not be looked at (it has changed its user) has not released this one.
-    static bool hasReleased(pid_t aChild, int aDescriptor, const Target& acrOurs)
-    {
-        Target lTheirs;
-        return readTarget(aChild, aDescriptor, lTheirs) < 0 ? ENOENT == errno : 0 != strcmp(acrOurs, lTheirs);
-    }
-
-    static bool hasEnded(pid_t aChild)
-    {
-        siginfo_t lInfo;
-        lInfo.si_pid = 0;
-        return waitid(P_PID, static_cast<id_t>(aChild), &lInfo, WEXITED | WNOHANG | WNOWAIT) < 0 || 0 != lInfo.si_pid;
-    }
-
-    static void closeEnd(int& arEnd)
-    {
-        if (0 <= arEnd) {
-            close(arEnd);
-            arEnd = -1;
+        if (isMapped()) {
+            const int lErrno = errno;
+            munmap(mMemory, sizeof(T));
+            errno = lErrno;
         }
     }
+    SharedWithChild(const SharedWithChild&) = delete;
+    SharedWithChild& operator=(const SharedWithChild&) = delete;
 
-    int mEnds[2];
+    bool isMapped() const { return MAP_FAILED != mMemory; }
+    T* get() const { return static_cast<T*>(mMemory); }
+    /// Leaves it mapped.
+    void keep() { mMemory = MAP_FAILED; }
+
+private:
+    void* mMemory;
 };
+
+/// Gives the calling process the signal actions that a program has when it starts: handlers become the default action,
+/// ignored signals stay ignored.
+void dropHandlers()
+{
+    for (int lSignal = 1; lSignal < NSIG; ++lSignal) {
+        struct sigaction lAction;
+        if (0 == sigaction(lSignal, NULL, &lAction) && SIG_DFL != lAction.sa_handler && SIG_IGN != lAction.sa_handler) {
+            lAction.sa_handler = SIG_DFL;
+            lAction.sa_flags = 0;
+            sigaction(lSignal, &lAction, NULL);
+        }
+    }
+}
+
+/// Tells whether a child has ended. A child that somebody else has reaped has ended, too.
+bool hasEnded(pid_t aChild)
+{
+    siginfo_t lInfo;
+    lInfo.si_pid = 0;
+    return waitid(P_PID, static_cast<id_t>(aChild), &lInfo, WEXITED | WNOHANG | WNOWAIT) < 0 || 0 != lInfo.si_pid;
+}
+
+/// Tells whether a child runs a program of its own, by a request that Linux refuses in any case: with EACCES if the
+/// child has called execve() since its fork, and with EPERM if not. A child in another session is always refused with
+/// EPERM.
+bool runsProgram(pid_t aChild) { return setpgid(aChild, cNoGroup) < 0 && EACCES == errno; }
 
 /// Starts the program with vfork.
 /// \return the child's id, or -1 when there is no child; arError: 0, or why the child could not run the program
 ///
-/// The child shares this frame and every other of the caller, so it does nothing but try, say why not, and end: an
-/// exception thrown there would be handled on the stack that the suspended parent goes on with.
+/// The child shares this frame and all other memory of the caller, so it only tries, reports the error, and ends. An
+/// exception thrown there would be handled on the stack that the suspended parent continues with. A handler of the host
+/// would change the parent's memory, so every signal waits until the child has none.
 pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp, int& arError)
 {
-    ExecPipe lPipe;
-    volatile bool lShared = false;
-    volatile int lError = 0;
+    const SharedWithChild<volatile int> lError;
+    if (!lError.isMapped()) {
+        return -1;
+    }
+    volatile bool lSharesMemory = false;
+    const NoSignals lNoSignals;
     const pid_t lChild = vfork();
     if (0 == lChild) {
-        lShared = true;
+        lSharesMemory = true;
+        dropHandlers();
+        sigprocmask(SIG_SETMASK, &lNoSignals.mask(), NULL);
         execve(acPath, acArgv, acEnvp);
-        lError = errno;
-        lPipe.report(lError);
+        *lError.get() = errno;
         _exit(cCannotRun);
     }
-    arError = lError;
-    if (0 < lChild && !lShared && lPipe.isOpen()) {
-        // vfork was carried out as a fork: this memory is not the child's, and it may not have got that far yet.
-        // Without a descriptor to spare nothing can be learnt of it but its exit code.
-        lPipe.waitFor(lChild);
-        arError = lPipe.reported();
+    if (0 < lChild && !lSharesMemory) {
+        // The system carries out vfork as fork, as emulators do: the child has not got that far yet.
+        while (!runsProgram(lChild) && !hasEnded(lChild)) {
+            sched_yield();
+        }
     }
+    arError = *lError.get();
     return lChild;
 }
 
 void reap(pid_t aChild)
 {
-    // A handler of the caller may have been quicker: then there is nothing left to collect.
+    // A handler of the host may have been quicker: then there is nothing left to collect.
     while (waitpid(aChild, NULL, 0) < 0 && EINTR == errno) {
     }
 }
 
-/// Makes the child in which the failure of a program that cannot be run is thrown: one with memory of its own. As with
-/// vfork, the parent goes on when that child runs a program or ends; without a descriptor to spare, at once.
-/// \return the child's id in the parent, 0 in the child, -1 when there can be no such child
-pid_t forkFailedChild()
+/// Makes a lock that the kernel releases when its owner runs a program or ends.
+void initRobustLock(pthread_mutex_t* apLock)
 {
-    ExecPipe lPipe;
+    pthread_mutexattr_t lAttributes;
+    pthread_mutexattr_init(&lAttributes);
+    pthread_mutexattr_setpshared(&lAttributes, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&lAttributes, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_init(apLock, &lAttributes);
+    pthread_mutexattr_destroy(&lAttributes);
+}
+
+/// Waits until the child that takes this lock runs a program or ends. The kernel announces both through the lock. The
+/// child is looked at as well, every few milliseconds: it may end before it has the lock, and under an emulator nobody
+/// releases it.
+void waitFor(pid_t aChild, pthread_mutex_t* apLock)
+{
+    int lResult;
+    do {
+        timespec lDeadline;
+        clock_gettime(CLOCK_REALTIME, &lDeadline);
+        lDeadline.tv_nsec += cPollNanoseconds;
+        if (1000000000 <= lDeadline.tv_nsec) {
+            lDeadline.tv_nsec -= 1000000000;
+            ++lDeadline.tv_sec;
+        }
+        lResult = pthread_mutex_timedlock(apLock, &lDeadline);
+        if (0 == lResult) {
+            pthread_mutex_unlock(apLock);  // the child does not have it yet
+        }
+    } while (EOWNERDEAD != lResult && !runsProgram(aChild) && !hasEnded(aChild));
+    if (EOWNERDEAD == lResult) {
+        pthread_mutex_unlock(apLock);
+    }
+}
+
+/// Makes the child in which the failure of a program that cannot be run is thrown: one with memory of its own. As with
+/// vfork, the parent continues when that child runs a program or ends. What the child closes has no effect on that.
+/// \return the child's id in the parent, 0 in the child, -1 when there can be no such child
+pid_t forkThrowingChild()
+{
+    SharedWithChild<pthread_mutex_t> lHeldByChild;
+    if (!lHeldByChild.isMapped()) {
+        return -1;
+    }
+    initRobustLock(lHeldByChild.get());
     const pid_t lChild = fork();
     if (0 == lChild) {
-        lPipe.leaveToChild();
-    } else if (0 < lChild && lPipe.isOpen()) {
-        lPipe.waitFor(lChild);
+        pthread_mutex_lock(lHeldByChild.get());
+        lHeldByChild.keep();
+    } else if (0 < lChild) {
+        waitFor(lChild, lHeldByChild.get());
     }
     return lChild;
 }
@@ -187,14 +215,15 @@ pid_t forkFailedChild()
 int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp)
 {
     OQ_ENTERED();
-    fflush(stdin);  // standard input it is, not standard output
-    const NoCancellation lNoCancellation;
+    fflush(stdin);  // not stdout: callers rely on unflushed output staying in the buffer
+    NoCancellation lNoCancellation;
     int lError = 0;
     pid_t lChild = startProgram(acPath, acArgv, acEnvp, lError);
     if (0 != lError) {
         reap(lChild);
-        lChild = forkFailedChild();
+        lChild = forkThrowingChild();
         if (0 == lChild) {
+            lNoCancellation.keep();  // a cancelled child would run the exit handlers of its parent
             errno = lError;
             ErrorText lText;
             OQ_ERROR("Failed to exec child :%s", lText.get());
