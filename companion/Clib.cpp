@@ -27,8 +27,11 @@ template <class Leaf>
     throw Leaf(lpText, OQErrorCode<Leaf>::value);
 }
 
-struct Free {
-    void operator()(char* apMemory) const { free(apMemory); }
+/// What getline() allocates: also freed when the thread is cancelled while it reads.
+struct LineMemory {
+    ~LineMemory() { free(mText); }
+    char* mText = nullptr;
+    size_t mSize = 0;
 };
 
 struct Close {
@@ -63,10 +66,8 @@ int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine)
     if (!lFile) {
         return -1;
     }
-    char* lpLine = nullptr;
-    size_t lRoom = 0;
-    const ssize_t lLength = getline(&lpLine, &lRoom, lFile.get());
-    const std::unique_ptr<char, Free> lLine(lpLine);
+    LineMemory lLine;
+    const ssize_t lLength = getline(&lLine.mText, &lLine.mSize, lFile.get());
     if (0 != ferror(lFile.get()) || (lLength < 0 && 0 == feof(lFile.get()))) {  // the read failed, or the memory for it
         return -1;
     }
@@ -75,10 +76,10 @@ int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine)
         return 0;
     }
     // There is at least one character, or the file would have ended.
-    if ('\n' == lpLine[lLength - 1]) {
-        lpLine[lLength - 1] = '\0';
+    if ('\n' == lLine.mText[lLength - 1]) {
+        lLine.mText[lLength - 1] = '\0';
     }
-    arLine = lpLine;
+    arLine = lLine.mText;
     return 0;
 }
 

@@ -3,7 +3,9 @@
 #define OQ_LOG_FILE ".//MiscLinux"
 
 #include <arpa/inet.h>
+#include <cxxabi.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -136,7 +138,8 @@ void OsWaitForActivity(int aDescriptor, unsigned int aSeconds)
     OQ_LEFT();
 }
 
-// Exhausted memory leaves the buffers and the stream as they are: no more is cleaned up than is written here.
+// Exhausted memory leaves the buffers and the stream as they are: no more is cleaned up than is written here. A cancelled
+// thread leaves the stream, too: pclose() would wait until the command ends, and the thread with it.
 void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
 {
     OQ_ENTERED();
@@ -147,6 +150,8 @@ void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
         OQ_LEFT();
         return;
     }
+    // A program that another thread starts meanwhile would keep the pipe open and the command running.
+    fcntl(fileno(lpStream), F_SETFD, FD_CLOEXEC);
     char* const lpBuffer = allocateBuffer();
     char* lpWrite = lpBuffer;
     try {
@@ -167,6 +172,9 @@ void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
         pclose(lpStream);
         free(lpBuffer);
         OQ_LEFT();
+        throw;
+    } catch (const abi::__forced_unwind&) {
+        free(lpBuffer);
         throw;
     }
     pclose(lpStream);

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <regex.h>
 #include <sched.h>
@@ -1704,6 +1705,37 @@ TEST_F(CompanionTest, LineIsUntouchedWhenTheReadFailsInItsMiddle)
     EXPECT_EQ(EINTR, lErrno);
     EXPECT_STREQ("old text", lLine.get());
     close(lFifo);
+    unlink(lPath.c_str());
+}
+
+size_t allocatedBytes()
+{
+    const struct mallinfo2 lInfo = mallinfo2();
+    return lInfo.uordblks + lInfo.hblkhd;
+}
+
+TEST_F(CompanionTest, CancelledReadOfAFirstLineFreesWhatItHasRead)
+{
+    if (OQ_SANITIZED) {
+        GTEST_SKIP() << "the sanitizers have an allocator of their own";
+    }
+    const std::string lPath = path("fifo");
+    ASSERT_EQ(0, mkfifo(lPath.c_str(), 0600));
+    const size_t cLength = 1 << 20;
+    const size_t lBefore = allocatedBytes();
+    {
+        std::thread lReader([&] {
+            OQCString lLine("");
+            getFirstLineFromFile(lPath.c_str(), lLine);
+        });
+        const int lWriter = open(lPath.c_str(), O_WRONLY | O_CLOEXEC);
+        const std::string lHalfALine(cLength, 'x');
+        EXPECT_EQ(static_cast<ssize_t>(cLength), write(lWriter, lHalfALine.data(), cLength));
+        EXPECT_EQ(0, pthread_cancel(lReader.native_handle()));
+        lReader.join();
+        close(lWriter);
+    }
+    EXPECT_GT(lBefore + cLength / 2, allocatedBytes());
     unlink(lPath.c_str());
 }
 

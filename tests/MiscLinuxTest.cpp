@@ -934,6 +934,42 @@ TEST_F(ExecuteLinuxTest, RefusedPopenReturnsQuietly)
     EXPECT_EQ(0U, gTextCount);
 }
 
+/// One that another thread starts meanwhile would keep the pipe open, and a command that waits for its reader to leave
+/// would run on.
+TEST_F(ExecuteLinuxTest, StreamIsNotInheritedByProgramsThatAreStartedWhileTheCommandRuns)
+{
+    int lFlags = -1;
+    gBeforeRead = [&] { lFlags = fcntl(fileno(gStream), F_GETFD); };
+    EXPECT_EQ((Texts{"a"}), run("echo a"));
+    EXPECT_EQ(FD_CLOEXEC, lFlags);
+}
+
+#if !OQ_SANITIZED
+TEST_F(ExecuteLinuxTest, CancelledThreadFreesTheBufferAndLeavesTheStreamAndTheCommand)
+{
+    gBeforeRead = [] {
+        pthread_cancel(pthread_self());
+        pthread_testcancel();
+    };
+    pthread_t lThread;
+    ASSERT_EQ(0, pthread_create(
+                     &lThread, nullptr,
+                     [](void* apLines) -> void* {
+                         OsExecute("exit 5", *static_cast<OQCList<OQCString>*>(apLines));
+                         return nullptr;
+                     },
+                     &mLines));
+    void* lpResult = nullptr;
+    EXPECT_EQ(0, pthread_join(lThread, &lpResult));
+    EXPECT_EQ(PTHREAD_CANCELED, lpResult);
+    EXPECT_EQ(1U, gReadBufferFreed);
+    EXPECT_EQ((Lines{cExecute.entered(), cExecute.trace("Calling popen")}), logged());
+    EXPECT_EQ(0U, gCloses);
+    static Behind<int(FILE*)> lClose("pclose");
+    EXPECT_EQ(5 << 8, lClose(gStream));
+}
+#endif
+
 TEST_F(ExecuteLinuxTest, LineThatComesInPiecesIsJoined)
 {
     executePieces({"ab", "cd\ne", "f", "g\n\nhi", "\n", "last\n"});
