@@ -485,26 +485,30 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 
 /// Starts a program as a child process.
 ///
-/// **When the program cannot be run, this function returns twice**: in the parent, with the id of a child, and in that
-/// child, a copy of the parent with this one thread, where it throws. The caller catches OQCProcessCreationFailedEx,
-/// asks getpid() where it is, and in the child calls _exit(): whatever else the child does (returning from main,
-/// flushing streams, destructors) it does a second time. The parent returns once that child has run another program or
-/// ended. The error is seen by the parent as the exit code the child chose. The program that could not be run may have
-/// raised one more SIGCHLD in the parent. To wait for the child the parent needs two free descriptors: without them,
-/// and when the child closes descriptors it does not know, the parent goes on early.
+/// **When the program cannot be run, this function returns twice**: in the parent it returns the id of a child, and in
+/// that child, a copy of the parent with this one thread, it throws. The caller catches OQCProcessCreationFailedEx,
+/// compares getpid() with the number of before the call, and calls _exit() in the child: whatever else the child does
+/// (returning from main, flushing streams, destructors) happens a second time. Cancellation stays disabled in that child.
+/// The parent is suspended until the child runs another program or ends, whatever the child closes. The exit code of the
+/// child is all that the parent learns. Before that child the parent has reaped the one that could not run the program,
+/// so a handler for SIGCHLD may run once more.
 ///
-/// \posix fflush(stdin), pipe2(), vfork(), execve(); fork(), poll(), waitid() and waitpid() when the program cannot be
-/// run
+/// Until its program runs, a child is inside of this function and handles signals as its program will: handlers of the
+/// host do not run there, ignored signals stay ignored, and the signal mask is the caller's.
+///
+/// \posix fflush(stdin), mmap(), vfork(), sigaction(), execve(); fork(), waitpid(), pthread_mutex_timedlock(), setpgid()
+/// and waitid() when the program cannot be run
 /// \param[in] acPath path of the program
 /// \param[in] acArgv its arguments, ended by null; the first is its name by custom
 /// \param[in] acEnvp its environment ("NAME=value"), ended by null
-/// \return the child's process id, in the parent; the child must be collected with ProcessWait
-/// \throws OQCProcessCreationFailedEx 345, in the parent when vfork() fails, or fork() after a program that cannot be
-/// run; in the child when the program cannot be run
+/// \return the child's process id, in the parent; the caller reaps the child with ProcessWait
+/// \throws OQCProcessCreationFailedEx 345, in the parent when vfork() fails, when fork() fails after a program that
+/// cannot be run, or when there is no memory to share with the child; in the child when the program cannot be run
 /// \logs Traced, "Left" also before a throw; "Failed to create child :%s" or "Failed to exec child :%s" at error level.
-/// \threads Any. A thread that OsDestroyThread asks to end does not end in here.
-/// \trap Code that catches the exception runs in the child, too. Between its birth and its program the child runs in
-/// the parent's memory: a handler of the host that a signal to the whole group starts there works on the parent's data.
+/// \threads Any. Not a cancellation point.
+/// \trap Code that catches the exception runs in the child, too. In a host with a handler that reaps every child, the
+/// number of a child that could not run its program may already belong to a child of another thread: this function then
+/// waits for that one to end and reaps it.
 OQ_EXPORT int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp);
 
 /// Waits until a child process has ended.
@@ -553,15 +557,17 @@ OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 /// @{
 
 /// Runs a shell command and appends the lines of its standard output to a list.
-/// \posix popen(), pclose(); fread(), through ClibFread
+/// \posix popen(), fcntl(FD_CLOEXEC), pclose(); fread(), through ClibFread
 /// \param[in] acCommand for /bin/sh -c; its exit status is not reported
 /// \param[in,out] arLines the caller's list; lines are appended without their newline. Keeps the lines that came before
 ///                        a failure.
 /// \throws OQCReadFailedEx 328, everything released
-/// \throws OQCNoMemoryEx 2 "Out of Memory", with the buffers and the stream left open
+/// \throws OQCNoMemoryEx 2 "Out of Memory"; the buffers stay allocated, the stream stays open, and the command is not
+/// reaped
 /// \logs Traced, "Left" also before the OQCReadFailedEx, not before the OQCNoMemoryEx; all further lines, failures too,
 /// at trace level.
-/// \threads Any, one at a time for one list. A cancellation point.
+/// \threads Any, one at a time for one list. A cancellation point: a thread that is cancelled while it reads leaves the
+/// stream open and the command unreaped, because closing the stream waits until the command ends.
 /// \trap **A last line without a newline is dropped. A line of 3999 bytes or more ends the reading**: it and all after
 /// it are lost. A zero byte hides the rest of the read it arrived in. When popen() fails the list is unchanged and
 /// nothing is thrown. What the command writes to standard error goes to the host's.
