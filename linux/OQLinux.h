@@ -496,8 +496,8 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 /// Until its program runs, a child is inside of this function and handles signals as its program will: handlers of the
 /// host do not run there, ignored signals stay ignored, and the signal mask is the caller's.
 ///
-/// \posix fflush(stdin), mmap(), vfork(), sigaction(), execve(); fork(), waitpid(), pthread_mutex_timedlock(), setpgid()
-/// and waitid() when the program cannot be run
+/// \posix fflush(stdin), mmap(), vfork(), sigaction(), execve(); fork(), waitpid(), and a robust mutex
+/// when the program cannot be run
 /// \param[in] acPath path of the program
 /// \param[in] acArgv its arguments, ended by null; the first is its name by custom
 /// \param[in] acEnvp its environment ("NAME=value"), ended by null

@@ -11,8 +11,8 @@
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "LinuxInternal.h"
@@ -20,8 +20,8 @@
 namespace
 {
 
-const int cCannotRun = 127;              // exit code of a child that was to run a program and could not
-const long cPollNanoseconds = 10000000;  // how often a child is looked at of which the system says nothing
+const int cCannotRun = 127;  // exit code of a child that was to run a program and could not
+const useconds_t cWatchMicroseconds = 1000;
 const pid_t cNoGroup = INT_MAX;  // no process group has this number: it is above the system's largest process id
 
 /// Disables cancellation while a program is started: a cancellation point in the vfork child would unwind the parent's
@@ -115,6 +115,14 @@ bool hasEnded(pid_t aChild)
 /// EPERM.
 bool runsProgram(pid_t aChild) { return setpgid(aChild, cNoGroup) < 0 && EACCES == errno; }
 
+/// Waits until a child runs a program or ends, by looking at it: for systems that do not announce it.
+void watch(pid_t aChild)
+{
+    while (!runsProgram(aChild) && !hasEnded(aChild)) {
+        usleep(cWatchMicroseconds);
+    }
+}
+
 /// Starts the program with vfork.
 /// \return the child's id, or -1 when there is no child; arError: 0, or why the child could not run the program
 ///
@@ -139,10 +147,7 @@ pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp,
         _exit(cCannotRun);
     }
     if (0 < lChild && !lSharesMemory) {
-        // The system carries out vfork as fork, as emulators do: the child has not got that far yet.
-        while (!runsProgram(lChild) && !hasEnded(lChild)) {
-            sched_yield();
-        }
+        watch(lChild);  // the system carries out vfork as fork, as emulators do: the child may not have got that far
     }
     arError = *lError.get();
     return lChild;
@@ -166,26 +171,29 @@ void initRobustLock(pthread_mutex_t* apLock)
     pthread_mutexattr_destroy(&lAttributes);
 }
 
-/// Waits until the child that takes this lock runs a program or ends. The kernel announces both through the lock. The
-/// child is looked at as well, every few milliseconds: it may end before it has the lock, and under an emulator nobody
-/// releases it.
+/// Tells whether the kernel knows the robust locks of the calling thread. An emulator may accept such a lock and never
+/// release it.
+bool releasesRobustLocks()
+{
+    void* lpList;
+    size_t lSize;
+    return 0 == syscall(SYS_get_robust_list, 0, &lpList, &lSize);
+}
+
+/// Waits until the child that takes this lock runs a program or ends: the kernel releases the lock then.
 void waitFor(pid_t aChild, pthread_mutex_t* apLock)
 {
     int lResult;
-    do {
-        timespec lDeadline;
-        clock_gettime(CLOCK_REALTIME, &lDeadline);
-        lDeadline.tv_nsec += cPollNanoseconds;
-        if (1000000000 <= lDeadline.tv_nsec) {
-            lDeadline.tv_nsec -= 1000000000;
-            ++lDeadline.tv_sec;
-        }
-        lResult = pthread_mutex_timedlock(apLock, &lDeadline);
-        if (0 == lResult) {
-            pthread_mutex_unlock(apLock);  // the child does not have it yet
-        }
-    } while (EOWNERDEAD != lResult && !runsProgram(aChild) && !hasEnded(aChild));
-    if (EOWNERDEAD == lResult) {
+    while (0 == (lResult = pthread_mutex_trylock(apLock)) && !hasEnded(aChild)) {
+        pthread_mutex_unlock(apLock);  // the child does not have it yet
+        sched_yield();
+    }
+    if (EBUSY == lResult && releasesRobustLocks()) {
+        lResult = pthread_mutex_lock(apLock);
+    }
+    if (EBUSY == lResult) {
+        watch(aChild);
+    } else {
         pthread_mutex_unlock(apLock);
     }
 }
