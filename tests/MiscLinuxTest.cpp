@@ -644,6 +644,42 @@ TEST_F(WaitLinuxTest, ClosedDescriptorIsAFailedWait)
     expectOsFamily([&] { OsWaitForActivity(lClosed, 30); });
 }
 
+/// How many descriptors the kernel's table of this process holds before it grows.
+int descriptorTableSize()
+{
+    std::ifstream lStatus("/proc/self/status");
+    std::string lField;
+    int lSize = 0;
+    while (lStatus >> lField && "FDSize:" != lField) {
+    }
+    lStatus >> lSize;
+    return lSize;
+}
+
+/// In a child: its table is no larger than the descriptors need that its parent has open.
+TEST_F(WaitLinuxTest, ClosedDescriptorBeyondTheKernelsTableTimesOut)
+{
+    const int cTooLarge = 77;
+    const ChildResult lResult = inChild([] {
+        const int lSize = descriptorTableSize();
+        if (FD_SETSIZE <= lSize) {
+            _exit(cTooLarge);
+        }
+        EXPECT_FAILURE(OQCPipeWaitFailedEx, 332, "Bad file descriptor", OsWaitForActivity(lSize - 1, 0));
+        clearLog();
+        EXPECT_FAILURE(OQCTimeOutEx, 323, "Timed out", OsWaitForActivity(lSize, 0));
+        EXPECT_FAILURE(OQCTimeOutEx, 323, "Timed out", OsWaitForActivity(FD_SETSIZE - 1, 0));
+    });
+    if (cTooLarge == lResult.mExitStatus) {
+        GTEST_SKIP() << "the table holds every descriptor that can be waited for";
+    }
+    EXPECT_EQ(0, lResult.mExitStatus);
+    Lines lExpected = timeOutLines("0");
+    const Lines lSecond = timeOutLines("0");
+    lExpected.insert(lExpected.end(), lSecond.begin(), lSecond.end());
+    EXPECT_EQ(lExpected, lResult.mLines);
+}
+
 TEST_F(WaitLinuxTest, MinusOneIsNoDescriptorAndWaitsOutItsTime)
 {
     const double lSeconds =

@@ -886,6 +886,19 @@ TEST_F(NamedPipeLinuxTest, ATimeOutPassesThroughTheWaitWithoutItsLeft)
         logged());
 }
 
+/// The wait does not tell a pipe that could not be opened from one without data.
+TEST_F(NamedPipeLinuxTest, AWaitForAPipeThatWasNotOpenedTimesOut)
+{
+    int lPipe = -1;
+    OsNamedPipeOpen(lPipe, mPath, OQFM_Mode1, OQPS_Blocking, OQCM_Client);
+    EXPECT_EQ(-1, lPipe);
+    clearLog();
+    EXPECT_FAILURE(OQCTimeOutEx, 323, "Timed out", OsNamedPipeWaitForActivity(lPipe, 0));
+    EXPECT_EQ(
+        (Lines{cWait.entered(), cActivity.entered(), cActivity.trace("No data within 0 seconds."), cActivity.left()}),
+        logged());
+}
+
 TEST_F(NamedPipeLinuxTest, AFailedWaitPassesThroughWithoutItsLeft)
 {
     const int lClosed = dup(STDERR_FILENO);  // a low number: the kernel overlooks those beyond its table

@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -1436,7 +1437,94 @@ TEST_F(ProcessLinuxTest, WaitBlocksUntilThatChildEnds)
     EXPECT_EQ(7, ProcessWait(lQuick, 0));
 }
 
-TEST_F(ProcessLinuxTest, WaitForAProcessThatIsNoChildThrowsWithItsDeliberateText)
+/// The child has ended and is still to be collected.
+void awaitEnd(pid_t aChild)
+{
+    siginfo_t lInfo;
+    EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(aChild), &lInfo, WEXITED | WNOWAIT));
+}
+
+TEST_F(ProcessLinuxTest, WaitForZeroOrANegativeNumberCollectsAChildOfThatGroupOrAnyChild)
+{
+    const auto lGrouped = [](int aExitCode) {
+        const pid_t lChild = childThat([=] {
+            setpgid(0, 0);
+            _exit(aExitCode);
+        });
+        setpgid(lChild, lChild);  // whichever of the two is first
+        awaitEnd(lChild);
+        return lChild;
+    };
+    const ChildResult lResult = inChild([&] {  // a process without other children
+        const pid_t lOther = lGrouped(3);
+        const pid_t lOwn = childThat([] { _exit(4); });
+        EXPECT_EQ(4, ProcessWait(0, 0));
+        EXPECT_EQ(-1, waitpid(lOwn, nullptr, WNOHANG));
+        EXPECT_EQ(3, ProcessWait(-lOther, 0));
+        EXPECT_THROW(ProcessWait(-lOther, 0), OQCProcessWaitFailedEx);
+        lGrouped(5);
+        EXPECT_EQ(5, ProcessWait(-1, 0));
+        EXPECT_THROW(ProcessWait(-1, 0), OQCProcessWaitFailedEx);
+        EXPECT_THROW(ProcessWait(0, 0), OQCProcessWaitFailedEx);
+    });
+    EXPECT_EQ(0, lResult.mExitStatus);
+}
+
+/// A failed start has one child more than it returns. Whether the start itself or the other thread collects it is a
+/// matter of chance, so this starts programs until the other thread has been first.
+TEST_P(ProcessCreateTest, WaitForAnyChildInAnotherThreadCollectsChildrenThatNobodyWasGiven)
+{
+    const ChildResult lResult = inChild([&] {
+        std::vector<pid_t> lCollected;
+        std::mutex lMutex;
+        std::atomic<bool> lEnd(false);
+        std::thread lThread([&] {
+            while (!lEnd) {
+                const pid_t lChild = waitpid(-1, nullptr, 0);
+                if (0 < lChild) {
+                    const std::lock_guard<std::mutex> lLock(lMutex);
+                    lCollected.push_back(lChild);
+                }
+            }
+        });
+        std::vector<pid_t> lGiven;
+        EXPECT_TRUE(eventually([&] {
+            lGiven.push_back(startInVain(cMissing, leave42));
+            while (waitpid(lGiven.back(), nullptr, 0) < 0 && ECHILD != errno) {
+            }
+            const std::lock_guard<std::mutex> lLock(lMutex);
+            return std::any_of(lCollected.begin(), lCollected.end(), [&](pid_t aChild) {
+                return lGiven.end() == std::find(lGiven.begin(), lGiven.end(), aChild);
+            });
+        }));
+        lEnd = true;
+        lThread.join();
+    });
+    EXPECT_EQ(0, lResult.mExitStatus);
+}
+
+/// The flush takes the lock of the stream, which a thread that reads holds for as long as it waits for input.
+TEST_P(ProcessCreateTest, StartWaitsWhileAnotherThreadHoldsTheStandardInputStream)
+{
+    Channel lHeld;
+    std::atomic<bool> lReleased(false);
+    gFlushes = 0;
+    std::thread lReader([&] {
+        flockfile(stdin);
+        lHeld.signal();
+        EXPECT_TRUE(eventually([] { return 0 < gFlushes; }));
+        usleep(30000);  // time for a start that does not wait to return
+        lReleased = true;
+        funlockfile(stdin);
+    });
+    lHeld.await();
+    const int lChild = ProcessCreate("/bin/true", cNoArguments, cNoEnvironment);
+    EXPECT_TRUE(lReleased);
+    lReader.join();
+    EXPECT_EQ(0, ProcessWait(lChild, 0));
+}
+
+TEST_F(ProcessLinuxTest, WaitForAProcessThatIsNoChildThrowsFailedToCreateProcess)
 {
     const pid_t lCollected = childThat([] { _exit(0); });
     EXPECT_EQ(0, ProcessWait(lCollected, 0));

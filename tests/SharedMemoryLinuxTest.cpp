@@ -1679,6 +1679,24 @@ TEST_F(SharedMemoryLinuxTransferTest, AClockSetBackBeforeTheStartEndsTheWaitAtOn
     }
 }
 
+TEST_F(SharedMemoryLinuxTransferTest, AClockSetForwardEndsTheWaitEarly)
+{
+    for (const int64_t lForward : {1000000, 3600000}) {
+        simulateTime();
+        clearLog();
+        (*mMapping)[0] = 0;
+        sClock.mAfterSleep = [&](size_t aSleeps) {
+            if (3 == aSleeps) {
+                sClock.mNow += lForward;
+                (*mMapping)[0] = 1;
+            }
+        };
+        EXPECT_FAILURE(OQCTimeOutEx, 323, cTimedOut, OsSharedMemoryWaitForActivity(mClient, 1000));
+        EXPECT_EQ((Lines{cWait.entered(), cWait.trace(cTimedOut)}), logged());
+        EXPECT_EQ(3U, sClock.mSleeps.size());
+    }
+}
+
 TEST_F(SharedMemoryLinuxTransferTest, AClockThatStandsOrGoesBackToTheStartKeepsTheWaitGoing)
 {
     simulateTime();
