@@ -221,7 +221,7 @@ enum OQEFileMode : unsigned char {
     OQFM_Mode1 = 1,  ///< O_RDWR with synchronous writes: does not wait for a peer
     OQFM_Mode2 = 2,  ///< the same
     OQFM_Mode3 = 3,  ///< the same
-    OQFM_Append = 4  ///< O_RDONLY and O_APPEND: cannot write; a blocking open waits for a writer
+    OQFM_Append = 4  ///< O_RDONLY, O_APPEND and synchronous writes: cannot write; a blocking open waits for a writer
 };
 
 /// Whether reads and writes on a descriptor block. Every value but OQPS_NonBlocking means blocking.
@@ -268,7 +268,8 @@ OQ_EXPORT void OsNamedPipeDestroy(const OQCString& acrPath, int& arPipe);
 /// \logs Traced; "Opening %s with %d flags". A refused mode "Invalid flags %d passed to open file", then "Left", before
 /// the throw. A file that cannot be opened: no line of its own.
 /// \threads Any. A cancellation point.
-/// \trap A failed open says nothing: set arPipe to -1 before the call.
+/// \trap A failed open says nothing: set arPipe to -1 before the call and test 0 <= arPipe after it. A wait for -1 does
+/// not fail, it times out.
 OQ_EXPORT void OsNamedPipeOpen(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState,
                                OQEConnectionMode aSide);
 
@@ -309,7 +310,7 @@ OQ_EXPORT void OsNamedPipeRead(int aPipe, unsigned char* apBuffer, unsigned int 
 /// \posix read(), through ClibBlockRead
 /// \param[in]  aPipe    descriptor
 /// \param[out] apBuffer receives the bytes; the caller's, at least aLength bytes
-/// \param[in]  aLength  how many bytes are wanted
+/// \param[in]  aLength  how many bytes to read
 /// \param[out] arDone   receives the bytes read; 0 when a read fails
 /// \nothrow
 /// \logs Traced; "Reading %u bytes".
@@ -340,6 +341,7 @@ OQ_EXPORT void OsNamedPipeWrite(int aPipe, const unsigned char* acData, unsigned
 /// \throws OQCPipeWaitFailedEx 332
 /// \logs Traced, without "Left" before a throw, and the lines of OsWaitForActivity in its name.
 /// \threads Any. A cancellation point.
+/// \trap As OsWaitForActivity: a pipe that was never opened may time out.
 OQ_EXPORT void OsNamedPipeWaitForActivity(int aPipe, unsigned int aSeconds);
 
 /// Closes a descriptor. A failure is ignored.
@@ -396,7 +398,8 @@ struct OQShmDesc {
 /// \param[in] aSide OQCM_Server or OQCM_Client; another is a broken precondition, "false"
 /// \throws OQCOpenFailedEx 326, of shmget() (no segment, too small, no permission) and of shmat()
 /// \throws OQCClibStatFailedEx 173, for the server
-/// \throws OQCFileLockFailedEx 330, for the server: no privilege, or the limit of locked memory
+/// \throws OQCFileLockFailedEx 330, for the server, although no file is involved: the segment cannot be locked into
+/// memory, for lack of the privilege or at the limit of locked memory (RLIMIT_MEMLOCK)
 /// \logs Traced; no line before a throw.
 /// \threads Any, one at a time for one OQShmDesc.
 /// \trap A segment that was made stays in the system when a later step fails.
@@ -422,8 +425,8 @@ OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide
 /// \throws OQCTimeOutEx 323 "Timed out waiting on Shared Memory"
 /// \logs "Entered" and "Left" in the name of "sTimedWaitOnFlag"; a time-out logs its text, no "Left".
 /// \threads Any, one at a time for one OQShmDesc. A cancellation point.
-/// \trap A clock set back to before the wait began ends it, one set back by less lengthens it. The limit in
-/// milliseconds is computed in 32 bits, so 4294968 seconds and more wrap to a short wait.
+/// \trap A clock set forward shortens the wait. A clock set back to before the wait began ends it, one set back by less
+/// lengthens it. The limit in milliseconds is computed in 32 bits, so 4294968 seconds and more wrap to a short wait.
 OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigned int aSeconds);
 
 /// Places one message in the slot, waiting up to 3 seconds until it is free. The write is cancelled when a peer is not
@@ -437,8 +440,9 @@ OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigne
 /// \logs Traced, and the lines of the wait in the name of "sTimedWaitOnFlag". A cancelled write "Both Peers not ready..
 /// write would be canceled" (64, "-I-"). A time-out: no "Left".
 /// \threads Any, one at a time for one OQShmDesc. A cancellation point.
-/// \trap A cancelled write throws nothing: set arWritten to 0 before the call. With a shm_size below 6 the check of the
-/// length never fires and the caller writes past the segment.
+/// \trap A cancelled write throws nothing: set arWritten to 0 before the call. A clock that is set moves the 3 seconds,
+/// as for OsSharedMemoryWaitForActivity. With a shm_size below 6 the check of the length never fires and the caller
+/// writes past the segment.
 OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsigned int acLength,
                                    unsigned int& arWritten);
 
@@ -453,7 +457,7 @@ OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* ac
 /// \logs Traced; without a message that text, no "Left".
 /// \threads Any, one at a time for one OQShmDesc.
 /// \trap The rest of a message that is longer than the buffer is lost. A side that reads after its own write gets its
-/// own message.
+/// own message. With a shm_size below 6 the check of acLength never fires and the caller reads past the segment.
 OQ_EXPORT void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer, unsigned int acLength,
                                   unsigned int& arRead);
 
@@ -466,15 +470,17 @@ OQ_EXPORT void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer,
 /// Waits until a descriptor is readable (data, end of file, a pending connection). Nothing is read. Signals do not end
 /// the wait and do not lengthen it.
 /// \posix select()
-/// \param[in] aDescriptor 0 to 1023. -1 names no descriptor and waits out its time; a lesser one fails.
+/// \param[in] aDescriptor an open one, 0 to 1023
 /// \param[in] aSeconds    longest wait in seconds; 0 polls; at most 2147483647 where time_t has 32 bits (more fails)
 /// \throws OQCTimeOutEx 323 "Timed out"
-/// \throws OQCPipeWaitFailedEx 332, for a bad descriptor and the like
+/// \throws OQCPipeWaitFailedEx 332, for instance for a closed descriptor, except as below, and for -2 and less
 /// \logs Traced, "Left" also before a throw; "Data is available now."; "No data within %u seconds."; for each signal
 /// "The select() call was interrupted.. Ignoring" (64, "-I-"). A failure one line.
 /// \threads Any. A cancellation point.
-/// \trap A descriptor above 1023 is the caller's breach: where the C library checks (as in release builds) it ends the
-/// process.
+/// \trap Two wrong descriptors time out instead of failing: -1, and a closed one beyond the kernel's descriptor table
+/// (256 and above in most programs; the table grows with the highest descriptor that is opened). Set a closed
+/// descriptor to -1, and test 0 <= descriptor before the wait. A descriptor above 1023 is the caller's breach: where
+/// the C library checks (as in release builds) it ends the process.
 OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 
 /// @}
@@ -513,7 +519,8 @@ OQ_EXPORT int ProcessCreate(const char* acPath, char* const* acArgv, char* const
 
 /// Waits until a child process has ended.
 /// \posix waitpid()
-/// \param[in] aPid    the child's id
+/// \param[in] aPid    the child's id. As for waitpid(), 0 waits for any child of the caller's process group, -1 for any
+///                    child, and a number below -1 for any child of the group -aPid.
 /// \param[in] aUnused accepted and ignored
 /// \return its exit code (0 to 255), or -1 when a signal ended it
 /// \throws OQCProcessWaitFailedEx 345 "Failed to create process" (the text is that, although a wait failed), for
@@ -522,7 +529,9 @@ OQ_EXPORT int ProcessCreate(const char* acPath, char* const* acArgv, char* const
 /// exited normally, with exit code: %d". A child ended by a signal, and a failed wait, one line at error level.
 /// \threads Any. A cancellation point.
 /// \trap The wait is not resumed after a signal that has a handler: the throw then says nothing about the child. A
-/// caller who handles signals blocks them around the wait, or calls again while the child is his.
+/// caller who handles signals blocks them around the wait, or calls again while the child is his. After a wait for 0 or
+/// a negative number nothing tells which child ended, and it may be one that another thread waits for, or one that
+/// nobody was given (see ProcessCreate). Wait for ids.
 OQ_EXPORT int ProcessWait(int aPid, unsigned int aUnused);
 
 /// Installs a signal handler for the whole process. Every other signal is blocked while the handler runs.
@@ -547,7 +556,8 @@ OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 /// checked against a strict pattern, such as 1 to 15 letters, digits, dots, underscores and hyphens, the first no
 /// hyphen (longer ones match nothing; a dot matches any character). What the shell and pgrep complain of goes to the
 /// host's standard error. A file that the caller cannot rewrite answers as it stands: whoever may write it gives the
-/// answer.
+/// answer. Where the file is a FIFO, the call waits until somebody reads it, perhaps for ever: examine the file with
+/// lstat() before, and do not call when it is neither missing nor a regular file.
 OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 
 /// @}
@@ -650,7 +660,8 @@ enum OQEOperatingSystem : unsigned char {
 /// \param[in,out] arAddresses the caller's list; addresses in host byte order, the first number in the highest byte.
 ///                            Keeps the addresses that came before a failure.
 /// \throws OQCGetIpAddressFailEx 347, when the lookup fails (with the system's error text for the number in h_errno),
-/// and "No non-loopback IP Address configured on system" when there is no such address
+/// and "No non-loopback IP Address configured on system" when there is no such address. A resolver's entry without a
+/// list of addresses is a broken precondition, "lpHostEntry->h_addr_list != __null".
 /// \throws OQCNoMemoryEx 2 "Out of Memory"
 /// \logs Traced; each examined address ("IP Address #%u - %s") and each one used. A failed lookup one line, then
 /// "Left", before the throw; no such address a line with that text (1, "-H-"), no "Left"; the process goes on.
@@ -663,7 +674,7 @@ OQ_EXPORT void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses);
 /// Stores the first IPv4 address of the host that is not loopback (127.x.y.z).
 /// \posix gethostbyname(), inet_ntoa(); gethostname(), through ClibGethostname
 /// \param[in,out] arAddress receives it, in host byte order; untouched when this throws
-/// \throws OQCGetIpAddressFailEx 347, as OsGetAllIpAddresses
+/// \throws OQCGetIpAddressFailEx 347, as OsGetAllIpAddresses; the same broken precondition
 /// \logs As OsGetAllIpAddresses.
 /// \threads One at a time, with all other users of gethostbyname() and inet_ntoa(): the whole process shares their
 /// result. A cancellation point.

@@ -44,7 +44,7 @@ void OsStartThread(unsigned long& arThread, void* apArgument, void* (*apRoutine)
     }
 }
 
-// Wanted empty: the portable interface has the name, this platform starts threads with OsStartThread alone.
+// Intentionally empty: the function exists so that callers link. Threads are started with OsStartThread alone.
 void OsCreateThread(unsigned long&, void*, void* (*)(void*)) {}
 
 void OsWaitForExit(unsigned long const& acrThread)

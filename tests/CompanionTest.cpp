@@ -1535,9 +1535,19 @@ TEST_F(CompanionTest, GethostnameIsTheHostsName)
     EXPECT_EQ(0, ClibGethostname(lName, sizeof lName));
     EXPECT_STREQ(lExpected, lName);
     EXPECT_NE('\0', lName[0]);
+}
+
+TEST_F(CompanionTest, GethostnameCutsANameThatDoesNotFitAndDoesNotTerminateIt)
+{
+    char lExpected[128] = "";
+    char lName[128];
+    ASSERT_EQ(0, gethostname(lExpected, sizeof lExpected));
+    memset(lName, '#', sizeof lName);
     errno = 0;
     EXPECT_EQ(-1, ClibGethostname(lName, 1));
     EXPECT_EQ(ENAMETOOLONG, errno);
+    EXPECT_EQ(lExpected[0], lName[0]);
+    EXPECT_EQ('#', lName[1]);
 }
 
 TEST_F(CompanionTest, MemoryFunctionsReturnTheDestination)

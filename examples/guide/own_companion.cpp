@@ -67,14 +67,14 @@ template <class Leaf>
 [[noreturn]] static void throwErrorText()
 {
     char lText[512];
-    throw Leaf(ClibStrerror(lText, sizeof lText), OQErrorCode<Leaf>::value);
+    const char* const lpText = ClibStrerror(lText, sizeof lText);  // "throw" allocates, which may change errno
+    throw Leaf(lpText, OQErrorCode<Leaf>::value);
 }
 
 unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream)
 {
-    clearerr(apStream);
     const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
-    if (0 == lItems && 0 != ferror(apStream)) {
+    if (0 != ferror(apStream)) {  // also when items arrived before the error
         throwErrorText<OQCReadFailedEx>();
     }
     return static_cast<unsigned int>(lItems);

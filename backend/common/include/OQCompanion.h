@@ -2,15 +2,19 @@
 /// The companion runtime: what the layer calls and does not bring along.
 ///
 /// libOQLinux.so leaves every function and class of this header unresolved. The host process carries them, either in
-/// the product's own runtime or in libOQCompanion.so of this project; a host that lacks one is told its name by the
-/// loader. Every function may be called from several threads at once.
+/// a runtime of its own or in libOQCompanion.so of this project; a host that lacks one is told its name by the loader.
 ///
-/// A host that brings its own runtime keeps three promises on which the layer's failure paths rest:
-/// - PrintLogMessageWithTimeStamp() and ClibStrerror() leave errno as they found it: the layer takes an error text,
-///   logs a line and takes the text again for the exception;
-/// - both never throw and can be called in a child of fork() while other threads of the parent were in them (so they
-///   hold no lock that such a child would find taken);
-/// - ClibStrcpy() bears a source that is its destination.
+/// A host that brings its own runtime keeps seven promises on which the layer relies:
+/// 1. PrintLogMessageWithTimeStamp() and ClibStrerror() leave errno as they found it: the layer takes an error text,
+///    logs a line and takes the text again for the exception.
+/// 2. Both never throw.
+/// 3. Both can be called in a child of fork() while other threads of the parent were in them: they hold no lock that
+///    such a child would find taken.
+/// 4. Every function is thread-safe.
+/// 5. ClibStrcpy() accepts a source that is its destination.
+/// 6. ClibFread() throws OQCReadFailedEx and ClibStat() throws OQCClibStatFailedEx; the other wrappers report as the
+///    functions that they wrap, with errno.
+/// 7. The counter is atomic.
 #ifndef OQ_COMPANION_H
 #define OQ_COMPANION_H
 
@@ -163,7 +167,7 @@ OQ_EXPORT int ClibRead(int aDescriptor, void* apBuffer, unsigned int aCount);
 /// \posix read()
 /// \param[in]  aDescriptor open for reading
 /// \param[out] apBuffer    receives the bytes
-/// \param[in]  aCount      how many bytes are wanted
+/// \param[in]  aCount      how many bytes to read
 /// \return bytes read, fewer than aCount only at end of data; or -1 when a read fails, whatever had arrived before it
 /// \nothrow
 /// \silent
@@ -247,10 +251,12 @@ OQ_EXPORT void ClibSleepMS(unsigned long aMilliseconds);
 /// \posix gethostname()
 /// \param[out] apBuffer receives the name
 /// \param[in]  aSize    size of the buffer in bytes
-/// \return 0, or -1; a name that does not fit is cut
+/// \return 0, or -1 when the name does not fit
 /// \nothrow
 /// \silent
 /// \threads Any.
+/// \trap A name that does not fit is cut and not terminated: clear the buffer first, and pass one byte less than its
+/// size.
 OQ_EXPORT int ClibGethostname(char* apBuffer, unsigned int aSize);
 
 /// Copies bytes; the two places do not overlap.
