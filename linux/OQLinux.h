@@ -614,6 +614,8 @@ enum OQEFileLockStatus : unsigned char {
 /// \throws OQCFileLockFailedEx 330
 /// \logs Traced, "Left" also before the throw; "Going to lock file". A failure one line.
 /// \threads Any; they do not exclude each other.
+/// \trap Every failed attempt logs an error line. A program that waits for a lock asks OsFileLockStatus and tries when
+/// the region reads as unlocked.
 OQ_EXPORT void OsLockFile(int aDescriptor);
 
 /// Unlocks the region, locked or not.

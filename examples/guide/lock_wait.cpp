@@ -1,0 +1,69 @@
+// Waits for a file lock. A failed OsLockFile logs an error line, so this asks first and locks what reads as unlocked.
+
+#include <OQLinux.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+/// \param[in] aFile open for writing
+/// \return whether this process got the lock within so many milliseconds
+static bool lockWithin(int aFile, unsigned int aMilliseconds)
+{
+    for (unsigned int lWaited = 0;; ++lWaited) {
+        OQEFileLockStatus lStatus = OQFLS_Locked;
+        OsFileLockStatus(aFile, lStatus);  // logs no error line
+        if (OQFLS_Unlocked == lStatus) {
+            try {
+                OsLockFile(aFile);
+                return true;
+            } catch (const OQCFileLockFailedEx&) {
+                // Another process was quicker: one error line.
+            }
+        }
+        if (aMilliseconds <= lWaited) {  // a closed descriptor reads as locked for ever
+            return false;
+        }
+        ClibSleepMS(1);
+    }
+}
+
+/// The other process: holds the lock until the pipe from its parent ends.
+[[noreturn]] static void holdLock(int aFile, int aReady, int aEnd)
+{
+    OsLockFile(aFile);
+    char lByte = 0;
+    const bool lTold = 1 == write(aReady, &lByte, 1);
+    _exit(lTold && 0 == read(aEnd, &lByte, 1) ? 0 : 1);
+}
+
+int main()
+{
+    char lPath[] = "/tmp/lock_wait-XXXXXX";
+    const int lFile = mkstemp(lPath);
+    int lReady[2];
+    int lEnd[2];
+    if (lFile < 0 || pipe(lReady) < 0 || pipe(lEnd) < 0) {
+        perror("lock_wait");
+        return 1;
+    }
+    unlink(lPath);
+    const pid_t lOther = fork();
+    if (lOther < 0) {
+        perror("lock_wait: fork");
+        return 1;
+    }
+    if (0 == lOther) {
+        close(lEnd[1]);
+        holdLock(lFile, lReady[1], lEnd[0]);
+    }
+    try {
+        OsWaitForActivity(lReady[0], 30);
+        printf("while another process holds it: %s\n", lockWithin(lFile, 20) ? "locked" : "not locked");
+        close(lEnd[1]);
+        printf("when that process ends: %s\n", lockWithin(lFile, 30000) ? "locked" : "not locked");
+        return ProcessWait(lOther, 0);
+    } catch (const OQCException& acrFailure) {
+        fprintf(stderr, "lock_wait: %s (%u)\n", acrFailure.what(), acrFailure.code());
+        return 1;
+    }
+}
