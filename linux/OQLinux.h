@@ -502,8 +502,8 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 /// Until its program runs, a child is inside of this function and handles signals as its program will: handlers of the
 /// host do not run there, ignored signals stay ignored, and the signal mask is the caller's.
 ///
-/// \posix fflush(stdin), mmap(), vfork(), sigaction(), execve(); fork(), waitpid(), and a robust mutex
-/// when the program cannot be run
+/// \posix fflush(stdin), mmap(), vfork(), sigaction(), execve(); fork(), waitpid() and a robust mutex when the program
+/// cannot be run
 /// \param[in] acPath path of the program
 /// \param[in] acArgv its arguments, ended by null; the first is its name by custom
 /// \param[in] acEnvp its environment ("NAME=value"), ended by null
@@ -512,9 +512,10 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 /// cannot be run, or when there is no memory to share with the child; in the child when the program cannot be run
 /// \logs Traced, "Left" also before a throw; "Failed to create child :%s" or "Failed to exec child :%s" at error level.
 /// \threads Any. Not a cancellation point.
-/// \trap Code that catches the exception runs in the child, too. In a host with a handler that reaps every child, the
-/// number of a child that could not run its program may already belong to a child of another thread: this function then
-/// waits for that one to end and reaps it.
+/// \trap Code that catches the exception runs in the child, too. The call waits while another thread reads from stdin:
+/// the flush needs the lock of the stream. A program that cannot be run costs a child whose id nobody is given. A thread
+/// that waits for any child, or a handler that reaps every child, may collect that one: it ignores ids that it does not
+/// know. If the id then already belongs to a child of another thread, this function waits for that child and reaps it.
 OQ_EXPORT int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp);
 
 /// Waits until a child process has ended.

@@ -959,7 +959,7 @@ TEST_P(ProcessCreateTest, ProgramThatRunsIsWaitedForOnlyWhereVforkCopies)
 }
 #endif
 
-TEST_F(ProcessLinuxTest, EveryErrorOfTheManualPageOfWaitpidIsAFailedWaitWithItsDeliberateText)
+TEST_F(ProcessLinuxTest, EveryErrorOfTheManualPageOfWaitpidThrowsFailedToCreateProcess)
 {
     for (const int lError : {EAGAIN, ECHILD, EINTR, EINVAL, ESRCH}) {
         clearLog();
