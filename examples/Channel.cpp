@@ -38,12 +38,12 @@ bool isLineCount(const std::string& acrNumber)
            std::stoul(acrNumber) <= cMostLines;
 }
 
-/// A hash (FNV-1a) of the name, positive as the layer demands. Two names with the same hash would share a segment: of
-/// two names the chance is one in two thousand million.
-key_t keyOf(const std::string& acrName)
+/// A hash (FNV-1a) of a path, positive as the layer demands. Two paths with the same hash would share a segment: of two
+/// paths the chance is one in two thousand million. Other users can compute the key, so both sides ask isOwnSegment().
+key_t keyOf(const std::string& acrPath)
 {
     uint32_t lHash = 2166136261u;
-    for (const char lLetter : acrName) {
+    for (const char lLetter : acrPath) {
         lHash = (lHash ^ static_cast<unsigned char>(lLetter)) * 16777619u;
     }
     return static_cast<key_t>(std::max(lHash & 0x7fffffffu, 1u));
@@ -51,11 +51,11 @@ key_t keyOf(const std::string& acrName)
 
 }  // namespace
 
-Channel::Channel(const std::string& acrName)
-    : mLock(("/tmp/" + acrName + ".lock").c_str()),
-      mPipe(("/tmp/" + acrName + ".fifo").c_str()),
-      mTurn(("/tmp/" + acrName + ".ask").c_str()),
-      mKey(keyOf(acrName))
+Channel::Channel(const std::string& acrDirectory, const std::string& acrName)
+    : mLock((acrDirectory + "/" + acrName + ".lock").c_str()),
+      mPipe((acrDirectory + "/" + acrName + ".fifo").c_str()),
+      mTurn((acrDirectory + "/" + acrName + ".ask").c_str()),
+      mKey(keyOf(acrDirectory + "/" + acrName))
 {
 }
 

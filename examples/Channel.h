@@ -38,10 +38,10 @@ const unsigned short cSegmentSize = 4096;  // bytes, the layer's header included
 const unsigned int cMessageSize = cSegmentSize - sizeof(OQSSharedMemoryHeader);
 const unsigned int cPayloadSize = cMessageSize - sizeof(AnswerHeader);
 
-/// Where a daemon and its tools meet. Everything follows from one name, so that several daemons run side by side. For a
-/// demonstration that anybody can run, it is /tmp; a daemon of the system has a directory of its own below /run.
+/// Where a daemon and its tools meet. Everything follows from a private directory and a name, so that several daemons
+/// run side by side, also those of several users.
 struct Channel {
-    explicit Channel(const std::string& acrName);
+    Channel(const std::string& acrDirectory, const std::string& acrName);
 
     const OQCString mLock;  ///< locked by the daemon as long as it lives; holds its process id once it is ready
     const OQCString mPipe;  ///< FIFO of the requests

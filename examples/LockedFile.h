@@ -19,17 +19,19 @@ public:
     LockedFile& operator=(const LockedFile&) = delete;
 
     /// Opens and locks the file; does not wait.
-    /// \return false when another process holds the lock. Throws: std::runtime_error when the file cannot be opened.
+    /// \return false when another process holds the lock. Throws: std::runtime_error when the file cannot be opened, or
+    /// is not one that openOwnFile() accepts.
     bool tryLock(Missing aMissing);
 
     /// Gives the lock up.
     void release();
 
+    /// \return whether the path still names the locked file: a lock on a removed file keeps nobody out
+    bool isStillNamed() const;
+
     int descriptor() const { return mDescriptor; }
 
 private:
-    bool isStillNamed() const;
-
     const OQCString mPath;
     int mDescriptor;
 };

@@ -50,15 +50,23 @@ std::string operatingSystem()
     return std::string(OQOS_Linux == lFamily ? "Linux" : "unknown") + ": " + lRelease.get() + "\n";
 }
 
-/// All callers of the host share one result file, so the file itself is locked while it is in use. One that cannot be
-/// written to would keep the answer to an older question: then there is none.
+/// All callers of the host share one result file, so the file itself is locked while it is in use. Another user's file
+/// would carry that user's answer: LockedFile does not open it.
 std::string processState(const std::string& acrName)
 {
     LockedFile lTurn(cRunningFile);
     if (!waitUntil(cRunningPatience, [&] { return lTurn.tryLock(LockedFile::Create); })) {
         throw std::runtime_error(std::string(cRunningFile) + " is in use");
     }
-    return acrName + (1 == isProcessRunning(acrName.c_str()) ? " is running\n" : " is not running\n");
+    if (1 == isProcessRunning(acrName.c_str())) {
+        return acrName + " is running\n";
+    }
+    // The result is 0 also when pgrep cannot be run or the disk is full. The pattern "." matches every process, and this
+    // one runs.
+    if (1 != isProcessRunning(".")) {
+        throw std::runtime_error(std::string("pgrep cannot be run, or cannot write ") + cRunningFile);
+    }
+    return acrName + " is not running\n";
 }
 
 }  // namespace

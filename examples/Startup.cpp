@@ -10,7 +10,9 @@ std::string takeOptions(Words& arWords, Options& arOptions)
     while (!arWords.empty() && '-' == arWords.front()[0]) {
         const std::string lOption = arWords.front();
         arWords.erase(arWords.begin());
-        if ("--trace" == lOption) {
+        if ("--help" == lOption) {
+            arOptions.mHelp = true;
+        } else if ("--trace" == lOption) {
             arOptions.mTrace = true;
         } else if ("--detach" == lOption) {
             arOptions.mDetach = true;

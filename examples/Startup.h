@@ -11,6 +11,7 @@ struct Options {
     bool mTrace = false;          ///< --trace: every log line, not only the important ones
     std::string mLogFile;         ///< --log: where the daemon's lines go; empty: standard error
     bool mDetach = false;         ///< --detach: the daemon leaves its starter's session
+    bool mHelp = false;           ///< --help: the usage is printed, and nothing else is done
 };
 
 typedef std::vector<std::string> Words;

@@ -4,7 +4,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,6 +16,7 @@
 #include "Channel.h"
 #include "LockedFile.h"
 #include "OQCompanionSettings.h"
+#include "Ownership.h"
 #include "Startup.h"
 
 namespace
@@ -49,43 +49,48 @@ struct Failure : std::runtime_error {
 // ---- The daemon as seen from outside --------------------------------------------------------------------------------
 
 struct Daemon {
-    bool mAlive;
-    int mPid;  ///< 0 while it starts
+    int mPid;     ///< 0: none lives
+    bool mReady;  ///< serves requests
 };
 
-/// The lock tells whether a daemon lives, whatever a killed one has left in the file.
+/// The lock says whether a daemon lives, whatever a killed one has left in the file, and the system says who holds it:
+/// the number in the file alone could be that of any process.
 Daemon findDaemon(const Channel& acrChannel)
 {
-    const int lFile = ClibOpen(acrChannel.mLock.get(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0);
+    const char* const lpPath = acrChannel.mLock.get();
+    const int lFile = openOwnFile(acrChannel.mLock, O_RDONLY);
     if (lFile < 0) {
         if (ENOENT != errno) {
-            throw Failure(std::string("cannot open ") + acrChannel.mLock.get() + ": " + systemError());
+            throw Failure(std::string("cannot open ") + lpPath + ": " + systemError());
         }
-        return Daemon{false, 0};
+        return Daemon{0, false};
     }
-    OQEFileLockStatus lStatus;
-    OsFileLockStatus(lFile, lStatus);
+    struct flock lLock = {};  // from the beginning to the end
+    lLock.l_type = F_WRLCK;
+    char lNumber[16] = "";
+    const bool lRead = 0 == fcntl(lFile, F_GETLK, &lLock) && 0 <= pread(lFile, lNumber, sizeof lNumber - 1, 0);
+    const std::string lError = systemError();
     ClibClose(lFile);
-    if (OQFLS_Locked != lStatus) {
-        return Daemon{false, 0};
+    if (!lRead) {
+        throw Failure(std::string("cannot read ") + lpPath + ": " + lError);
     }
-    OQCString lLine("");
-    long lPid = 0;
-    if (0 == getFirstLineFromFile(acrChannel.mLock, lLine)) {
-        lPid = strtol(lLine.get(), NULL, 10);
+    if (F_UNLCK == lLock.l_type) {
+        return Daemon{0, false};
     }
-    // Whoever may write the file could name any process, or a group of them by a negative number.
-    return Daemon{true, 0 < lPid && lPid <= INT_MAX ? static_cast<int>(lPid) : 0};
+    if (lLock.l_pid <= 0) {
+        throw Failure(std::string(lpPath) + " is locked by a process that is not visible from here");
+    }
+    return Daemon{lLock.l_pid, lLock.l_pid == strtol(lNumber, NULL, 10)};
 }
 
 Daemon findReadyDaemon(const Channel& acrChannel)
 {
     const Daemon lDaemon = findDaemon(acrChannel);
-    if (!lDaemon.mAlive) {
+    if (0 == lDaemon.mPid) {
         throw Failure("hostd is not running");
     }
-    if (0 == lDaemon.mPid) {
-        throw Failure("hostd is starting; try again");
+    if (!lDaemon.mReady) {
+        throw Failure("hostd, process " + std::to_string(lDaemon.mPid) + ", is starting; try again");
     }
     return lDaemon;
 }
@@ -136,9 +141,9 @@ int createDaemon(const Options& acrOptions)
 
 int start(const Options& acrOptions)
 {
-    const Channel lChannel(acrOptions.mName);
+    const Channel lChannel(privateDirectory(), acrOptions.mName);
     const Daemon lRunning = findDaemon(lChannel);
-    if (lRunning.mAlive) {
+    if (0 != lRunning.mPid) {
         throw Failure("hostd is already running, process " + std::to_string(lRunning.mPid));
     }
     const int lChild = createDaemon(acrOptions);
@@ -146,7 +151,8 @@ int start(const Options& acrOptions)
     int lStatus = 0;
     bool lEnded = false;
     const bool lKnown = waitUntil(cStartPatience, [&] {
-        lReady = lChild == findDaemon(lChannel).mPid;
+        const Daemon lNow = findDaemon(lChannel);
+        lReady = lChild == lNow.mPid && lNow.mReady;
         // The layer waits for a child without a bound only; this asks, and does not wait.
         lEnded = !lReady && lChild == waitpid(lChild, &lStatus, WNOHANG);
         return lReady || lEnded;
@@ -170,15 +176,12 @@ int start(const Options& acrOptions)
 
 int stop(const Options& acrOptions)
 {
-    const Channel lChannel(acrOptions.mName);
+    const Channel lChannel(privateDirectory(), acrOptions.mName);
     const Daemon lDaemon = findReadyDaemon(lChannel);
     if (OsKill(lDaemon.mPid, SIGTERM) < 0) {
         throw Failure("cannot signal process " + std::to_string(lDaemon.mPid) + ": " + systemError());
     }
-    const bool lEnded = waitUntil(cStopPatience, [&] {
-        const Daemon lNow = findDaemon(lChannel);
-        return !lNow.mAlive || (0 != lNow.mPid && lNow.mPid != lDaemon.mPid);
-    });
+    const bool lEnded = waitUntil(cStopPatience, [&] { return lDaemon.mPid != findDaemon(lChannel).mPid; });
     if (!lEnded) {
         throw Failure("hostd, process " + std::to_string(lDaemon.mPid) +
                       ", has not ended after 10 seconds; is it stopped?");
@@ -202,15 +205,12 @@ public:
         } catch (const OQCException& acrFailure) {
             throw Failure(std::string("cannot open hostd's mailbox: ") + acrFailure.what());
         }
-    }
-    ~Mailbox()
-    {
-        try {
-            OsSharedMemoryClose(mSegment, OQCM_Client);
-        } catch (const OQCException&) {
-            // The process is about to end, which detaches the segment.
+        if (!isOwnSegment(mSegment.shm_id)) {
+            close();
+            throw Failure("the mailbox belongs to another user");
         }
     }
+    ~Mailbox() { close(); }
     Mailbox(const Mailbox&) = delete;
     Mailbox& operator=(const Mailbox&) = delete;
 
@@ -244,6 +244,15 @@ public:
     }
 
 private:
+    void close()
+    {
+        try {
+            OsSharedMemoryClose(mSegment, OQCM_Client);
+        } catch (const OQCException&) {
+            // The process is about to end, which detaches the segment.
+        }
+    }
+
     OQShmDesc mSegment;
 };
 
@@ -266,6 +275,7 @@ void sendRequest(const Channel& acrChannel, const std::string& acrRequest)
     if (lPipe < 0) {
         throw Failure(std::string("cannot open ") + acrChannel.mPipe.get() + ": " + systemError());
     }
+    checkOwnFifo(lPipe, acrChannel.mPipe);
     const bool lSent = waitUntil(cPipePatience, [&] {
         unsigned int lDone = 0;  // keeps this value when there is no room
         OsNamedPipeWrite(lPipe, reinterpret_cast<const unsigned char*>(acrRequest.data()),
@@ -322,7 +332,7 @@ std::string receiveAnswer(const Channel& acrChannel, const Daemon& acrDaemon, Ma
 
 int ask(const Options& acrOptions, const std::string& acrVerb, const std::string& acrArgument)
 {
-    const Channel lChannel(acrOptions.mName);
+    const Channel lChannel(privateDirectory(), acrOptions.mName);
     findReadyDaemon(lChannel);
     LockedFile lTurn(lChannel.mTurn);
     if (!waitUntil(cTurnPatience, [&] { return lTurn.tryLock(LockedFile::Refuse); })) {
@@ -343,6 +353,12 @@ int ask(const Options& acrOptions, const std::string& acrVerb, const std::string
 }
 
 // ---- Words ----------------------------------------------------------------------------------------------------------
+
+int usage()
+{
+    fputs(cUsage, stdout);
+    return 0;
+}
 
 int wrongWords(const std::string& acrReason)
 {
@@ -381,12 +397,18 @@ int run(Words& arWords)
     if (!lWrong.empty()) {
         return wrongWords(lWrong);
     }
+    if (lOptions.mHelp) {
+        return usage();
+    }
     if (arWords.empty()) {
         return wrongWords("no command");
     }
     const std::string lCommand = arWords.front();
     arWords.erase(arWords.begin());
     lWrong = takeOptions(arWords, lOptions);  // options may stand behind the command as well
+    if (lWrong.empty() && lOptions.mHelp) {
+        return usage();
+    }
     const bool lStart = "start" == lCommand;
     if (lWrong.empty() && (lOptions.mDetach || (!lStart && !lOptions.mLogFile.empty()))) {
         lWrong = "this option is not for " + lCommand;

@@ -4,6 +4,7 @@
 // answers through a shared-memory mailbox. Everything the daemon makes is owned by an object whose destructor removes
 // it: what was made last goes first, on a failed start as on an ordered end.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -12,19 +13,21 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <stdexcept>
 
 #include "AnswerWriter.h"
 #include "Channel.h"
 #include "LockedFile.h"
 #include "OQCompanionSettings.h"
+#include "Ownership.h"
 #include "RequestParser.h"
 #include "RequestQueue.h"
 #include "Services.h"
 #include "Startup.h"
 
 #define HOSTD_LOG(level, tag, ...) PrintLogMessageWithTimeStamp(level, tag, __LINE__, __func__, ".//hostd", __VA_ARGS__)
-#define HOSTD_ERROR(...) HOSTD_LOG(OQLL_Error, "-E-", __VA_ARGS__)
+#define HOSTD_ERROR(...) (HOSTD_LOG(OQLL_Error, "-E-", __VA_ARGS__), countError())
 #define HOSTD_INFORMATION(...) HOSTD_LOG(OQLL_Information, "-I-", __VA_ARGS__)
 #define HOSTD_TRACE(...) HOSTD_LOG(OQLL_Trace, "-T-", __VA_ARGS__)
 
@@ -34,6 +37,64 @@ namespace
 const unsigned int cUsualLevels = OQLL_Halt | OQLL_Error | OQLL_Information;
 const unsigned int cAllLevels = cUsualLevels | OQLL_Trace;
 const unsigned int cIdleSeconds = 1;  // how long an end that was asked for may go unnoticed
+const unsigned int cMostErrors = 30;  // error lines of one minute
+
+const char* const cUsage = "usage: hostd [--name NAME] [--trace] [--log FILE] [--detach]\n";
+
+// ---- Log ------------------------------------------------------------------------------------------------------------
+
+std::atomic<unsigned int> sErrors(0);  // error lines of this minute
+
+unsigned int levelsOf(const Options& acrOptions) { return acrOptions.mTrace ? cAllLevels : cUsualLevels; }
+
+/// Requests and garbage come at any rate, but lines about them must not fill the disk. The levels silence the layer's
+/// own lines as well.
+void countError()
+{
+    if (cMostErrors == ++sErrors) {
+        HOSTD_LOG(OQLL_Error, "-E-", "%u errors within a minute: no further line of this minute is logged",
+                  cMostErrors);
+        SetLogLevels(0);
+    }
+}
+
+/// Begins a new minute when the last one is over; on the main thread.
+void resumeLog(const Options& acrOptions)
+{
+    typedef std::chrono::steady_clock Clock;
+    static Clock::time_point sBegin = Clock::now();
+    if (std::chrono::minutes(1) <= Clock::now() - sBegin) {
+        sBegin = Clock::now();
+        sErrors = 0;
+        SetLogLevels(levelsOf(acrOptions));
+    }
+}
+
+/// A write to the log never waits: a reader that stalls misses lines, and the daemon still ends when it is asked to.
+void openLog(const Options& acrOptions)
+{
+    const int lFlags = O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    if (!acrOptions.mLogFile.empty()) {
+        const int lLog = ClibOpen(acrOptions.mLogFile.c_str(), lFlags | O_CREAT, 0640);
+        if (lLog < 0) {
+            throw std::runtime_error("cannot open " + acrOptions.mLogFile + ": " + systemError());
+        }
+        SetLogDescriptor(lLog);
+        SetLogLevels(cUsualLevels);
+    } else if (!acrOptions.mDetach) {  // else standard error is given up when the daemon is ready
+        // The flag belongs to the open file, which the starter shares: that of standard error stays as it is. Only a
+        // socket cannot be opened again.
+        const int lLog = ClibOpen("/proc/self/fd/2", lFlags, 0);
+        if (0 <= lLog) {
+            SetLogDescriptor(lLog);
+        } else if (ENXIO == errno) {
+            fcntl(STDERR_FILENO, F_SETFL, fcntl(STDERR_FILENO, F_GETFL) | O_NONBLOCK);
+        }
+    }
+    if (acrOptions.mTrace) {
+        SetLogLevels(cAllLevels);
+    }
+}
 
 // ---- Signals --------------------------------------------------------------------------------------------------------
 
@@ -58,11 +119,12 @@ void setSignalsBlocked(bool aBlocked)
 
 // ---- What the daemon owns -------------------------------------------------------------------------------------------
 
-/// The lock that keeps a second daemon of this name out.
+/// The lock that keeps a second daemon of this name out. Whoever holds the lock on the named file owns all files of the
+/// name, and the segment.
 class Instance
 {
 public:
-    explicit Instance(const OQCString& acrPath) : mPath(acrPath), mLock(acrPath)
+    explicit Instance(const OQCString& acrPath) : mPath(acrPath), mLock(acrPath), mOwned(true)
     {
         if (!mLock.tryLock(LockedFile::Create)) {
             throw std::runtime_error("another hostd of this name is running");
@@ -76,8 +138,28 @@ public:
     /// Removed while it is locked: whoever opened it before finds, once it has the lock, that the name is gone.
     ~Instance()
     {
-        ClibUnlink(mPath.get());
+        if (ownsName()) {
+            ClibUnlink(mPath.get());
+        }
         mLock.release();
+    }
+    Instance(const Instance&) = delete;
+    Instance& operator=(const Instance&) = delete;
+
+    bool isNamed() const { return mLock.isStillNamed(); }
+
+    /// Whether the files are still this daemon's to remove. When a cleaner has removed the lock file, a second daemon may
+    /// have started and made its own: unless it holds the new lock, this one takes it.
+    bool ownsName()
+    {
+        if (mOwned && !mLock.isStillNamed()) {
+            try {
+                mOwned = mLock.tryLock(LockedFile::Create);
+            } catch (const std::runtime_error&) {
+                // The directory is gone, so there is no second daemon.
+            }
+        }
+        return mOwned;
     }
 
     /// Tells everybody the process id, and thereby that requests are served.
@@ -93,43 +175,49 @@ public:
 private:
     const OQCString mPath;
     LockedFile mLock;
+    bool mOwned;
 };
 
 /// The file by whose lock tools take turns. The daemon only makes and removes it.
 class TurnFile
 {
 public:
-    explicit TurnFile(const OQCString& acrPath) : mPath(acrPath)
+    TurnFile(const OQCString& acrPath, Instance& arInstance) : mPath(acrPath), mInstance(arInstance)
     {
-        const int lDescriptor = ClibOpen(mPath.get(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
+        const int lDescriptor = openOwnFile(mPath, O_RDWR | O_CREAT);
         if (lDescriptor < 0) {
             throw std::runtime_error(std::string("cannot make ") + mPath.get() + ": " + systemError());
         }
         ClibClose(lDescriptor);
     }
-    ~TurnFile() { ClibUnlink(mPath.get()); }
+    ~TurnFile()
+    {
+        if (mInstance.ownsName()) {
+            ClibUnlink(mPath.get());
+        }
+    }
     TurnFile(const TurnFile&) = delete;
     TurnFile& operator=(const TurnFile&) = delete;
 
 private:
     const OQCString mPath;
+    Instance& mInstance;
 };
 
 /// The FIFO through which requests come.
 class RequestPipe
 {
 public:
-    explicit RequestPipe(const OQCString& acrPath) : mPath(acrPath), mPipe(-1)
+    RequestPipe(const OQCString& acrPath, Instance& arInstance) : mPath(acrPath), mInstance(arInstance), mPipe(-1)
     {
         try {
             OsNamedPipeCreate(mPath, mPipe);
         } catch (const OQCCreateFailedEx& acrFailure) {
             throw std::runtime_error(std::string("cannot make ") + mPath.get() + ": " + acrFailure.what());
         }
-        // Any existing file is accepted by that call; a FIFO left by a killed daemon may be, anything else is not ours.
+        // That call accepts any existing file. Only a FIFO can be one that a killed daemon has left.
         struct stat lInfo;
-        ClibStat(mPath.get(), &lInfo);
-        if (!S_ISFIFO(lInfo.st_mode)) {
+        if (lstat(mPath.get(), &lInfo) < 0 || !S_ISFIFO(lInfo.st_mode)) {
             throw std::runtime_error(std::string(mPath.get()) + " exists and is no FIFO");
         }
         OsNamedPipeOpen(mPipe, mPath, OQFM_Mode1, OQPS_NonBlocking, OQCM_Server);
@@ -138,15 +226,20 @@ public:
             OsNamedPipeDestroy(mPath, mPipe);
             throw std::runtime_error(std::string("cannot open ") + mPath.get() + ": " + lError);
         }
+        checkOwnFifo(mPipe, mPath);
         fcntl(mPipe, F_SETFD, FD_CLOEXEC);  // commands that the daemon runs have no business with it
     }
     ~RequestPipe()
     {
         OsNamedPipeClose(mPipe, OQCM_Server);
-        OsNamedPipeDestroy(mPath, mPipe);
+        if (mInstance.ownsName()) {
+            OsNamedPipeDestroy(mPath, mPipe);
+        }
     }
     RequestPipe(const RequestPipe&) = delete;
     RequestPipe& operator=(const RequestPipe&) = delete;
+
+    bool isNamed() const { return ::isNamed(mPipe, mPath); }
 
     /// Waits for bytes and hands them to the parser; returns without any when none come within the idle time.
     void read(RequestParser& arParser) const
@@ -164,6 +257,7 @@ public:
 
 private:
     const OQCString mPath;
+    Instance& mInstance;
     int mPipe;
 };
 
@@ -171,7 +265,7 @@ private:
 class Mailbox
 {
 public:
-    explicit Mailbox(key_t aKey) : mSegment()
+    Mailbox(key_t aKey, Instance& arInstance) : mInstance(arInstance), mSegment()
     {
         mSegment.shm_key = aKey;
         mSegment.shm_size = cSegmentSize;
@@ -181,16 +275,23 @@ public:
         } catch (const OQCException& acrFailure) {
             // A failed open undoes nothing: the segment may have been made, and then it is to be removed. The layer
             // removes only segments that were opened.
-            if (0 <= mSegment.shm_id) {
+            if (isOwnSegment(mSegment.shm_id)) {
                 shmctl(mSegment.shm_id, IPC_RMID, NULL);
+            } else if (0 <= mSegment.shm_id) {
+                throw std::runtime_error(cForeign);
             }
             throw std::runtime_error(std::string("cannot open the mailbox: ") + acrFailure.what());
+        }
+        if (!isOwnSegment(mSegment.shm_id)) {  // root's open accepts every segment
+            OsSharedMemoryClose(mSegment, OQCM_Client);
+            throw std::runtime_error(cForeign);
         }
     }
     ~Mailbox()
     {
         try {
-            OsSharedMemoryClose(mSegment, OQCM_Server);
+            // A client's close leaves the segment in place.
+            OsSharedMemoryClose(mSegment, mInstance.ownsName() ? OQCM_Server : OQCM_Client);
         } catch (const OQCException& acrFailure) {
             HOSTD_ERROR("cannot close the mailbox: %s", acrFailure.what());
         }
@@ -201,6 +302,10 @@ public:
     OQShmDesc& segment() { return mSegment; }
 
 private:
+    static constexpr const char* cForeign =
+        "another user has made a segment with the mailbox's key; choose another name";
+
+    Instance& mInstance;
     OQShmDesc mSegment;
 };
 
@@ -245,13 +350,18 @@ private:
                 lrWorker.serve(lJob);
             }
         } catch (const OQCException& acrFailure) {
-            HOSTD_ERROR("the worker halts: %s", acrFailure.what());
-            lrWorker.mHalted = true;
+            lrWorker.halt(acrFailure.what());
         } catch (const std::exception& acrFailure) {
-            HOSTD_ERROR("the worker halts: %s", acrFailure.what());
-            lrWorker.mHalted = true;
+            lrWorker.halt(acrFailure.what());
         }
         return NULL;
+    }
+
+    void halt(const char* acReason)
+    {
+        SetLogLevels(cUsualLevels);  // many errors may have silenced the log
+        HOSTD_ERROR("the worker halts: %s", acReason);
+        mHalted = true;
     }
 
     /// One answer. Only failures of the halt family, or exhausted memory, get out of here.
@@ -318,24 +428,6 @@ private:
 
 // ---- Start and end --------------------------------------------------------------------------------------------------
 
-/// Until the daemon is ready, whoever started it is told in one line what goes wrong; log lines on standard error would
-/// only repeat it.
-void openLog(const Options& acrOptions)
-{
-    SetLogLevels(0);
-    if (!acrOptions.mLogFile.empty()) {
-        const int lLog = ClibOpen(acrOptions.mLogFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
-        if (lLog < 0) {
-            throw std::runtime_error("cannot open " + acrOptions.mLogFile + ": " + systemError());
-        }
-        SetLogDescriptor(lLog);
-        SetLogLevels(cUsualLevels);
-    }
-    if (acrOptions.mTrace) {
-        SetLogLevels(cAllLevels);
-    }
-}
-
 /// Lets go of what belongs to the starter, which may be waiting for the end of this process's output.
 void detachDescriptors(int aNull)
 {
@@ -348,10 +440,14 @@ void detachDescriptors(int aNull)
 int serve(const Options& acrOptions)
 {
     setSignalsBlocked(true);
-    openLog(acrOptions);
+    // Until the daemon is ready, its starter gets one line that says what went wrong. Log lines on standard error would
+    // only repeat it.
+    SetLogLevels(0);
     RegisterSignalHandler(SIGTERM, requestEnd);
     RegisterSignalHandler(SIGINT, requestEnd);
     RegisterSignalHandler(SIGPIPE, takeNote);  // a log that nobody reads any more
+    RegisterSignalHandler(SIGXFSZ, takeNote);  // a log that is as large as a file may become
+    openLog(acrOptions);
     const int lNull = ClibOpen("/dev/null", O_RDWR | O_CLOEXEC, 0);
     if (lNull < 0) {
         throw std::runtime_error("cannot open /dev/null: " + systemError());
@@ -363,11 +459,11 @@ int serve(const Options& acrOptions)
         }
     }
 
-    const Channel lChannel(acrOptions.mName);
-    const Instance lInstance(lChannel.mLock);
-    const TurnFile lTurn(lChannel.mTurn);
-    const RequestPipe lPipe(lChannel.mPipe);
-    Mailbox lMailbox(lChannel.mKey);
+    const Channel lChannel(privateDirectory(), acrOptions.mName);
+    Instance lInstance(lChannel.mLock);
+    const TurnFile lTurn(lChannel.mTurn, lInstance);
+    const RequestPipe lPipe(lChannel.mPipe, lInstance);
+    Mailbox lMailbox(lChannel.mKey, lInstance);
     RequestQueue lQueue;
     const Worker lWorker(lQueue, lMailbox.segment());
     Intake lIntake(lQueue);
@@ -377,15 +473,22 @@ int serve(const Options& acrOptions)
     if (acrOptions.mDetach) {
         detachDescriptors(lNull);
     }
-    SetLogLevels(acrOptions.mTrace ? cAllLevels : cUsualLevels);
+    SetLogLevels(levelsOf(acrOptions));
     HOSTD_INFORMATION("ready");
     setSignalsBlocked(false);
 
-    while (0 == sEndRequested && !lWorker.isHalted()) {
+    bool lNamed = true;
+    while (0 == sEndRequested && !lWorker.isHalted() && lNamed) {
         lPipe.read(lParser);
+        lNamed = lInstance.isNamed() && lPipe.isNamed();
+        resumeLog(acrOptions);
+    }
+    SetLogLevels(levelsOf(acrOptions));
+    if (!lNamed) {
+        HOSTD_ERROR("the lock file or the FIFO has been removed: no tool can find this daemon");
     }
     HOSTD_INFORMATION("ending");
-    return lWorker.isHalted() ? 1 : 0;
+    return lWorker.isHalted() || !lNamed ? 1 : 0;
 }
 
 int fail(const char* acReason)
@@ -407,8 +510,11 @@ int main(int aCount, char** apWords)
         lWrong = "unknown word " + lWords.front();
     }
     if (!lWrong.empty()) {
-        fprintf(stderr, "hostd: %s\nusage: hostd [--name NAME] [--trace] [--log FILE] [--detach]\n", lWrong.c_str());
+        fprintf(stderr, "hostd: %s\n%s", lWrong.c_str(), cUsage);
         return 2;
+    }
+    if (lOptions.mHelp) {
+        return fputs(cUsage, stdout) < 0 || 0 != fflush(stdout) ? fail(("cannot print: " + systemError()).c_str()) : 0;
     }
     try {
         return serve(lOptions);

@@ -8,9 +8,11 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,6 +30,7 @@
 #include "Channel.cpp"
 #include "LockedFile.cpp"
 #include "OQCompanionSettings.h"
+#include "Ownership.cpp"
 #include "RequestParser.cpp"
 #include "RequestQueue.cpp"
 
@@ -188,6 +191,17 @@ public:
         return acrCondition();
     }
 
+    /// Waits for the end of the program without reading its outputs. \return whether it came, and with this status
+    bool endsUnread(int aStatus)
+    {
+        int lStatus = -1;
+        if (!eventually([&] { return mPid == waitpid(mPid, &lStatus, WNOHANG); })) {
+            return false;
+        }
+        mPid = -1;
+        return WIFEXITED(lStatus) && aStatus == WEXITSTATUS(lStatus);
+    }
+
     /// Waits for the end of both outputs, then of the program.
     Result finish()
     {
@@ -211,6 +225,26 @@ private:
     pollfd mEnds[2];
     std::string mText[2];
 };
+
+/// The private directory of this program's daemons and tools. Tests of several programs run at once, and each has its
+/// own.
+class RuntimeDirectory : public testing::Environment
+{
+public:
+    void SetUp() override
+    {
+        char lDirectory[] = "/tmp/hostdtest.XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(lDirectory));
+        sPath = lDirectory;
+        setenv("XDG_RUNTIME_DIR", lDirectory, 1);
+    }
+    void TearDown() override { EXPECT_EQ(0, rmdir(sPath.c_str())); }
+
+    static std::string sPath;
+};
+
+std::string RuntimeDirectory::sPath;
+testing::Environment* const gRuntimeDirectory = testing::AddGlobalTestEnvironment(new RuntimeDirectory);
 
 /// One daemon's world: its name, its files, its tool.
 class Host
@@ -241,11 +275,11 @@ public:
 
     std::string name() const { return mName; }
     std::string directory() const { return mDirectory; }
-    std::string lock() const { return "/tmp/" + mName + ".lock"; }
-    std::string fifo() const { return "/tmp/" + mName + ".fifo"; }
-    std::string turn() const { return "/tmp/" + mName + ".ask"; }
+    std::string lock() const { return RuntimeDirectory::sPath + "/" + mName + ".lock"; }
+    std::string fifo() const { return RuntimeDirectory::sPath + "/" + mName + ".fifo"; }
+    std::string turn() const { return RuntimeDirectory::sPath + "/" + mName + ".ask"; }
     std::string log() const { return mDirectory + "/log"; }
-    key_t key() const { return Channel(mName).mKey; }
+    key_t key() const { return Channel(RuntimeDirectory::sPath, mName).mKey; }
 
     /// What is in the system under this name.
     Strings left() const
@@ -555,15 +589,16 @@ TEST(Channel, NamesAreStrictAndDecideEverything)
 {
     for (const char* lpName : {"a", "hostd", "A_b-9", "12345678901234567890123456789012"}) {
         EXPECT_TRUE(isChannelName(lpName)) << lpName;
-        EXPECT_LT(0, Channel(lpName).mKey);
+        EXPECT_LT(0, Channel("/run", lpName).mKey);
     }
     for (const char* lpName : {"", "a/b", "..", "a b", "a.b", "123456789012345678901234567890123"}) {
         EXPECT_FALSE(isChannelName(lpName)) << lpName;
     }
-    EXPECT_STREQ("/tmp/x.fifo", Channel("x").mPipe.get());
-    EXPECT_STREQ("/tmp/x.lock", Channel("x").mLock.get());
-    EXPECT_STREQ("/tmp/x.ask", Channel("x").mTurn.get());
-    EXPECT_NE(Channel("x").mKey, Channel("y").mKey);
+    EXPECT_STREQ("/run/x.fifo", Channel("/run", "x").mPipe.get());
+    EXPECT_STREQ("/run/x.lock", Channel("/run", "x").mLock.get());
+    EXPECT_STREQ("/run/x.ask", Channel("/run", "x").mTurn.get());
+    EXPECT_NE(Channel("/run", "x").mKey, Channel("/run", "y").mKey);
+    EXPECT_NE(Channel("/run/1", "x").mKey, Channel("/run/2", "x").mKey);
 }
 
 TEST(LockedFile, ALockOnAFileThatWasRemovedMeanwhileDoesNotCount)
@@ -747,9 +782,8 @@ TEST_F(Asked, TraceShowsTheLayersLinesOnStandardErrorOnly)
     EXPECT_EQ(0, lResult.mStatus);
     EXPECT_EQ("hi\n", lResult.mOut);
     size_t lAt = 0;
-    for (const char* lpCall :
-         {" OsFileLockStatus ", " OsLockFile ", " OsSharedMemoryOpen ", " OsNamedPipeOpen ", " OsNamedPipeWrite ",
-          " sTimedWaitOnFlag ", " OsSharedMemoryRead ", " OsSharedMemoryClose "}) {
+    for (const char* lpCall : {" OsLockFile ", " OsSharedMemoryOpen ", " OsNamedPipeOpen ", " OsNamedPipeWrite ",
+                               " sTimedWaitOnFlag ", " OsSharedMemoryRead ", " OsSharedMemoryClose "}) {
         lAt = lResult.mError.find(lpCall, lAt);
         EXPECT_NE(std::string::npos, lAt) << lpCall;
     }
@@ -1005,7 +1039,7 @@ TEST_F(Trouble, RefusedRequestsDisturbNobody)
     for (const std::string& acrBytes :
          {std::string("garbage\n"), std::string("\x02half a requ"), framed("tok nonsense"), framed(""),
           framed("tok echo a\tb"), framed("tok echo " + std::string(1000, 'x')), "\x02" + std::string(3000, 'y'),
-          std::string(100, '\0'), std::string(100, '\x02'), framed("tok running $(id)")}) {
+          std::string(100, '\0'), framed("tok running $(id)"), std::string(100, '\x02')}) {
         EXPECT_EQ(static_cast<ssize_t>(acrBytes.size()), mHost.writeRaw(acrBytes));
         mHost.expectAnswer("good\n", {"ask", "echo", "good"});
     }
@@ -1155,12 +1189,18 @@ TEST_F(Trouble, AFailedStartSaysWhyAndLeavesNothing)
     lExpect("cannot open the mailbox: Invalid argument", {"segment"});
     shmctl(lSegment, IPC_RMID, NULL);
 
+    ASSERT_EQ(0, symlink("/tmp/nowhere", mHost.fifo().c_str()));
+    lExpect(mHost.fifo() + " exists and is no FIFO", {mHost.fifo()});
+    unlink(mHost.fifo().c_str());
+
     mkdir(mHost.turn().c_str(), 0700);
     lExpect("cannot make " + mHost.turn() + ": Is a directory", {mHost.turn()});
     rmdir(mHost.turn().c_str());
 
     mkdir(mHost.lock().c_str(), 0700);
-    lExpect("cannot open " + mHost.lock() + ": Is a directory", {mHost.lock()});
+    mHost.expectFailure("hostctl: " + mHost.lock() + " is no regular file", {"start"});
+    Host::expectFailed("hostd: cannot open " + mHost.lock() + ": Is a directory",
+                       Process({HOSTD, "--name", mHost.name()}).finish());
     rmdir(mHost.lock().c_str());
 
     ASSERT_EQ(0, symlink("/tmp/nowhere", mHost.lock().c_str()));  // planted by somebody else
@@ -1219,6 +1259,427 @@ TEST_F(Trouble, ATracedDaemonWhoseReaderLeavesGoesOn)
     kill(lPid, SIGTERM);
     EXPECT_EQ(0, lDaemon->finish().mStatus);
     EXPECT_EQ(Strings{}, mHost.left());
+}
+
+// ---- Other users, cleaners, stalled readers and full disks ---------------------------------------------------------
+
+const uid_t cNobody = 65534;
+
+/// A lock file that this program made and locks, as somebody might who waits for a tool.
+class ForeignLock
+{
+public:
+    ForeignLock(const std::string& acrPath, const std::string& acrContent)
+        : mPath(acrPath), mFile(open(acrPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600))
+    {
+        EXPECT_EQ(static_cast<ssize_t>(acrContent.size()), write(mFile, acrContent.data(), acrContent.size()));
+        lseek(mFile, 0, SEEK_SET);
+        EXPECT_EQ(0, lockf(mFile, F_TLOCK, 0));
+    }
+    ~ForeignLock()
+    {
+        close(mFile);
+        unlink(mPath.c_str());
+    }
+    ForeignLock(const ForeignLock&) = delete;
+    ForeignLock& operator=(const ForeignLock&) = delete;
+
+    int file() const { return mFile; }
+
+private:
+    const std::string mPath;
+    const int mFile;
+};
+
+/// The turn of this program to use the result file of the whole host, and other names in /tmp that are fixed.
+class FixedNames
+{
+public:
+    FixedNames() : mLock(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+        while (0 != flock(mLock, LOCK_EX) && EINTR == errno) {
+        }
+        unlink("/tmp/.vyrsyscmd");
+    }
+    ~FixedNames()
+    {
+        unlink("/tmp/.vyrsyscmd");
+        close(mLock);
+    }
+    FixedNames(const FixedNames&) = delete;
+    FixedNames& operator=(const FixedNames&) = delete;
+
+private:
+    const int mLock;
+};
+
+/// Starts a daemon in the foreground and waits until it serves requests.
+std::unique_ptr<Process> foreground(
+    const Host& acrHost, const Strings& acrWords, const std::function<void()>& acrPrepare = [] {})
+{
+    Strings lWords = {HOSTD, "--name", acrHost.name()};
+    lWords.insert(lWords.end(), acrWords.begin(), acrWords.end());
+    std::unique_ptr<Process> lDaemon(new Process(lWords, NULL, acrPrepare));
+    EXPECT_TRUE(eventually([&] { return lDaemon->pid() == acrHost.pid(); }));
+    return lDaemon;
+}
+
+TEST_F(Trouble, StopSignalsNobodyButTheHolderOfTheLock)
+{
+    Process lVictim({"/bin/sleep", "600"});
+    const ForeignLock lLock(mHost.lock(), std::to_string(lVictim.pid()) + "\n");
+    const std::string lLine = "hostctl: hostd, process " + std::to_string(getpid()) + ", is starting; try again";
+    mHost.expectFailure(lLine, {"stop"});
+    mHost.expectFailure(lLine, {"ask", "echo", "x"});
+    EXPECT_FALSE(isGone(lVictim.pid()));
+}
+
+TEST_F(Trouble, StartNamesTheProcessThatHoldsTheLockAlsoWhileItStarts)
+{
+    const ForeignLock lLock(mHost.lock(), "");
+    mHost.expectFailure("hostctl: hostd is already running, process " + std::to_string(getpid()), {"start"});
+}
+
+TEST_F(Trouble, AHugeLockFileIsNotReadWhole)
+{
+    const ForeignLock lLock(mHost.lock(), "");
+    ASSERT_EQ(0, ftruncate(lLock.file(), 1L << 30));
+    mHost.expectFailure("hostctl: hostd, process " + std::to_string(getpid()) + ", is starting; try again", {"stop"});
+    rusage lUsage;
+    ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &lUsage));
+    EXPECT_GE(500L << 10, lUsage.ru_maxrss) << "KiB";
+}
+
+TEST_F(Trouble, ALockFileThatIsAFifoIsRefusedAtOnce)
+{
+    ASSERT_EQ(0, mkfifo(mHost.lock().c_str(), 0600));
+    for (const Strings& acrWords : {Strings{"start"}, Strings{"ask", "echo", "x"}, Strings{"stop"}}) {
+        const Clock::time_point lStart = Clock::now();
+        mHost.expectFailure("hostctl: " + mHost.lock() + " is no regular file", acrWords);
+        EXPECT_GE(20, secondsSince(lStart));
+    }
+    unlink(mHost.lock().c_str());
+}
+
+TEST_F(Trouble, ALockFileThatIsALinkIsNotFollowed)
+{
+    std::ofstream(mHost.log()) << "precious\n";
+    ASSERT_EQ(0, symlink(mHost.log().c_str(), mHost.lock().c_str()));
+    mHost.expectFailure("hostctl: cannot open " + mHost.lock() + ": Too many levels of symbolic links", {"stop"});
+    unlink(mHost.lock().c_str());
+    ASSERT_EQ(0, link(mHost.log().c_str(), mHost.lock().c_str()));
+    mHost.expectFailure("hostctl: " + mHost.lock() + " has a second name", {"start"});
+    EXPECT_EQ("precious\n", contentOf(mHost.log()));
+    unlink(mHost.lock().c_str());
+}
+
+TEST_F(Trouble, AnotherUsersLockFileIsRefused)
+{
+    if (0 != geteuid()) {
+        GTEST_SKIP() << "only root can make another user's file";
+    }
+    Process lVictim({"/bin/sleep", "600"});
+    const ForeignLock lLock(mHost.lock(), std::to_string(lVictim.pid()) + "\n");
+    ASSERT_EQ(0, chown(mHost.lock().c_str(), cNobody, cNobody));
+    for (const Strings& acrWords : {Strings{"start"}, Strings{"ask", "echo", "x"}, Strings{"stop"}}) {
+        mHost.expectFailure("hostctl: " + mHost.lock() + " belongs to another user", acrWords);
+    }
+}
+
+TEST_F(Trouble, ADirectoryThatOthersMayEnterIsRefused)
+{
+    const std::string lDirectory = mHost.directory() + "/shared";
+    ASSERT_EQ(0, mkdir(lDirectory.c_str(), 0755));
+    const auto lExpect = [&](const std::string& acrPath, const std::string& acrLine) {
+        const auto lPrepare = [&] { setenv("XDG_RUNTIME_DIR", acrPath.c_str(), 1); };
+        Host::expectFailed("hostctl: " + acrLine, Process(mHost.words({"stop"}), NULL, lPrepare).finish());
+        Host::expectFailed("hostd: " + acrLine, Process({HOSTD, "--name", mHost.name()}, NULL, lPrepare).finish());
+    };
+    const std::string lRefusal = "the directory " + lDirectory + " must belong to this user and have mode 0700";
+    lExpect(lDirectory, lRefusal);
+    if (0 == geteuid()) {
+        ASSERT_EQ(0, chmod(lDirectory.c_str(), 0700));
+        ASSERT_EQ(0, chown(lDirectory.c_str(), cNobody, cNobody));
+        lExpect(lDirectory, lRefusal);
+    }
+    rmdir(lDirectory.c_str());
+    lExpect(lDirectory, "cannot open the directory " + lDirectory + ": No such file or directory");
+    ASSERT_EQ(0, symlink(RuntimeDirectory::sPath.c_str(), lDirectory.c_str()));
+    lExpect(lDirectory, "cannot open the directory " + lDirectory + ": Not a directory");
+    unlink(lDirectory.c_str());
+}
+
+TEST_F(Trouble, WithoutARuntimeDirectoryEachUserHasOneBelowTmp)
+{
+    const FixedNames lTurn;  // also of this directory
+    const std::string lDirectory = "/tmp/hostd-" + std::to_string(geteuid());
+    const auto lRun = [&](const Strings& acrWords) {
+        return Process(mHost.words(acrWords), NULL, [] { unsetenv("XDG_RUNTIME_DIR"); }).finish();
+    };
+    EXPECT_EQ(0, lRun({"start"}).mStatus);
+    struct stat lInfo = {};
+    ASSERT_EQ(0, lstat(lDirectory.c_str(), &lInfo));
+    EXPECT_EQ(S_IFDIR | 0700u, lInfo.st_mode);
+    EXPECT_EQ(geteuid(), lInfo.st_uid);
+    EXPECT_TRUE(exists(lDirectory + "/" + mHost.name() + ".lock"));
+    EXPECT_EQ("x\n", lRun({"ask", "echo", "x"}).mOut);
+    EXPECT_EQ(0, lRun({"stop"}).mStatus);
+    rmdir(lDirectory.c_str());  // unless a daemon of this user has been there before
+}
+
+TEST_F(Trouble, ATurnFileOrAFifoOfAnotherKindIsRefused)
+{
+    mHost.start();
+    unlink(mHost.turn().c_str());
+    ASSERT_EQ(0, mkfifo(mHost.turn().c_str(), 0600));
+    mHost.expectFailure("hostctl: " + mHost.turn() + " is no regular file", {"ask", "echo", "x"});
+    mHost.stop();
+}
+
+TEST_F(Trouble, AMailboxOfAnotherUserIsRefused)
+{
+    if (0 != geteuid()) {
+        GTEST_SKIP() << "only root can make another user's segment";
+    }
+    const auto lMakeForeign = [&] {
+        const int lSegment = shmget(mHost.key(), cSegmentSize, IPC_CREAT | IPC_EXCL | 0666);
+        ASSERT_LE(0, lSegment);
+        shmid_ds lState;
+        ASSERT_EQ(0, shmctl(lSegment, IPC_STAT, &lState));
+        lState.shm_perm.uid = 0;  // whoever has made the segment can give it to its victim
+        ASSERT_EQ(0, shmctl(lSegment, IPC_SET, &lState));
+    };
+    const auto lAsNobody = [&] {
+        const pid_t lChild = fork();
+        if (0 == lChild) {
+            _exit(setresuid(cNobody, cNobody, 0) < 0 ? 1 : (lMakeForeign(), 0));
+        }
+        waitpid(lChild, NULL, 0);
+        ASSERT_LE(0, shmget(mHost.key(), 0, 0));
+    };
+    lAsNobody();
+    mHost.expectFailure("hostd: another user has made a segment with the mailbox's key; choose another name",
+                        {"start"});
+    EXPECT_EQ(Strings{"segment"}, mHost.left());
+    shmctl(shmget(mHost.key(), 0, 0), IPC_RMID, NULL);
+
+    mHost.start();
+    shmctl(shmget(mHost.key(), 0, 0), IPC_RMID, NULL);
+    lAsNobody();
+    mHost.expectFailure("hostctl: the mailbox belongs to another user", {"ask", "echo", "x"});
+    EXPECT_EQ(0, mHost.hostctl({"stop"}).mStatus);
+    EXPECT_TRUE(eventually([&] { return Strings{"segment"} == mHost.left(); }));
+    shmctl(shmget(mHost.key(), 0, 0), IPC_RMID, NULL);
+}
+
+TEST_F(Trouble, RunningIsAnErrorWhenPgrepFails)
+{
+    const FixedNames lTurn;
+    const std::string lPgrep = mHost.directory() + "/pgrep";
+    std::ofstream(lPgrep) << "#!/bin/sh\nexit 3\n";
+    chmod(lPgrep.c_str(), 0755);
+    const auto lDaemon =
+        foreground(mHost, {}, [&] { setenv("PATH", (mHost.directory() + ":" + getenv("PATH")).c_str(), 1); });
+    mHost.expectFailure("hostctl: hostd answered: pgrep cannot be run, or cannot write /tmp/.vyrsyscmd",
+                        {"ask", "running", "hostd"});
+    mHost.expectAnswer("x\n", {"ask", "echo", "x"});
+    lDaemon->kill(SIGTERM);
+    EXPECT_EQ(0, lDaemon->finish().mStatus);
+    unlink(lPgrep.c_str());
+}
+
+TEST_F(Trouble, RunningIsAnErrorWhenTheDiskIsFull)
+{
+    const FixedNames lTurn;
+    std::ofstream("/tmp/.vyrsyscmd").flush();
+    // The daemon's result file is one on a full disk.
+    const auto lFillDisk = [&] {
+        const std::string lFile = mHost.directory() + "/result";
+        const std::string lPage(4096, 'x');
+        if (unshare(CLONE_NEWNS) < 0 || mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) < 0 ||
+            mount("none", mHost.directory().c_str(), "tmpfs", 0, "size=4096") < 0 ||
+            !(std::ofstream(mHost.directory() + "/all") << lPage).flush() || (std::ofstream(lFile) << "x").flush() ||
+            mount(lFile.c_str(), "/tmp/.vyrsyscmd", NULL, MS_BIND, NULL) < 0) {
+            _exit(77);
+        }
+    };
+    Process lDaemon({HOSTD, "--name", mHost.name()}, NULL, lFillDisk);
+    if (!lDaemon.readUntil([&] { return contains(lDaemon.error(), " ready\n"); })) {
+        EXPECT_EQ(77, lDaemon.finish().mStatus);
+        GTEST_SKIP() << "no right to mount a disk";
+    }
+    for (const char* lpName : {"hostd", "no.such_proc-9"}) {
+        mHost.expectFailure("hostctl: hostd answered: pgrep cannot be run, or cannot write /tmp/.vyrsyscmd",
+                            {"ask", "running", lpName});
+    }
+    lDaemon.kill(SIGTERM);
+    EXPECT_EQ(0, lDaemon.finish().mStatus);
+}
+
+TEST_F(Trouble, RunningIsAnErrorWhenAnotherUserHasMadeTheFile)
+{
+    if (0 != geteuid()) {
+        GTEST_SKIP() << "only root can make another user's file";
+    }
+    const FixedNames lTurn;
+    std::ofstream("/tmp/.vyrsyscmd") << "4711\n";
+    ASSERT_EQ(0, chown("/tmp/.vyrsyscmd", cNobody, cNobody));
+    ASSERT_EQ(0, chmod("/tmp/.vyrsyscmd", 0666));
+    mHost.start();
+    mHost.expectFailure("hostctl: hostd answered: /tmp/.vyrsyscmd belongs to another user", {"ask", "running", "x"});
+    EXPECT_EQ("4711\n", contentOf("/tmp/.vyrsyscmd"));
+    mHost.stop();
+}
+
+TEST_F(Trouble, ADaemonWhoseFilesAreGoneSparesThoseOfItsSuccessor)
+{
+    const auto lFirst = foreground(mHost, {});
+    lFirst->kill(SIGSTOP);
+    for (const std::string& acrPath : {mHost.lock(), mHost.fifo(), mHost.turn()}) {
+        EXPECT_EQ(0, unlink(acrPath.c_str()));
+    }
+    mHost.start();
+    lFirst->kill(SIGCONT);
+    const Result lResult = lFirst->finish();
+    EXPECT_EQ(1, lResult.mStatus);
+    EXPECT_TRUE(contains(lResult.mError, " the lock file or the FIFO has been removed: no tool can find this daemon\n"))
+        << lResult.mError;
+    EXPECT_EQ((Strings{mHost.lock(), mHost.fifo(), mHost.turn(), "segment"}), mHost.left());
+    mHost.expectAnswer("second\n", {"ask", "echo", "second"});
+    mHost.stop();
+}
+
+TEST_F(Trouble, ADaemonWhoseFilesAreGoneLeavesNothingWhenItHasNoSuccessor)
+{
+    for (const std::string& acrPath : {mHost.lock(), mHost.fifo()}) {
+        const auto lDaemon = foreground(mHost, {});
+        EXPECT_EQ(0, unlink(acrPath.c_str()));
+        EXPECT_EQ(1, lDaemon->finish().mStatus);
+        EXPECT_EQ(Strings{}, mHost.left());
+    }
+}
+
+TEST_F(Trouble, ADaemonWhoseDirectoryIsGoneLeavesNothing)
+{
+    const std::string lDirectory = mHost.directory() + "/runtime";
+    ASSERT_EQ(0, mkdir(lDirectory.c_str(), 0700));
+    Process lDaemon({HOSTD, "--name", mHost.name()}, NULL, [&] { setenv("XDG_RUNTIME_DIR", lDirectory.c_str(), 1); });
+    ASSERT_TRUE(lDaemon.readUntil([&] { return contains(lDaemon.error(), " ready\n"); }));
+    const key_t lKey = Channel(lDirectory, mHost.name()).mKey;
+    EXPECT_LE(0, shmget(lKey, 0, 0));
+    std::filesystem::remove_all(lDirectory);
+    EXPECT_EQ(1, lDaemon.finish().mStatus);
+    EXPECT_GT(0, shmget(lKey, 0, 0));
+}
+
+/// Where the log of a daemon goes whose reader stalls.
+class Stalled : public Trouble, public testing::WithParamInterface<bool>
+{
+};
+
+TEST_P(Stalled, ReaderOfTheLogDoesNotKeepADaemonFromEnding)
+{
+    int lSockets[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, lSockets));
+    const auto lPrepare = [&] {
+        if (GetParam()) {
+            const int lSmall = 4608;
+            setsockopt(lSockets[0], SOL_SOCKET, SO_SNDBUF, &lSmall, sizeof lSmall);
+            dup2(lSockets[0], STDERR_FILENO);
+        } else {
+            fcntl(STDERR_FILENO, F_SETPIPE_SZ, 4096);
+        }
+    };
+    const auto lDaemon = foreground(mHost, {"--trace"}, lPrepare);
+    std::string lRequests;
+    for (int lRequest = 0; lRequest < 200; ++lRequest) {
+        lRequests += framed("t echo x");
+    }
+    EXPECT_EQ(static_cast<ssize_t>(lRequests.size()), mHost.writeRaw(lRequests));
+    lDaemon->kill(SIGTERM);
+    EXPECT_TRUE(lDaemon->endsUnread(0));
+    EXPECT_EQ(Strings{}, mHost.left());
+    close(lSockets[0]);
+    close(lSockets[1]);
+}
+
+INSTANTIATE_TEST_SUITE_P(By, Stalled, testing::Bool(), [](const testing::TestParamInfo<bool>& acrInfo) {
+    return std::string(acrInfo.param ? "Socket" : "Pipe");
+});
+
+TEST_F(Trouble, ALogWithoutAReaderDoesNotKeepADaemonFromFailing)
+{
+    ASSERT_EQ(0, mkfifo(mHost.log().c_str(), 0600));
+    mHost.expectFailure("hostd: cannot open " + mHost.log() + ": No such device or address",
+                        {"start", "--log", mHost.log()});
+    EXPECT_EQ(Strings{}, mHost.left());
+}
+
+TEST_F(Trouble, AFloodIsLoggedInFewLines)
+{
+    mHost.start();
+    // Garbage, refused requests with a token, and good requests whose answers nobody can take.
+    for (const std::string& acrKind : {std::string("x") + framed(""), framed("t nonsense"), framed("t echo x")}) {
+        std::string lFlood;
+        while (lFlood.size() < 20000) {
+            lFlood += acrKind;
+        }
+        EXPECT_EQ(static_cast<ssize_t>(lFlood.size()), mHost.writeRaw(lFlood));
+    }
+    EXPECT_TRUE(mHost.logs("30 errors within a minute: no further line of this minute is logged\n"));
+    EXPECT_TRUE(eventually([&] { return "next\n" == mHost.hostctl({"ask", "echo", "next"}).mOut; }));
+    mHost.stop();
+    const std::string lLog = contentOf(mHost.log());
+    EXPECT_TRUE(contains(lLog, " ending\n"));
+    EXPECT_GE(100u, countOf(lLog, "\n")) << lLog;
+}
+
+TEST_F(Trouble, ALogAtTheSizeLimitOfFilesDoesNotEndADaemon)
+{
+    const rlimit lSmall = {1000, 1000};
+    const auto lDaemon =
+        foreground(mHost, {"--trace", "--log", mHost.log()}, [&] { setrlimit(RLIMIT_FSIZE, &lSmall); });
+    for (const char* lpText : {"a", "b", "c"}) {
+        mHost.expectAnswer(std::string(lpText) + "\n", {"ask", "echo", lpText});
+    }
+    EXPECT_EQ(lSmall.rlim_cur, contentOf(mHost.log()).size()) << "the limit is reached";
+    lDaemon->kill(SIGTERM);
+    EXPECT_EQ(0, lDaemon->finish().mStatus);
+    EXPECT_EQ(Strings{}, mHost.left());
+}
+
+TEST_F(Trouble, CommandsOfADaemonIgnoreNoSignal)
+{
+    const std::string lDisks = mHost.directory() + "/df";
+    std::ofstream(lDisks) << "#!/bin/sh\ngrep SigIgn /proc/self/status\n";
+    chmod(lDisks.c_str(), 0755);
+    const auto lDaemon = foreground(mHost, {}, [&] {
+        setenv("PATH", (mHost.directory() + ":" + getenv("PATH")).c_str(), 1);
+        for (const int lSignal : {SIGPIPE, SIGXFSZ}) {
+            signal(lSignal, SIG_DFL);  // whatever this program was started with
+        }
+    });
+    const Result lResult = mHost.hostctl({"ask", "disks"});
+    unsigned long lIgnored = ~0UL;
+    EXPECT_EQ(1, sscanf(lResult.mOut.c_str(), "SigIgn: %lx", &lIgnored)) << lResult.mOut << lResult.mError;
+    EXPECT_EQ(0u, lIgnored & (1UL << (SIGPIPE - 1) | 1UL << (SIGXFSZ - 1)));
+    lDaemon->kill(SIGTERM);
+    EXPECT_EQ(0, lDaemon->finish().mStatus);
+    unlink(lDisks.c_str());
+}
+
+TEST_F(Trouble, HelpIsPrintedOnStandardOutput)
+{
+    for (const Strings& acrWords : {Strings{HOSTCTL, "--help"}, Strings{HOSTCTL, "ask", "--help"},
+                                    Strings{HOSTCTL, "stop", "--trace", "--help"}, Strings{HOSTD, "--help"}}) {
+        const Result lResult = Process(acrWords).finish();
+        EXPECT_EQ(0, lResult.mStatus);
+        EXPECT_EQ("usage: host", lResult.mOut.substr(0, 11));
+        EXPECT_EQ("", lResult.mError);
+        const Result lFull = Process(acrWords, "/dev/full").finish();
+        EXPECT_EQ(1, lFull.mStatus);
+        EXPECT_TRUE(contains(lFull.mError, ": cannot print: No space left on device\n")) << lFull.mError;
+    }
 }
 
 }  // namespace
