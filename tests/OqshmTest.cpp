@@ -14,6 +14,7 @@
 #include <iterator>
 #include <memory>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "TestKit.h"
@@ -371,7 +372,6 @@ TEST_F(OqshmTest, ContentsThatTheLayerNeverWritesAreNamed)
         {{"\x00\x01\x07\x01\x00\x00", 6}, "ready ready empty - ", "foreign contents: marks 0 1 7 1, length 0"},
         {{"\x01\x00\x01\x00\xff\xff", 6}, "ready no full 65535 ", "foreign contents: marks 1 0 1 0, length 65535"},
         {{"\x01\x00\x01\x00\x3b\x3b", 6}, "ready no full 15163 ", "foreign contents: marks 1 0 1 0, length 15163"},
-        {{"\x01\x01\x00\x01\x00\x00", 6}, "no ready invalid 0 ", "invalid: full and free at once; "},
         {{"\x00\x00\x01\x01\x00\x00", 6}, "ready ready changing - ", ""},
         {{"\x00\x00\x00\x00\x00\x00", 6}, "no no new - ", ""},
     };
@@ -380,12 +380,112 @@ TEST_F(OqshmTest, ContentsThatTheLayerNeverWritesAreNamed)
         const std::string lShown = shown(1, "--attach");
         EXPECT_TRUE(contains(lShown, row("64 0 " + acrRow.mState))) << lShown;
         EXPECT_TRUE(contains(lShown, acrRow.mFinding)) << lShown;
-        EXPECT_EQ(acrRow.mFinding.empty(), !contains(lShown, "foreign") && !contains(lShown, "invalid:")) << lShown;
+        EXPECT_EQ(acrRow.mFinding.empty(), !contains(lShown, "foreign")) << lShown;
         shmctl(lId, IPC_RMID, nullptr);
     }
     segment(5, 0666);
     EXPECT_TRUE(contains(shown(1, "--attach"), row("5 0 - - - - - - stale")));
     EXPECT_TRUE(contains(shown(1), "too small: the header alone has 6 bytes"));
+}
+
+TEST_F(OqshmTest, WhatAServerThatOpensAgainDuringAWriteMakesIsNamed)
+{
+    const std::string lRemedy = "; open the server again, or read the message and discard it";
+    const struct {
+        std::string mHeader, mState, mFinding;
+    } cRows[] = {
+        {{"\x01\x01\x01\x01\x00\x00", 6},
+         "ready ready invalid 0 - - ",
+         "invalid: full and free at once: a server opened again while a client wrote, or two sides wrote at once"},
+        {{"\x01\x00\x01\x01\x00\x00", 6},
+         "ready ready full 0 - - ",
+         "empty message: full with length 0: a server opened again while a client wrote, or a side wrote 0 bytes"},
+    };
+    const auto lServer = side(OQCM_Server);
+    const auto lClient = side(OQCM_Client);
+    auto* const lpSegment = static_cast<char*>(shmat(mIds.front(), nullptr, 0));
+    for (const auto& acrRow : cRows) {
+        memcpy(lpSegment, acrRow.mHeader.data(), acrRow.mHeader.size());
+        const std::string lShown = shown(1);
+        EXPECT_TRUE(contains(lShown, row("64 3 " + acrRow.mState))) << lShown;
+        EXPECT_TRUE(contains(lShown, acrRow.mFinding + lRemedy)) << lShown;
+        // Each of the two remedies ends the state.
+        OQShmDesc lDesc = {mKey, 64, -1, nullptr};
+        if (&acrRow == cRows) {
+            OsSharedMemoryOpen(lDesc, OQCM_Server);
+        } else {
+            OsSharedMemoryOpen(lDesc, OQCM_Client);
+            unsigned char lMessage[58];
+            unsigned int lLength = 1;
+            OsSharedMemoryRead(lDesc, lMessage, sizeof lMessage, lLength);
+            EXPECT_EQ(0U, lLength);
+        }
+        OsSharedMemoryClose(lDesc, OQCM_Client);
+        EXPECT_TRUE(contains(shown(0), row("64 3 ready ready empty - - - "))) << shown(0);
+    }
+    shmdt(lpSegment);
+    end(lClient);
+    end(lServer);
+}
+
+TEST_F(OqshmTest, AProcessThatEndsDuringTheLookIsNotShown)
+{
+    const auto lServer = side(OQCM_Server);
+    kill(side(OQCM_Client));
+    // Its map is there, but not its state any more: so it is for a process that ends between the two reads.
+    const std::string lState = "/proc/" + std::to_string(lServer->pid()) + "/stat";
+    const Result lResult =
+        shell("unshare --mount true || exit 77; exec unshare --mount sh -c 'mount --bind /dev/null " + lState +
+              " || exit 77; exec " OQSHM " " + std::to_string(mKey) + "' 2>&1");
+    end(lServer);
+    if (77 == lResult.mStatus) {
+        GTEST_SKIP() << "no right to hide a file";
+    }
+    EXPECT_EQ(1, lResult.mStatus);
+    EXPECT_TRUE(contains(lResult.mOut,
+                         "  1 unseen\n  peer gone: one side has closed or died; for which one look again, as root\n"))
+        << lResult.mOut;
+}
+
+TEST_F(OqshmTest, AnAttachmentFromAnotherNamespaceDoesNotChangeAKey)
+{
+    const ChildResult lResult = inChild([&] {
+        if (unshare(CLONE_NEWIPC) < 0) {
+            _exit(77);
+        }
+        // Both are the first segments of their namespaces and have the same id. The thread's attachment is in the map of
+        // the process, whose own namespace is that of the test.
+        const auto lServer = side(OQCM_Server);
+        const auto lClient = side(OQCM_Client);
+        Peer lForger([&](Peer& arTest) {
+            std::thread([&] {
+                EXPECT_EQ(0, unshare(CLONE_NEWIPC));
+                const int lId = shmget(key(2), 64, IPC_CREAT | 0666);
+                EXPECT_EQ(mIds.front(), lId);
+                EXPECT_NE(reinterpret_cast<void*>(-1), shmat(lId, nullptr, 0));
+            }).join();
+            arTest.signal();
+            arTest.meet();
+        });
+        lForger.meet();
+        const std::string lShown = shown(0);
+        EXPECT_TRUE(contains(lShown, row("64 2 ready ready empty - - - "))) << lShown;
+        EXPECT_FALSE(contains(lShown, std::to_string(lForger.pid()) + " ")) << lShown;
+        end(lServer);  // from now on the kernel's table has no key
+        const std::string lRemoved = shown(1);
+        EXPECT_TRUE(contains(lRemoved, keyText() + " " + std::to_string(mIds.front()) +
+                                           " 64 1 ready ready empty - - - " + std::to_string(lClient->pid()) +
+                                           " OqshmTest removed: "))
+            << lRemoved;
+        EXPECT_FALSE(contains(lRemoved, std::to_string(lForger.pid()) + " ")) << lRemoved;
+        lForger.signal();
+        EXPECT_EQ(0, lForger.wait());
+        end(lClient);
+    });
+    if (77 == lResult.mExitStatus) {
+        GTEST_SKIP() << "no right to make a namespace";
+    }
+    EXPECT_EQ(0, lResult.mExitStatus);
 }
 
 TEST_F(OqshmTest, WithoutASegmentThatIsWhatIsWrong)
@@ -594,9 +694,11 @@ TEST_F(OqshmTest, WrongWordsAreRefusedOnStandardError)
 
 TEST_F(OqshmTest, OutputThatCannotBeWrittenIsAFailure)
 {
-    const Result lResult = shell(OQSHM " 1 2>&1 >/dev/full");
-    EXPECT_EQ(2, lResult.mStatus);
-    EXPECT_EQ("oqshm: cannot write: No space left on device\n", lResult.mOut);
+    for (const char* lpWords : {"1", "--help", "--version"}) {
+        const Result lResult = shell(std::string(OQSHM " ") + lpWords + " 2>&1 >/dev/full");
+        EXPECT_EQ(2, lResult.mStatus) << lpWords;
+        EXPECT_EQ("oqshm: cannot write: No space left on device\n", lResult.mOut);
+    }
 }
 
 TEST_F(OqshmTest, HelpAndManualNameTheSameOptions)

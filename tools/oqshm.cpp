@@ -114,14 +114,15 @@ Channels findSegments()
 }
 
 /// Notes a process that has a segment attached; one that is stopped is a finding of its own.
-void noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrDirectory)
+/// \return whether the process still runs
+bool noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrDirectory)
 {
     std::ostringstream lText;
     lText << std::ifstream(acrDirectory / "stat").rdbuf();  // nothing, when the process is collected meanwhile
     const std::string lStat = lText.str();
     const size_t lBegin = lStat.find('('), lEnd = lStat.rfind(") ");  // the name may hold brackets, too
     if (std::string::npos == lBegin || std::string::npos == lEnd) {
-        return;  // it has ended meanwhile
+        return false;
     }
     std::string lName = lStat.substr(lBegin + 1, lEnd - lBegin - 1);
     std::replace_if(
@@ -132,9 +133,42 @@ void noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrD
     if ('T' == lStat[lEnd + 2] || 't' == lStat[lEnd + 2]) {
         arChannel.wrong(text("stopped: process %d; if no debugger holds it: kill -CONT %d", aPid, aPid));
     }
+    return true;
 }
 
-/// Finds who has the segments attached. Processes that this user may not examine are missing.
+/// Takes the id and the key of a segment from a line of a maps file. An attachment has one mapping that begins where the
+/// segment does, with the id in the place of the inode.
+bool isAttachment(const std::string& acrLine, int& arId, int& arKey)
+{
+    unsigned int lKey;
+    // NOLINTNEXTLINE(cert-err34-c): the kernel wrote these numbers
+    if (2 != sscanf(acrLine.c_str(), "%*s %*s 00000000 %*s %d /SYSV%x", &arId, &lKey)) {
+        return false;
+    }
+    arKey = static_cast<int>(lKey);
+    return true;
+}
+
+/// The key of a segment that is marked for removal: the kernel's table has lost it, and only the map of a process that
+/// has the segment attached still shows it. Only this process's own map is certain to be about this segment.
+/// \return 0 when the key is not known
+int keyOfRemoved(int aId)
+{
+    const void* const lpSegment = shmat(aId, NULL, SHM_RDONLY);
+    if (reinterpret_cast<void*>(-1) == lpSegment) {
+        return 0;
+    }
+    std::ifstream lMaps("/proc/self/maps");
+    std::string lLine;
+    int lId = -1, lKey = 0;
+    while (std::getline(lMaps, lLine) && !(isAttachment(lLine, lId, lKey) && aId == lId)) {
+    }
+    shmdt(lpSegment);
+    return aId == lId ? lKey : 0;
+}
+
+/// Finds who has the segments attached. Processes that this user may not examine are missing. A map alone is not
+/// believed: a process can have memory from another IPC namespace, where the same id is another segment.
 void findProcesses(Channels& arChannels)
 {
     std::error_code lError;
@@ -147,31 +181,32 @@ void findProcesses(Channels& arChannels)
         std::ifstream lMaps(acrEntry.path() / "maps");
         std::string lLine;
         while (std::getline(lMaps, lLine)) {
-            int lId;
-            unsigned int lKey;
-            // An attachment has one mapping that begins where the segment does, with the id in the place of the inode.
-            // NOLINTNEXTLINE(cert-err34-c): the kernel wrote these numbers
-            if (2 != sscanf(lLine.c_str(), "%*s %*s 00000000 %*s %d /SYSV%x", &lId, &lKey)) {
+            int lId, lKey;
+            if (!isAttachment(lLine, lId, lKey)) {
                 continue;
             }
             for (Channel& lrChannel : arChannels) {
-                if (lId == lrChannel.mId) {
-                    lrChannel.mKey = static_cast<int>(lKey);  // a removed segment has it only here
+                if (lId != lrChannel.mId) {
+                    continue;
+                }
+                if (0 == lrChannel.mKey && 0 < lKey && lrChannel.isRemoved() && !lrChannel.isForeign()) {
+                    lrChannel.mKey = keyOfRemoved(lId);
+                }
+                const bool lKnown = !lrChannel.mPids.empty() && lPid == lrChannel.mPids.back();
+                if (lKey == lrChannel.mKey && (lKnown || noteProcess(lrChannel, lPid, acrEntry.path()))) {
                     ++lrChannel.mSeen;
-                    if (lrChannel.mPids.empty() || lPid != lrChannel.mPids.back()) {
-                        noteProcess(lrChannel, lPid, acrEntry.path());
-                    }
                 }
             }
         }
     }
 }
 
-/// The four flags as they stood at one moment; the length may already be that of the next message.
+/// The four flags as they stood at one moment; the length may already be that of the next message. It is read last: a
+/// full slot never shows the length from before its message.
 OQSSharedMemoryHeader copyHeader(const void* acSegment)
 {
+    const uint32_t lFlags = __atomic_load_n(static_cast<const uint32_t*>(acSegment), __ATOMIC_ACQUIRE);
     OQSSharedMemoryHeader lHeader = *static_cast<const OQSSharedMemoryHeader*>(acSegment);
-    const uint32_t lFlags = __atomic_load_n(static_cast<const uint32_t*>(acSegment), __ATOMIC_RELAXED);
     memcpy(&lHeader, &lFlags, sizeof lFlags);
     return lHeader;
 }
@@ -247,7 +282,8 @@ void judgeAttachments(Channel& arChannel)
         arChannel.mFindings.push_back(
             text("not ready: no %s has opened it, writes are cancelled", lServer ? "client" : "server"));
     } else if (arChannel.mRead && 1 == arChannel.mAttached) {
-        if (arChannel.mSeen != arChannel.mAttached) {  // unseen, or it went while this tool looked
+        if (arChannel.mPids.empty() ||
+            arChannel.mSeen != arChannel.mAttached) {  // unseen, or it went while this tool looked
             arChannel.wrong("peer gone: one side has closed or died; for which one look again, as root");
         } else if (arChannel.mCreator != arChannel.mPids.front()) {
             arChannel.wrong(
@@ -274,7 +310,12 @@ void judgeMailbox(Channel& arChannel)
                              lrHeader.data_length));
     } else if ("invalid" == lState) {
         arChannel.wrong(
-            "invalid: full and free at once; two sides wrote together, or the server opened during a write");
+            "invalid: full and free at once: a server opened again while a client wrote, or two sides wrote at once; "
+            "open the server again, or read the message and discard it");
+    } else if ("full" == lState && 0 == lrHeader.data_length) {
+        arChannel.wrong(
+            "empty message: full with length 0: a server opened again while a client wrote, or a side wrote 0 bytes; "
+            "open the server again, or read the message and discard it");
     } else if ("full" == lState && lLong) {
         arChannel.wrong("stuck: the same bytes wait for 3 seconds and more; nobody reads (or equal messages pass)");
     } else if ("changing" == lState && lLong) {
@@ -405,6 +446,13 @@ std::string table(const Channels& acrChannels, bool aAges)
     return lTable;
 }
 
+void flushOutput()
+{
+    if (0 != fflush(stdout)) {
+        throw std::runtime_error(text("cannot write: %s", strerror(errno)));
+    }
+}
+
 void show(const Channels& acrChannels, bool aJson, bool aTime)
 {
     const time_t lNow = time(NULL);
@@ -416,9 +464,7 @@ void show(const Channels& acrChannels, bool aJson, bool aTime)
     } else {
         printf("%s%s%s", aTime ? lTime : "", aTime ? "\n" : "", table(acrChannels, true).c_str());
     }
-    if (0 != fflush(stdout)) {
-        throw std::runtime_error(text("cannot write: %s", strerror(errno)));
-    }
+    flushOutput();
 }
 
 // ---- The command ----------------------------------------------------------------------------------------------------
@@ -447,6 +493,7 @@ int run(int aCount, char** apWords)
             }
         } else if ('h' == lOption || 'V' == lOption) {
             fputs('h' == lOption ? cUsage : "oqshm " OQ_VERSION "\n", stdout);
+            flushOutput();
             return 0;
         } else if ('?' == lOption) {
             fputs("Try 'oqshm --help'.\n", stderr);  // the reason was given
