@@ -36,7 +36,7 @@ std::string privateDirectory()
 {
     const char* const lpRuntime = getenv("XDG_RUNTIME_DIR");
     std::string lPath = NULL == lpRuntime ? "" : lpRuntime;
-    if (lPath.empty()) {
+    if ('/' != lPath[0]) {  // a relative path would depend on the working directory
         lPath = "/tmp/hostd-" + std::to_string(geteuid());
         mkdir(lPath.c_str(), 0700);  // what is there already is examined below
     }

@@ -10,7 +10,7 @@
 
 #include "OQLinux.h"
 
-/// The directory of all files of a daemon: $XDG_RUNTIME_DIR or, when that is not set, /tmp/hostd-UID, which is made.
+/// The directory of all files of a daemon: $XDG_RUNTIME_DIR or, when that is no absolute path, /tmp/hostd-UID, which is made.
 /// Only this user can write it, so a path below it keeps its meaning from one call to the next.
 /// Throws: std::runtime_error when the directory is not this user's alone.
 std::string privateDirectory();

@@ -70,10 +70,21 @@ void resumeLog(const Options& acrOptions)
     }
 }
 
-/// A write to the log never waits: a reader that stalls misses lines, and the daemon still ends when it is asked to.
+/// A write to the log or to standard error never waits, not even one by a command of the daemon: a reader that stalls
+/// misses lines, and the daemon still ends when it is asked to.
 void openLog(const Options& acrOptions)
 {
     const int lFlags = O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    if (!acrOptions.mDetach) {  // a detached daemon gives standard error up as soon as it is ready
+        // The flag belongs to the open file, which the starter shares. Only a socket cannot be opened again.
+        const int lOwn = ClibOpen("/proc/self/fd/2", lFlags, 0);
+        if (0 <= lOwn) {
+            dup2(lOwn, STDERR_FILENO);
+            ClibClose(lOwn);
+        } else if (ENXIO == errno) {
+            fcntl(STDERR_FILENO, F_SETFL, fcntl(STDERR_FILENO, F_GETFL) | O_NONBLOCK);
+        }
+    }
     if (!acrOptions.mLogFile.empty()) {
         const int lLog = ClibOpen(acrOptions.mLogFile.c_str(), lFlags | O_CREAT, 0640);
         if (lLog < 0) {
@@ -81,15 +92,6 @@ void openLog(const Options& acrOptions)
         }
         SetLogDescriptor(lLog);
         SetLogLevels(cUsualLevels);
-    } else if (!acrOptions.mDetach) {  // else standard error is given up when the daemon is ready
-        // The flag belongs to the open file, which the starter shares: that of standard error stays as it is. Only a
-        // socket cannot be opened again.
-        const int lLog = ClibOpen("/proc/self/fd/2", lFlags, 0);
-        if (0 <= lLog) {
-            SetLogDescriptor(lLog);
-        } else if (ENXIO == errno) {
-            fcntl(STDERR_FILENO, F_SETFL, fcntl(STDERR_FILENO, F_GETFL) | O_NONBLOCK);
-        }
     }
     if (acrOptions.mTrace) {
         SetLogLevels(cAllLevels);

@@ -1416,13 +1416,16 @@ TEST_F(Trouble, WithoutARuntimeDirectoryEachUserHasOneBelowTmp)
     const auto lRun = [&](const Strings& acrWords) {
         return Process(mHost.words(acrWords), NULL, [] { unsetenv("XDG_RUNTIME_DIR"); }).finish();
     };
+    const auto lRunWithRelativePath = [&](const Strings& acrWords) {
+        return Process(mHost.words(acrWords), NULL, [] { setenv("XDG_RUNTIME_DIR", "tmp", 1); }).finish();
+    };
     EXPECT_EQ(0, lRun({"start"}).mStatus);
     struct stat lInfo = {};
     ASSERT_EQ(0, lstat(lDirectory.c_str(), &lInfo));
     EXPECT_EQ(S_IFDIR | 0700u, lInfo.st_mode);
     EXPECT_EQ(geteuid(), lInfo.st_uid);
     EXPECT_TRUE(exists(lDirectory + "/" + mHost.name() + ".lock"));
-    EXPECT_EQ("x\n", lRun({"ask", "echo", "x"}).mOut);
+    EXPECT_EQ("x\n", lRunWithRelativePath({"ask", "echo", "x"}).mOut);
     EXPECT_EQ(0, lRun({"stop"}).mStatus);
     rmdir(lDirectory.c_str());  // unless a daemon of this user has been there before
 }
@@ -1581,7 +1584,11 @@ TEST_P(Stalled, ReaderOfTheLogDoesNotKeepADaemonFromEnding)
 {
     int lSockets[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, lSockets));
+    const std::string lDisks = mHost.directory() + "/df";
+    std::ofstream(lDisks) << "#!/bin/sh\nhead -c 500000 /dev/zero >&2\necho done\n";
+    chmod(lDisks.c_str(), 0755);
     const auto lPrepare = [&] {
+        setenv("PATH", (mHost.directory() + ":" + getenv("PATH")).c_str(), 1);
         if (GetParam()) {
             const int lSmall = 4608;
             setsockopt(lSockets[0], SOL_SOCKET, SO_SNDBUF, &lSmall, sizeof lSmall);
@@ -1596,8 +1603,10 @@ TEST_P(Stalled, ReaderOfTheLogDoesNotKeepADaemonFromEnding)
         lRequests += framed("t echo x");
     }
     EXPECT_EQ(static_cast<ssize_t>(lRequests.size()), mHost.writeRaw(lRequests));
+    EXPECT_TRUE(eventually([&] { return "done\n" == mHost.hostctl({"ask", "disks"}).mOut; }));
     lDaemon->kill(SIGTERM);
     EXPECT_TRUE(lDaemon->endsUnread(0));
+    unlink(lDisks.c_str());
     EXPECT_EQ(Strings{}, mHost.left());
     close(lSockets[0]);
     close(lSockets[1]);
