@@ -118,11 +118,9 @@ int ClibUnlink(const char* acPath) { return unlink(acPath); }
 
 unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream)
 {
-    // Data that came before an error is delivered first; an error that lasts comes again with the next call, and one
-    // that does not (a signal) must not be taken for one at the end of data.
-    clearerr(apStream);
     const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
-    if (0 == lItems && 0 != ferror(apStream)) {
+    // Also when items arrived before the error: a caller that took them would not notice the gap behind them.
+    if (0 != ferror(apStream)) {
         throwErrorText<OQCReadFailedEx>();
     }
     return static_cast<unsigned int>(lItems);

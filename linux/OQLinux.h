@@ -572,7 +572,8 @@ OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 /// \param[in] acCommand for /bin/sh -c; its exit status is not reported
 /// \param[in,out] arLines the caller's list; lines are appended without their newline. Keeps the lines that came before
 ///                        a failure.
-/// \throws OQCReadFailedEx 328, everything released
+/// \throws OQCReadFailedEx 328 when a read fails or a signal interrupts it, everything released; the output of that read
+///                         is lost
 /// \throws OQCNoMemoryEx 2 "Out of Memory"; the buffers stay allocated, the stream stays open, and the command is not
 /// reaped
 /// \logs Traced, "Left" also before the OQCReadFailedEx, not before the OQCNoMemoryEx; all further lines, failures too,

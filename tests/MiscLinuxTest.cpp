@@ -1178,6 +1178,27 @@ TEST_F(ExecuteLinuxTest, RealReadErrorCarriesItsErrorText)
     expectAllReleased();
 }
 
+TEST_F(ExecuteLinuxTest, ReadErrorAfterSomeOutputIsThrownAndTheLinesOfEarlierReadsStay)
+{
+    int lEnds[2];
+    ASSERT_EQ(0, pipe2(lEnds, O_CLOEXEC | O_NONBLOCK));
+    Texts lExpected;
+    for (unsigned int lLine = 1000; lLine < 1500; ++lLine) {  // ten bytes each: more than one read
+        const std::string lText = "line " + std::to_string(lLine);
+        ASSERT_EQ(10, dprintf(lEnds[1], "%s\n", lText.c_str()));
+        if (lLine < 1399) {
+            lExpected.push_back(lText);  // the first read takes 3999 bytes
+        }
+    }
+    gAfterPopen = [&lEnds] { dup2(lEnds[0], fileno(gStream)); };
+    EXPECT_FAILURE(OQCReadFailedEx, 328, "Resource temporarily unavailable", OsExecute(":", mLines));
+    EXPECT_EQ(lExpected, textsOf(mLines));
+    EXPECT_EQ(2U, gReadCount);
+    expectAllReleased();
+    close(lEnds[0]);
+    close(lEnds[1]);
+}
+
 TEST_F(ExecuteLinuxTest, OtherExceptionOfTheReadPassesAndReleasesNothing)
 {
     gAtEndOfPieces = [] { throw OQCOpenFailedEx("planned", 326); };

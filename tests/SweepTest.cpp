@@ -1331,7 +1331,7 @@ TEST_F(StormTest, CommandIsReadWholeOrItsInterruptionIsThrownAfterWholeLines)
             EXPECT_STREQ("Interrupted system call", acrFailure.what());
             EXPECT_EQ(328U, acrFailure.code());
         }
-        EXPECT_GE(2, lLines.size());  // what had arrived before the signal has been taken
+        EXPECT_GE(2, lLines.size());
         const char* lpExpected = "first";
         for (const OQCString& lrLine : lLines) {
             EXPECT_STREQ(lpExpected, lrLine.get());

@@ -204,18 +204,18 @@ OQ_EXPORT int ClibClose(int aDescriptor);
 /// \threads Any.
 OQ_EXPORT int ClibUnlink(const char* acPath);
 
-/// Reads items from a stream. Data that came before an error is returned first.
-/// \posix clearerr(), fread()
+/// Reads items from a stream.
+/// \posix fread()
 /// \param[out] apBuffer receives the items
 /// \param[in]  aSize    bytes an item
 /// \param[in]  aCount   at most so many items
 /// \param[in]  apStream open for reading
 /// \return items read; 0 at end of data
-/// \throws OQCReadFailedEx 328 when nothing could be read because of a read error
+/// \throws OQCReadFailedEx 328 when the stream reports a read error, also when items arrived before the error
 /// \silent
 /// \threads Any. A cancellation point.
-/// \trap What came before an error is delivered first. The error comes with the next call, if it has not passed by
-/// then: the interruption by a signal has, and the next call goes on reading.
+/// \trap The interruption by a signal is a read error. The stream's error flag stays set: every later call throws until
+/// the caller calls clearerr(). Such a call takes the text of errno as it is then, which may be another error's.
 OQ_EXPORT unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream);
 
 /// Examines a file.
