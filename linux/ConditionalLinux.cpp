@@ -44,13 +44,14 @@ void OsWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex)
 }
 
 // The deadline keeps the clock's nanoseconds: whole seconds are added, so no carry is ever needed. The sum is not
-// checked against the range of the seconds; as one of unsigned numbers it may wrap.
+// checked against the range of time_t.
 void OsConditionalTimedWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex, unsigned int aSeconds)
 {
     timespec lDeadline;
     clock_gettime(CLOCK_REALTIME, &lDeadline);
     OQ_ASSERT(aSeconds > 0);
-    lDeadline.tv_sec = static_cast<time_t>(static_cast<unsigned long>(lDeadline.tv_sec) + aSeconds);
+    // In the width of time_t, which may exceed that of long. The builtin stores a sum that wraps; "+" would be undefined.
+    static_cast<void>(__builtin_add_overflow(lDeadline.tv_sec, aSeconds, &lDeadline.tv_sec));
     const int lResult = pthread_cond_timedwait(&arCondition, &arMutex, &lDeadline);
     if (ETIMEDOUT == lResult) {
         OQ_TRACE("Condition wait timed out.");

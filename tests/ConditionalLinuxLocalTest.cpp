@@ -1,8 +1,11 @@
-// The source itself is part of this program, so that what it keeps to itself can be called.
+// The source itself is part of this program, so that what it keeps to itself can be called. On 32-bit targets it is
+// compiled with a 64-bit time_t.
 #include "ConditionalLinux.cpp"
 
 #include <errno.h>
+#include <limits.h>
 
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -14,7 +17,34 @@ namespace
 pthread_cond_t* spBroadcast = nullptr;
 std::vector<unsigned int>* spTextSizes = nullptr;  // receives the size with which each error text is asked for
 
+static_assert(8 == sizeof(time_t), "the deadline is added in 64 bits");
+const timespec* spClock = nullptr;  // the time that the clock shows, if it is set
+timespec sDeadline;
+
+/// The C library's name of a function whose time has 64 bits.
+constexpr const char* time64(const char* acName, const char* acNameIn32Bits)
+{
+    return sizeof(long) < sizeof(time_t) ? acNameIn32Bits : acName;
+}
+
 }  // namespace
+
+extern "C" int clock_gettime(clockid_t aClock, timespec* apTime) noexcept
+{
+    if (nullptr != spClock) {
+        *apTime = *spClock;
+        return 0;
+    }
+    static Behind<int(clockid_t, timespec*)> lReal(time64("clock_gettime", "__clock_gettime64"));
+    return lReal(aClock, apTime);
+}
+
+/// Waits for nothing and succeeds.
+extern "C" int pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec* acDeadline)
+{
+    sDeadline = *acDeadline;
+    return 0;
+}
 
 Fault pthread_cond_broadcastFault;
 extern "C" int pthread_cond_broadcast(pthread_cond_t* apCondition) noexcept
@@ -131,6 +161,26 @@ TEST_F(ConditionalLinuxLocalTest, AFailedBroadcastIsAnOperatingSystemFailureAndA
     EXPECT_THROW(OsBroadcast(mCondition), OQCOsException);
     EXPECT_THROW(OsBroadcast(mCondition), OQCHaltEx);
     EXPECT_EQ(2U, pthread_cond_broadcastFault.calls());
+}
+
+TEST_F(ConditionalLinuxLocalTest, TheLongestTimeOutIsAddedInTheWidthOfTheSeconds)
+{
+    const timespec cNow = {1000000000, 999999999};
+    spClock = &cNow;
+    OsConditionalTimedWait(mCondition, mMutex, UINT_MAX);
+    spClock = nullptr;
+    EXPECT_EQ(5294967295, sDeadline.tv_sec);
+    EXPECT_EQ(999999999, sDeadline.tv_nsec);
+}
+
+TEST_F(ConditionalLinuxLocalTest, ADeadlineBeyondTheLastSecondWraps)
+{
+    const timespec cNow = {std::numeric_limits<time_t>::max(), 5};
+    spClock = &cNow;
+    OsConditionalTimedWait(mCondition, mMutex, 1);
+    spClock = nullptr;
+    EXPECT_EQ(std::numeric_limits<time_t>::min(), sDeadline.tv_sec);
+    EXPECT_EQ(5, sDeadline.tv_nsec);
 }
 
 }  // namespace
