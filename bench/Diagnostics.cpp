@@ -1,5 +1,6 @@
 // Exceptions and log lines.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -7,8 +8,10 @@
 #include <time.h>
 
 #include <stdexcept>
+#include <system_error>
 
 #include "Bench.h"
+#include "Failures.h"
 #include "Fixed.h"
 
 #ifdef BENCH_BOOST
@@ -43,22 +46,6 @@ namespace
 const char* const cText = "Not Supported";
 
 // --- exceptions ------------------------------------------------------------------------------------------------------
-
-/// The least that carries such a text.
-class Smallest
-{
-public:
-    explicit Smallest(const char* acText)
-    {
-        const size_t lLength = strnlen(acText, sizeof mText - 1);
-        memcpy(mText, acText, lLength);
-        mText[lLength] = '\0';
-    }
-    const char* what() const { return mText; }
-
-private:
-    char mText[256];
-};
 
 // All are thrown one call away from their handler.
 [[gnu::noinline, noreturn]] void throwSmallest() { throw Smallest(cText); }
@@ -97,6 +84,31 @@ void exceptions(const char* acRow)
     throwCatch<Throw, Leaf>("throw-leaf", acRow);
     throwCatch<Throw, Family>("throw-family", acRow);
     throwCatch<Throw, Root>("throw-root", acRow);
+}
+
+/// Stays locked, so that every trylock fails.
+pthread_mutex_t sHeld = PTHREAD_MUTEX_INITIALIZER;
+
+template <void TryLock(pthread_mutex_t&)>
+void fail()
+{
+    errno = EBUSY;  // pthread_mutex_trylock() returns its error and leaves errno alone
+    TryLock(sHeld);
+}
+
+void failedOperations()
+{
+    const char* const cGroup = "throw-operation";
+    pthread_mutex_trylock(&sHeld);
+    throwCatch<fail<trylockOrThrowSmallest>, Smallest>(cGroup, "raw");
+    throwCatch<fail<OsTrylockMutex>, OQCMutexLockFailedEx>(cGroup, "OQLinux");
+    throwCatch<fail<trylockOrThrowStd>, std::system_error>(cGroup, "std");
+#ifdef BENCH_BOOST
+    throwCatch<fail<trylockOrThrowBoost>, boost::lock_error>(cGroup, "Boost");
+#endif
+#ifdef BENCH_POCO
+    throwCatch<fail<trylockOrThrowPoco>, Poco::SystemException>(cGroup, "POCO");
+#endif
 }
 
 // --- filtered lines --------------------------------------------------------------------------------------------------
@@ -315,6 +327,7 @@ void registerDiagnostics()
 #ifdef BENCH_POCO
     exceptions<throwPoco, Poco::TimeoutException, Poco::RuntimeException, Poco::Exception>("POCO");
 #endif
+    failedOperations();
     filteredLines();
     writtenLines();
 }

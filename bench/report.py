@@ -31,6 +31,7 @@ FAMILIES = {
     "throw-leaf": ("throw + catch, as itself", "raw", 1.2, True),
     "throw-family": ("throw + catch, as its family", "raw", 1.2, True),
     "throw-root": ("throw + catch, as the root", "raw", 1.2, True),
+    "throw-operation": ("failed operation, thrown + caught", "raw", 1.25, True),
     "log-filtered": ("filtered log line", "raw", 1.0, False),
     "log-written": ("written log line, to a file", "raw", 0.75, True),
     "log-null": ("written log line, to /dev/null", "raw", 0.75, True),

@@ -1,5 +1,6 @@
 #include <dlfcn.h>
 #include <errno.h>
+#include <execinfo.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -7,6 +8,7 @@
 
 #include <atomic>
 #include <exception>
+#include <functional>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -40,6 +42,42 @@ char* ClibStrerror(char* apBuffer, unsigned int aSize)
     static Behind<char*(char*, unsigned int)> lReal("_Z12ClibStrerrorPcj");
     return lReal(apBuffer, aSize);
 }
+
+#if !OQ_SANITIZED
+namespace
+{
+
+thread_local int sLayerFrames = 0;
+
+/// Frames of the layer's code on this thread's stack.
+int layerFrames()
+{
+    void* lFrames[64];
+    const int lCount = backtrace(lFrames, 64);
+    int lLayer = 0;
+    for (int lFrame = 0; lFrame < lCount; ++lFrame) {
+        Dl_info lInfo;
+        if (0 != dladdr(lFrames[lFrame], &lInfo) && nullptr != strstr(lInfo.dli_fname, "libOQLinux.so")) {
+            ++lLayer;
+        }
+    }
+    return lLayer;
+}
+
+}  // namespace
+
+/// Counts the frames that the unwinder will pass through in the layer. Takes the place of __cxa_throw(), which each
+/// compiler declares differently.
+extern "C" [[noreturn]] void countThenThrow(void* apException, void* apType,
+                                            void (*apDestructor)(void*)) __asm__("__cxa_throw");
+void countThenThrow(void* apException, void* apType, void (*apDestructor)(void*))
+{
+    sLayerFrames = layerFrames();
+    static Behind<void(void*, void*, void (*)(void*))> lReal("__cxa_throw");
+    lReal(apException, apType, apDestructor);
+    abort();
+}
+#endif
 
 namespace
 {
@@ -578,5 +616,28 @@ TEST_F(ExceptionTest, AssertionThatHoldsDoesNothing)
     EXPECT_EQ(4, *lPointer);
     EXPECT_EQ(Lines(), logged());
 }
+
+#if !OQ_SANITIZED
+TEST_F(ExceptionTest, FailureIsThrownInTheFrameOfItsOperationOrInTheNextOne)
+{
+    pthread_mutex_t lMutex = PTHREAD_MUTEX_INITIALIZER;
+    OsLockMutex(lMutex);
+    unsigned long lThread = 0;
+    int lPipe = -1;
+    const auto lFramesOf = [](const std::function<void()>& acrOperation) {
+        sLayerFrames = 0;
+        EXPECT_THROW(acrOperation(), OQCException);
+        return sLayerFrames;
+    };
+    EXPECT_EQ(1, lFramesOf([&] { OsResumeThread(lThread); }));
+    EXPECT_EQ(1, lFramesOf([&] { OsStartThread(lThread, nullptr, nullptr); }));
+    EXPECT_EQ(1, lFramesOf([] { OsLockFile(-1); }));
+    EXPECT_EQ(1, lFramesOf([] { OsUnlockFile(-1); }));
+    EXPECT_EQ(1, lFramesOf([] { OsWaitForActivity(-1, 0); }));
+    EXPECT_EQ(1, lFramesOf([&] { OsNamedPipeCreate("/nonexistent/pipe", lPipe); }));
+    EXPECT_EQ(2, lFramesOf([&] { OsTrylockMutex(lMutex); }));
+    OsUnlockMutex(lMutex);
+}
+#endif
 
 }  // namespace
