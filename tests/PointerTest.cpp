@@ -455,6 +455,34 @@ TEST_F(PointerTest, MallocBlockIsFreedWithFreeAndNoDestructorRuns)
     EXPECT_EQ(Lines(), logged());
 }
 
+TEST_F(PointerTest, ConstantPointeeIsHeldComparedAndFreedAsAnyOther)
+{
+    const Pointee* const lpPointee = new (std::nothrow) Pointee(5);
+    const Pointee* const lpArray = new (std::nothrow) Pointee[2];
+    void* const lpBlock = malloc(sizeof(int));
+    sWatchedFrees = 0;
+    {
+        Pointer<const Pointee> lSingle(lpPointee, OQPST_Individual, OQPMT_New);
+        const Pointer<const Pointee> lCopy(lSingle);
+        lSingle = lCopy;
+        EXPECT_EQ(5, lSingle->number());
+        EXPECT_EQ(5, (*lCopy).number());
+        EXPECT_TRUE(lCopy != 0);
+        EXPECT_FALSE(lCopy != lpPointee);
+        const Pointer<const Pointee> lArray(lpArray, OQPST_Array, OQPMT_New);
+        const Pointer<const int> lMalloc(::new (lpBlock) int(6), OQPST_Individual, OQPMT_Malloc);
+        EXPECT_EQ(6, *lMalloc);
+        sWatched = lpBlock;
+        events();
+    }
+    EXPECT_EQ(OQ_SANITIZED ? 0 : 1, sWatchedFrees);
+    sWatched = nullptr;
+    EXPECT_EQ((Events{"decrement to 0", "~counter", "decrement to 0", "~counter", "~pointee 0", "~pointee 0",
+                      "delete[]", "decrement to 1", "decrement to 0", "~counter", "~pointee 5", "delete"}),
+              events());
+    EXPECT_EQ(Lines(), logged());
+}
+
 TEST_F(PointerTest, StarGivesTheObjectOrTheFirstElement)
 {
     PointeePointer lSingle = single(7);

@@ -125,7 +125,7 @@ public:
     bool operator!=(const T* acOther) const { return mPointer != acOther; }
 
 private:
-    T* _checked(const char* acFunction) const
+    OQ_LOCAL T* _checked(const char* acFunction) const
     {
 #define OQ_POINTER_ASSERT_AS(condition) \
     OQ_ASSERT_AS(condition, #condition, acFunction, "backend/common/include/Pointer")
@@ -138,7 +138,7 @@ private:
         return mPointer;
     }
 
-    void _release()
+    OQ_LOCAL void _release()
     {
         if (0 != mPointer && 0 != mReferenceCount && 0 == mReferenceCount->decrement()) {
             _releaseMemory();
@@ -163,7 +163,7 @@ private:
                 }
                 break;
             case OQPMT_Malloc:
-                free(mPointer);
+                free(const_cast<void*>(static_cast<const volatile void*>(mPointer)));
                 break;
             default:
                 OQ_POINTER_ASSERT(false);
