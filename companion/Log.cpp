@@ -21,11 +21,15 @@ const size_t cLineSize = 8192;  // bytes; the layer's longest lines carry a 4000
 std::atomic<unsigned int> sLevels(OQLL_Halt | OQLL_Error | OQLL_Information);
 std::atomic<int> sDescriptor(STDERR_FILENO);
 
+// Where the last line could be written only in part, or -1. The next line there begins with a line feed.
+const int cNowhere = -1;
+std::atomic<int> sCutLine(cNowhere);
+
 // Written in every line; a child of fork() has its own.
 std::atomic<pid_t> sProcess(getpid());
 const int sForkHandler = pthread_atfork(NULL, NULL, [] { sProcess.store(getpid(), std::memory_order_relaxed); });
 
-/// The line under construction: cut where it is full, with room for its line feed.
+/// The line under construction: cut where it is full, with room for its line feed and for another before the line.
 class LineBuffer
 {
 public:
@@ -97,34 +101,52 @@ public:
         std::replace(lpMessage, mEnd, '\n', ' ');
     }
 
-    const char* begin() const { return mText; }
-    /// Ends the line. \return its length in bytes
-    size_t end()
+    const char* begin() const { return mText + 1; }
+    const char* beginWithLineFeed()
+    {
+        *mText = '\n';
+        return mText;
+    }
+    /// Ends the line. \return the place behind it
+    const char* end()
     {
         *mEnd = '\n';
-        return static_cast<size_t>(mEnd - mText) + 1;
+        return mEnd + 1;
     }
 
 private:
     size_t room() const { return static_cast<size_t>(mText + sizeof mText - 1 - mEnd); }
 
-    char mText[cLineSize];
-    char* mEnd = mText;
+    char mText[1 + cLineSize];
+    char* mEnd = mText + 1;
 };
+
+/// Whether the last line there was cut. Says so to one caller only.
+bool takeCutLine(int aDescriptor)
+{
+    return aDescriptor == sCutLine.load(std::memory_order_relaxed) &&
+           sCutLine.compare_exchange_strong(aDescriptor, cNowhere, std::memory_order_relaxed);
+}
 
 /// Writes all of the line; what cannot be written is dropped. The system call is made directly because write() is a
 /// cancellation point, and a traced operation must not become one.
-void writeLine(const char* acLine, size_t aLength)
+void writeLine(LineBuffer& arLine)
 {
     const int lDescriptor = sDescriptor.load(std::memory_order_relaxed);
-    while (0 != aLength) {
-        const long lWritten = syscall(SYS_write, lDescriptor, acLine, aLength);
+    bool lCut = takeCutLine(lDescriptor);
+    const char* lpRest = lCut ? arLine.beginWithLineFeed() : arLine.begin();
+    const char* const lpEnd = arLine.end();
+    while (lpEnd != lpRest) {
+        const long lWritten = syscall(SYS_write, lDescriptor, lpRest, static_cast<size_t>(lpEnd - lpRest));
         if (0 < lWritten) {
-            acLine += lWritten;
-            aLength -= static_cast<size_t>(lWritten);
+            lpRest += lWritten;
+            lCut = '\n' != lpRest[-1];
         } else if (0 == lWritten || EINTR != errno) {
             break;
         }
+    }
+    if (lCut) {
+        sCutLine.store(lDescriptor, std::memory_order_relaxed);
     }
 }
 
@@ -154,7 +176,7 @@ void writeLine(const char* acLine, size_t aLength)
     lLine.text(") ");
     errno = lErrno;  // a "%m" of the caller is his
     lLine.message(acFormat, aArguments);
-    writeLine(lLine.begin(), lLine.end());
+    writeLine(lLine);
     errno = lErrno;
 }
 

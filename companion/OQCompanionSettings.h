@@ -13,9 +13,13 @@
 /// mix, nor do those of several processes when the file is opened with O_APPEND (on a pipe, lines of up to 4096 bytes).
 /// A line feed inside the message is written as a blank, so that a line of the log is one call; a line of more than
 /// 8192 bytes is cut there. A line that cannot be written (disk full, descriptor closed) is dropped without a word, and
-/// so is the rest of one that could be written in part; errno is kept in every case. A pipe whose reader has gone
-/// raises SIGPIPE, as for any write. The process id is that of the last fork(): a child made in another way (a bare
-/// clone) logs its parent's.
+/// so is the rest of one that could be written in part; errno is kept in every case. After a line that was written in
+/// part, the next line of this process to the same descriptor begins with a line feed; a line that another thread
+/// writes at that moment may still be appended to the part, or leave an empty line behind it.
+///
+/// A pipe whose reader has gone raises SIGPIPE, as for any write. A file at the process's limit of file sizes
+/// (RLIMIT_FSIZE) raises SIGXFSZ. Both signals end the process unless it handles or ignores them; the line is then
+/// dropped. The process id is that of the last fork(): a child made in another way (a bare clone) logs its parent's.
 #ifndef OQ_COMPANION_SETTINGS_H
 #define OQ_COMPANION_SETTINGS_H
 
@@ -43,7 +47,8 @@ OQ_EXPORT void SetLogLevels(unsigned int aLevels);
 /// \threads Any, at any time.
 /// \trap A thread may still write to the old descriptor for a moment. To change files while threads run, put the new
 /// one onto the same number (dup2). A file that several processes write to is opened with O_APPEND. A pipe whose reader
-/// has gone raises SIGPIPE.
+/// has gone raises SIGPIPE, and a file at RLIMIT_FSIZE raises SIGXFSZ: handle or ignore both, or a line of the log ends
+/// the process.
 OQ_EXPORT void SetLogDescriptor(int aDescriptor);
 
 /// @}

@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -647,6 +648,139 @@ TEST_F(LogTest, FullPipeThatDoesNotBlockLosesTheLine)
     EXPECT_EQ(std::string::npos, lText.find_first_not_of('x'));
     close(lEnds[0]);
     close(lEnds[1]);
+}
+
+/// While it exists, files of this process may grow to so many bytes. Only in a child: it changes the whole process.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(size_t aBytes)
+    {
+        getrlimit(RLIMIT_FSIZE, &mBefore);
+        rlimit lLimit = mBefore;
+        lLimit.rlim_cur = aBytes;
+        setrlimit(RLIMIT_FSIZE, &lLimit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &mBefore); }
+
+private:
+    rlimit mBefore;
+};
+
+TEST_F(LogTest, LineAfterAnotherThatWasWrittenInPartBeginsALineOfItsOwn)
+{
+    const pid_t lChild = startChild([this] {
+        signal(SIGXFSZ, SIG_IGN);
+        LOG_ERROR("whole");
+        const size_t lBefore = mFile->text().size();
+        errno = EXDEV;
+        {
+            const FileSizeLimit lLimit(lBefore + 20);
+            LOG_ERROR("written in part");
+            EXPECT_EQ(lBefore + 20, mFile->text().size());
+            LOG_ERROR("lost");
+            EXPECT_EQ(lBefore + 20, mFile->text().size());
+        }
+        LOG_ERROR("next");
+        LOG_ERROR("last");
+        EXPECT_EQ(EXDEV, errno);
+    });
+    EXPECT_EQ(0, statusOf(lChild));
+    const Texts lLines = mFile->lines();
+    ASSERT_EQ(4U, lLines.size());
+    EXPECT_EQ("whole", messageOf(lLines[0]));
+    EXPECT_EQ(20U, lLines[1].size());
+    EXPECT_EQ("next", messageOf(lLines[2]));
+    EXPECT_EQ("last", messageOf(lLines[3]));
+}
+
+TEST_F(LogTest, LineOfWhichOnlyTheLineFeedWasWrittenLeavesNoEmptyLine)
+{
+    const pid_t lChild = startChild([this] {
+        signal(SIGXFSZ, SIG_IGN);
+        {
+            const FileSizeLimit lLimit(20);
+            LOG_ERROR("written in part");
+        }
+        {
+            const FileSizeLimit lLimit(21);
+            LOG_ERROR("lost but for the line feed");
+        }
+        EXPECT_EQ(21U, mFile->text().size());
+        LOG_ERROR("next");
+    });
+    EXPECT_EQ(0, statusOf(lChild));
+    const Texts lLines = mFile->lines();
+    ASSERT_EQ(2U, lLines.size());
+    EXPECT_EQ(20U, lLines[0].size());
+    EXPECT_EQ("next", messageOf(lLines[1]));
+}
+
+TEST_F(LogTest, OneOfManyThreadsEndsTheLineThatWasWrittenInPart)
+{
+    const int cThreads = 8;
+    for (int lRound = 0; lRound < 50; ++lRound) {
+        mFile->empty();
+        const pid_t lChild = startChild([] {
+            signal(SIGXFSZ, SIG_IGN);
+            {
+                const FileSizeLimit lLimit(20);
+                LOG_ERROR("written in part");
+            }
+            std::atomic<int> lReady(0);
+            std::vector<std::thread> lThreads;
+            for (int lThread = 0; lThread < cThreads; ++lThread) {
+                lThreads.emplace_back([&lReady] {
+                    ++lReady;
+                    while (lReady < cThreads) {
+                        sched_yield();
+                    }
+                    LOG_ERROR("next");
+                });
+            }
+            for (std::thread& lrThread : lThreads) {
+                lrThread.join();
+            }
+        });
+        EXPECT_EQ(0, statusOf(lChild));
+        // The thread that ends the line need not be the first to write: its line feed then leaves an empty line.
+        const std::string lText = mFile->text();
+        EXPECT_EQ(cThreads + 1, std::count(lText.begin(), lText.end(), '\n'));
+    }
+}
+
+TEST_F(LogTest, LineThatWasWrittenInPartIsEndedInItsOwnFileOnly)
+{
+    const LogFile lOther;
+    const pid_t lChild = startChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        {
+            const FileSizeLimit lLimit(20);
+            LOG_ERROR("written in part");
+        }
+        SetLogDescriptor(lOther.descriptor());
+        LOG_ERROR("other");
+        SetLogDescriptor(mFile->descriptor());
+        LOG_ERROR("next");
+    });
+    EXPECT_EQ(0, statusOf(lChild));
+    EXPECT_EQ(Texts{"other"}, messagesOf(lOther.lines()));
+    const Texts lLines = mFile->lines();
+    ASSERT_EQ(2U, lLines.size());
+    EXPECT_EQ(20U, lLines[0].size());
+    EXPECT_EQ("next", messageOf(lLines[1]));
+}
+
+TEST_F(LogTest, LineBeyondTheLimitOfFileSizesRaisesItsSignal)
+{
+    const pid_t lChild = startChild([] {
+        const rlimit lNoCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &lNoCore);
+        const FileSizeLimit lLimit(0);
+        LOG_ERROR("lost");
+    });
+    EXPECT_EQ(-SIGXFSZ, statusOf(lChild));
+    EXPECT_EQ(Texts(), mFile->lines());
 }
 
 TEST_F(LogTest, CallersErrnoIsInHisMessage)

@@ -61,7 +61,7 @@ enum OQELogLevel : unsigned int {
 /// \param[in] acFile     source file of the call as the build names it
 /// \param[in] acFormat   printf format of the message, whose values follow
 /// \nothrow
-/// \logs That line. One that cannot be written, or its rest, is dropped.
+/// \logs That line. One that cannot be written, or its rest, is dropped; the next line then begins with a line feed.
 /// \threads Any; lines do not mix (on a pipe: those of up to 4096 bytes). Not a cancellation point. errno is left as it
 /// was.
 OQ_EXPORT void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int aLine,
