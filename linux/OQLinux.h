@@ -367,7 +367,9 @@ OQ_EXPORT void OsNamedPipeClose(int& arPipe, OQEConnectionMode aSide);
 /// | Full     | 1          | 0            | waits 3 seconds at most      | goes on, becomes Empty|
 /// | Changing | 0          | 0            | waits                        | OQCTryAgainEx         |
 ///
-/// Every change passes through Changing; both flags set is never produced.
+/// Every write and every read passes through Changing. A server that opens the segment again while a client writes can
+/// leave both flags set, or a Full slot, with data_length 0: the next read then returns 0 bytes. With both flags set a
+/// write goes on, too, and replaces the message.
 /// @{
 
 /// The first 6 bytes of every segment, in the host's byte order; the message follows directly. Shared by two processes:

@@ -6,8 +6,6 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
-#include <atomic>
-
 #include "LinuxInternal.h"
 
 static_assert(sizeof(OQSSharedMemoryHeader) == 6, "two processes read and write the header: it has no padding");
@@ -24,23 +22,18 @@ const int cPermissions = 0666;
 const unsigned int cWriteSeconds = 3;  // how long a write waits for the slot
 const unsigned int cPollMilliseconds = 1;
 
-// The other process relies on the order of the flag stores, and on the data being in place before them. No lock and no
-// processor barrier guards them; the compiler is kept from merging two neighbouring stores into one and from moving
-// anything across, by accesses of one byte each and fences that cost no instruction.
+// No lock guards the header. The other process relies on this order, and so every flag is stored with release and loaded
+// with acquire:
+// - a writer's bytes and length, then segment_free = 0, then data_ready = 1: a reader that finds the flag finds them;
+// - a reader's copy of the bytes, then data_ready = 0, then segment_free = 1: a writer that finds the flag overwrites
+//   nothing that is still being read, and its own data_ready = 1 comes after the reader's 0;
+// - a server's other fields, then server_ready = 1.
+// Where the processor keeps the order of stores (x86, s390x), these are plain byte stores and loads. Elsewhere a barrier
+// belongs to each. As atomic accesses of one byte, two neighbouring stores are not merged into one of 16 bits.
 
-void storeFlag(unsigned char& arFlag, unsigned char aValue)
-{
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    __atomic_store_n(&arFlag, aValue, __ATOMIC_RELAXED);
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-}
+void storeFlag(unsigned char& arFlag, unsigned char aValue) { __atomic_store_n(&arFlag, aValue, __ATOMIC_RELEASE); }
 
-bool loadFlag(const unsigned char& acrFlag)
-{
-    const bool lSet = 0 != __atomic_load_n(&acrFlag, __ATOMIC_RELAXED);
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    return lSet;
-}
+bool loadFlag(const unsigned char& acrFlag) { return 0 != __atomic_load_n(&acrFlag, __ATOMIC_ACQUIRE); }
 
 void markWritten(OQSSharedMemoryHeader* apHeader)
 {

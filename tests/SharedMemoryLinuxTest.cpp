@@ -1854,6 +1854,7 @@ public:
     {
         sAccesses[0] = '\0';
         spPage = static_cast<unsigned char*>(apSegment);
+        spTrace = this;
         struct sigaction lAction;
         memset(&lAction, 0, sizeof lAction);
         lAction.sa_flags = SA_SIGINFO;
@@ -1865,6 +1866,13 @@ public:
         mprotect(spPage, cPage, PROT_NONE);
     }
     ~AccessTrace() { end(); }
+
+    /// Called once, behind the access of this name. The call has its own mapping of the segment.
+    void callAfter(const char* acAccess, const std::function<void()>& acrCall)
+    {
+        mAwaited = acAccess;
+        mCall = acrCall;
+    }
 
     /// \return what was recorded, with "copy" where the message was copied
     std::string end()
@@ -1899,6 +1907,7 @@ private:
         char lText[16];
         snprintf(lText, sizeof lText, "%c%d", 0 == (lpRegisters[REG_ERR] & 2) ? 'r' : 'w', static_cast<int>(lOffset));
         add(lText);
+        spTrace->mLast = lText;
         mprotect(spPage, cPage, PROT_READ | PROT_WRITE);
         lpRegisters[REG_EFL] |= cSingleStep;
     }
@@ -1906,10 +1915,19 @@ private:
     {
         static_cast<ucontext_t*>(apContext)->uc_mcontext.gregs[REG_EFL] &= ~static_cast<greg_t>(cSingleStep);
         mprotect(spPage, cPage, PROT_NONE);
+        if (spTrace->mCall && spTrace->mAwaited == spTrace->mLast) {
+            std::function<void()> lCall;
+            lCall.swap(spTrace->mCall);
+            lCall();
+        }
     }
 
     static unsigned char* spPage;
+    static AccessTrace* spTrace;
     static char sAccesses[512];
+    std::string mLast;
+    std::string mAwaited;
+    std::function<void()> mCall;
     struct sigaction mOldAccess;
     struct sigaction mOldStep;
     std::function<void(void*, const void*, unsigned int)> mAtCopy = [](void* apTo, const void* acFrom,
@@ -1921,6 +1939,7 @@ private:
     };
 };
 unsigned char* AccessTrace::spPage = nullptr;
+AccessTrace* AccessTrace::spTrace = nullptr;
 char AccessTrace::sAccesses[512];
 
 /// The caller's count lies in the traced page too, at offset 64, so that its place in the order shows.
@@ -2006,6 +2025,66 @@ TEST_F(SharedMemoryLinuxAccessTest, OpenStoresTheHeaderInOrderAndReadsNothing)
         EXPECT_EQ(OQCM_Server == lSide ? "w0 w1 w4 w2" : "w3", lTrace->end());
         OsSharedMemoryClose(lDesc, OQCM_Client);
     }
+}
+
+// A server that opens again while a client writes
+
+class SharedMemoryLinuxReopenTest : public SharedMemoryLinuxAccessTest
+{
+protected:
+    /// A client writes 20 bytes. Behind its access of this name, a server opens the segment again.
+    void writeWithOpenAfter(const char* acAccess)
+    {
+        const Bytes lMessage = message(20);
+        OQShmDesc lServer = mDesc;
+        AccessTrace lTrace(mDesc.shm_addr);
+        lTrace.callAfter(acAccess, [&lServer] { OsSharedMemoryOpen(lServer, OQCM_Server); });
+        unsigned int lWritten = 0;
+        OsSharedMemoryWrite(mDesc, lMessage.data(), 20, lWritten);
+        EXPECT_EQ("r3 r2 r1 copy w4 w1 w0", lTrace.end());
+        EXPECT_EQ(20U, lWritten) << "the writer does not notice";
+        OsSharedMemoryClose(lServer, OQCM_Client);
+    }
+    /// \return length of the message that is read
+    unsigned int readLength()
+    {
+        Bytes lBuffer(58);
+        unsigned int lRead = 77;
+        OsSharedMemoryRead(mDesc, lBuffer.data(), 58, lRead);
+        return lRead;
+    }
+};
+
+TEST_F(SharedMemoryLinuxReopenTest, OpenBetweenTheStoresOfAWriteLeavesBothFlagsSetAndLengthZero)
+{
+    writeWithOpenAfter("w1");
+    EXPECT_EQ((Numbers{1, 1, 1, 1, 0}), mMapping->header());
+    EXPECT_EQ(0U, readLength());
+    EXPECT_EQ((Numbers{0, 1, 1, 1, 0}), mMapping->header()) << "a read ends the state";
+
+    writeWithOpenAfter("w1");
+    unsigned int lWritten = 0;
+    OsSharedMemoryWrite(mDesc, message(30).data(), 30, lWritten);
+    EXPECT_EQ((Numbers{1, 0, 1, 1, 30}), mMapping->header()) << "a write ends it too, without a wait";
+    EXPECT_EQ(30U, readLength());
+}
+
+TEST_F(SharedMemoryLinuxReopenTest, OpenBetweenTheLengthAndTheFlagsOfAWriteLeavesAFullSlotOfLengthZero)
+{
+    writeWithOpenAfter("w4");
+    EXPECT_EQ((Numbers{1, 0, 1, 1, 0}), mMapping->header());
+    EXPECT_EQ(0U, readLength());
+    EXPECT_EQ((Numbers{0, 1, 1, 1, 0}), mMapping->header());
+}
+
+TEST_F(SharedMemoryLinuxReopenTest, OpenBeforeTheLengthOrBehindTheFlagsOfAWriteKeepsOrDiscardsTheWholeMessage)
+{
+    writeWithOpenAfter("r1");
+    EXPECT_EQ((Numbers{1, 0, 1, 1, 20}), mMapping->header());
+    EXPECT_EQ(20U, readLength());
+
+    writeWithOpenAfter("w0");
+    EXPECT_EQ((Numbers{0, 1, 1, 1, 0}), mMapping->header());
 }
 
 #endif
