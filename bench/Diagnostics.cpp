@@ -51,7 +51,7 @@ const char* const cText = "Not Supported";
 [[gnu::noinline, noreturn]] void throwSmallest() { throw Smallest(cText); }
 [[gnu::noinline, noreturn]] void throwLayer() { throw OQCNotSupportedEx(cText, OQErrorCode<OQCNotSupportedEx>::value); }
 [[gnu::noinline, noreturn]] void throwStd() { throw std::range_error(cText); }
-[[noreturn]] void throwInLayer()
+[[noreturn, gnu::always_inline]] inline void throwInLayer()  // the operation is the one call
 {
     unsigned long lThread = 0;
     OsResumeThread(lThread);
