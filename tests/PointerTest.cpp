@@ -459,8 +459,6 @@ TEST_F(PointerTest, ConstantPointeeIsHeldComparedAndFreedAsAnyOther)
 {
     const Pointee* const lpPointee = new (std::nothrow) Pointee(5);
     const Pointee* const lpArray = new (std::nothrow) Pointee[2];
-    void* const lpBlock = malloc(sizeof(int));
-    sWatchedFrees = 0;
     {
         Pointer<const Pointee> lSingle(lpPointee, OQPST_Individual, OQPMT_New);
         const Pointer<const Pointee> lCopy(lSingle);
@@ -470,17 +468,26 @@ TEST_F(PointerTest, ConstantPointeeIsHeldComparedAndFreedAsAnyOther)
         EXPECT_TRUE(lCopy != 0);
         EXPECT_FALSE(lCopy != lpPointee);
         const Pointer<const Pointee> lArray(lpArray, OQPST_Array, OQPMT_New);
-        const Pointer<const int> lMalloc(::new (lpBlock) int(6), OQPST_Individual, OQPMT_Malloc);
-        EXPECT_EQ(6, *lMalloc);
-        sWatched = lpBlock;
+        EXPECT_EQ(lpArray, &*lArray);
         events();
+    }
+    EXPECT_EQ((Events{"decrement to 0", "~counter", "~pointee 0", "~pointee 0", "delete[]", "decrement to 1",
+                      "decrement to 0", "~counter", "~pointee 5", "delete"}),
+              events());
+    EXPECT_EQ(Lines(), logged());
+}
+
+TEST_F(PointerTest, ConstantMallocBlockIsFreedWithFree)
+{
+    void* const lpBlock = malloc(sizeof(int));
+    sWatchedFrees = 0;
+    {
+        const Pointer<const int> lPointer(::new (lpBlock) int(6), OQPST_Individual, OQPMT_Malloc);
+        EXPECT_EQ(6, *lPointer);
+        sWatched = lpBlock;
     }
     EXPECT_EQ(OQ_SANITIZED ? 0 : 1, sWatchedFrees);
     sWatched = nullptr;
-    EXPECT_EQ((Events{"decrement to 0", "~counter", "decrement to 0", "~counter", "~pointee 0", "~pointee 0",
-                      "delete[]", "decrement to 1", "decrement to 0", "~counter", "~pointee 5", "delete"}),
-              events());
-    EXPECT_EQ(Lines(), logged());
 }
 
 TEST_F(PointerTest, StarGivesTheObjectOrTheFirstElement)
