@@ -124,8 +124,10 @@ private:
 /// Whether the last line there was cut. Says so to one caller only.
 bool takeCutLine(int aDescriptor)
 {
-    return aDescriptor == sCutLine.load(std::memory_order_relaxed) &&
-           sCutLine.compare_exchange_strong(aDescriptor, cNowhere, std::memory_order_relaxed);
+    if (aDescriptor != sCutLine.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    return sCutLine.compare_exchange_strong(aDescriptor, cNowhere, std::memory_order_relaxed);
 }
 
 /// Writes all of the line; what cannot be written is dropped. The system call is made directly because write() is a

@@ -650,7 +650,7 @@ TEST_F(LogTest, FullPipeThatDoesNotBlockLosesTheLine)
     close(lEnds[1]);
 }
 
-/// While it exists, files of this process may grow to so many bytes. Only in a child: it changes the whole process.
+/// While it exists, files of this process may grow to so many bytes.
 class FileSizeLimit
 {
 public:
@@ -667,25 +667,38 @@ private:
     rlimit mBefore;
 };
 
-TEST_F(LogTest, LineAfterAnotherThatWasWrittenInPartBeginsALineOfItsOwn)
+/// The signal of that limit is ignored.
+class CutLineTest : public LogTest
 {
-    const pid_t lChild = startChild([this] {
-        signal(SIGXFSZ, SIG_IGN);
-        LOG_ERROR("whole");
-        const size_t lBefore = mFile->text().size();
-        errno = EXDEV;
-        {
-            const FileSizeLimit lLimit(lBefore + 20);
-            LOG_ERROR("written in part");
-            EXPECT_EQ(lBefore + 20, mFile->text().size());
-            LOG_ERROR("lost");
-            EXPECT_EQ(lBefore + 20, mFile->text().size());
-        }
-        LOG_ERROR("next");
-        LOG_ERROR("last");
-        EXPECT_EQ(EXDEV, errno);
-    });
-    EXPECT_EQ(0, statusOf(lChild));
+protected:
+    void SetUp() override
+    {
+        LogTest::SetUp();
+        mBefore = signal(SIGXFSZ, SIG_IGN);
+    }
+    void TearDown() override
+    {
+        signal(SIGXFSZ, mBefore);
+        LogTest::TearDown();
+    }
+
+    sighandler_t mBefore;
+};
+
+TEST_F(CutLineTest, LineAfterAnotherThatWasWrittenInPartBeginsALineOfItsOwn)
+{
+    LOG_ERROR("whole");
+    const size_t lBefore = mFile->text().size();
+    errno = EXDEV;
+    {
+        const FileSizeLimit lLimit(lBefore + 20);
+        LOG_ERROR("written in part");
+        LOG_ERROR("lost");
+    }
+    EXPECT_EQ(EXDEV, errno);
+    EXPECT_EQ(lBefore + 20, mFile->text().size());
+    LOG_ERROR("next");
+    LOG_ERROR("last");
     const Texts lLines = mFile->lines();
     ASSERT_EQ(4U, lLines.size());
     EXPECT_EQ("whole", messageOf(lLines[0]));
@@ -694,76 +707,60 @@ TEST_F(LogTest, LineAfterAnotherThatWasWrittenInPartBeginsALineOfItsOwn)
     EXPECT_EQ("last", messageOf(lLines[3]));
 }
 
-TEST_F(LogTest, LineOfWhichOnlyTheLineFeedWasWrittenLeavesNoEmptyLine)
+TEST_F(CutLineTest, LineOfWhichOnlyTheLineFeedWasWrittenLeavesNoEmptyLine)
 {
-    const pid_t lChild = startChild([this] {
-        signal(SIGXFSZ, SIG_IGN);
-        {
-            const FileSizeLimit lLimit(20);
-            LOG_ERROR("written in part");
-        }
-        {
-            const FileSizeLimit lLimit(21);
-            LOG_ERROR("lost but for the line feed");
-        }
-        EXPECT_EQ(21U, mFile->text().size());
-        LOG_ERROR("next");
-    });
-    EXPECT_EQ(0, statusOf(lChild));
+    for (const size_t lBytes : {20U, 21U}) {  // the second line has room for its line feed alone
+        const FileSizeLimit lLimit(lBytes);
+        LOG_ERROR("cut");
+    }
+    EXPECT_EQ(21U, mFile->text().size());
+    LOG_ERROR("next");
     const Texts lLines = mFile->lines();
     ASSERT_EQ(2U, lLines.size());
     EXPECT_EQ(20U, lLines[0].size());
     EXPECT_EQ("next", messageOf(lLines[1]));
 }
 
-TEST_F(LogTest, OneOfManyThreadsEndsTheLineThatWasWrittenInPart)
+TEST_F(CutLineTest, OneOfManyThreadsEndsTheLineThatWasWrittenInPart)
 {
     const int cThreads = 8;
     for (int lRound = 0; lRound < 50; ++lRound) {
         mFile->empty();
-        const pid_t lChild = startChild([] {
-            signal(SIGXFSZ, SIG_IGN);
-            {
-                const FileSizeLimit lLimit(20);
-                LOG_ERROR("written in part");
-            }
-            std::atomic<int> lReady(0);
-            std::vector<std::thread> lThreads;
-            for (int lThread = 0; lThread < cThreads; ++lThread) {
-                lThreads.emplace_back([&lReady] {
-                    ++lReady;
-                    while (lReady < cThreads) {
-                        sched_yield();
-                    }
-                    LOG_ERROR("next");
-                });
-            }
-            for (std::thread& lrThread : lThreads) {
-                lrThread.join();
-            }
-        });
-        EXPECT_EQ(0, statusOf(lChild));
+        {
+            const FileSizeLimit lLimit(20);
+            LOG_ERROR("written in part");
+        }
+        std::atomic<int> lReady(0);
+        std::vector<std::thread> lThreads;
+        for (int lThread = 0; lThread < cThreads; ++lThread) {
+            lThreads.emplace_back([&lReady] {
+                ++lReady;
+                while (lReady < cThreads) {
+                    sched_yield();
+                }
+                LOG_ERROR("next");
+            });
+        }
+        for (std::thread& lrThread : lThreads) {
+            lrThread.join();
+        }
         // The thread that ends the line need not be the first to write: its line feed then leaves an empty line.
         const std::string lText = mFile->text();
         EXPECT_EQ(cThreads + 1, std::count(lText.begin(), lText.end(), '\n'));
     }
 }
 
-TEST_F(LogTest, LineThatWasWrittenInPartIsEndedInItsOwnFileOnly)
+TEST_F(CutLineTest, LineThatWasWrittenInPartIsEndedInItsOwnFileOnly)
 {
     const LogFile lOther;
-    const pid_t lChild = startChild([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        {
-            const FileSizeLimit lLimit(20);
-            LOG_ERROR("written in part");
-        }
-        SetLogDescriptor(lOther.descriptor());
-        LOG_ERROR("other");
-        SetLogDescriptor(mFile->descriptor());
-        LOG_ERROR("next");
-    });
-    EXPECT_EQ(0, statusOf(lChild));
+    {
+        const FileSizeLimit lLimit(20);
+        LOG_ERROR("written in part");
+    }
+    SetLogDescriptor(lOther.descriptor());
+    LOG_ERROR("other");
+    SetLogDescriptor(mFile->descriptor());
+    LOG_ERROR("next");
     EXPECT_EQ(Texts{"other"}, messagesOf(lOther.lines()));
     const Texts lLines = mFile->lines();
     ASSERT_EQ(2U, lLines.size());
