@@ -72,8 +72,15 @@ public:
     int number() const { return mNumber; }
     void setNumber(int aNumber) { mNumber = aNumber; }
 
-    static void* operator new(size_t aSize, const std::nothrow_t&) noexcept { return malloc(aSize); }
-    static void* operator new[](size_t aSize, const std::nothrow_t&) noexcept { return malloc(aSize); }
+    // Not inlined: at -O3 GCC would see malloc() here and warn that operator delete does not match it.
+    __attribute__((noinline)) static void* operator new(size_t aSize, const std::nothrow_t&) noexcept
+    {
+        return malloc(aSize);
+    }
+    __attribute__((noinline)) static void* operator new[](size_t aSize, const std::nothrow_t&) noexcept
+    {
+        return malloc(aSize);
+    }
     static void operator delete(void* apMemory)
     {
         note("delete");
