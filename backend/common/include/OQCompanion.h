@@ -23,6 +23,14 @@
 
 #include <atomic>
 
+// Public types contain std::string and std::list, so a caller must be built with the same layout of both as the library.
+#ifdef _GLIBCXX_DEBUG
+#error "_GLIBCXX_DEBUG changes the layout of public types: remove -D_GLIBCXX_DEBUG; use -D_GLIBCXX_ASSERTIONS"
+#endif
+#if defined(_GLIBCXX_USE_CXX11_ABI) && !_GLIBCXX_USE_CXX11_ABI
+#error "_GLIBCXX_USE_CXX11_ABI=0 changes the layout of public types: remove -D_GLIBCXX_USE_CXX11_ABI=0"
+#endif
+
 /// Offered by a library although all else in it is hidden.
 #define OQ_EXPORT __attribute__((visibility("default")))
 /// For a private helper of an exported class: whether it is inlined must not change what the library exports.
