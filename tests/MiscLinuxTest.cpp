@@ -1848,20 +1848,21 @@ TEST_F(MiscLinuxTest, KillOfALiveProcessReturnsZeroAndDelivers)
 
 TEST_F(MiscLinuxTest, KillThatFailsReturnsMinusOneAndLeavesErrno)
 {
-    Peer lPeer([](Peer&) {});
-    const pid_t lGone = lPeer.pid();
-    EXPECT_EQ(0, lPeer.wait());
-    errno = 0;
-    EXPECT_EQ(-1, OsKill(lGone, 0));
-    EXPECT_EQ(ESRCH, errno);
-    EXPECT_EQ(-1, OsKill(getpid(), 1000));
+    Peer lPeer([](Peer& arPeer) { arPeer.meet(); });
+    const pid_t lPid = lPeer.pid();
+    EXPECT_EQ(-1, OsKill(lPid, 1000));
     EXPECT_EQ(EINVAL, errno);
     killFault.failOn(1, -1, EPERM);
-    EXPECT_EQ(-1, OsKill(1, SIGTERM));
+    EXPECT_EQ(-1, OsKill(lPid, SIGTERM));
     EXPECT_EQ(EPERM, errno);
     killFault.failOn(1, -7, EDOM);
-    EXPECT_EQ(-7, OsKill(1, SIGTERM));
+    EXPECT_EQ(-7, OsKill(lPid, SIGTERM));
     EXPECT_EQ(EDOM, errno);
+    lPeer.signal();
+    EXPECT_EQ(0, lPeer.wait()) << "the signal was delivered";
+    errno = 0;
+    EXPECT_EQ(-1, OsKill(lPid, 0));
+    EXPECT_EQ(ESRCH, errno);
     EXPECT_EQ(Lines(), logged());
     EXPECT_EQ(0U, gTextCount);
 }

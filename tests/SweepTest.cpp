@@ -508,7 +508,7 @@ std::vector<Row> rows()
         {"OsKill_kill",
          nth(killFault, 1),
          {EINVAL, EPERM, ESRCH},
-         [](Given& arGiven) { arGiven.mResult = OsKill(4711, SIGTERM); },
+         [](Given& arGiven) { arGiven.mResult = OsKill(getpid(), 0); },
          nullptr,
          0,
          always({}),
