@@ -10,10 +10,31 @@
 # Reference and manual pages are there when scripts/docs has made them and OQ_REFERENCE names the folder it left them in.
 set(OQ_REFERENCE "" CACHE PATH "What scripts/docs made, to be installed (build/docs)")
 
+# Every user may read what is installed, also when the umask of the user who installs it forbids that.
+if(NOT CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS)
+    set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+endif()
+
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 set(OQ_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/oqlinux)
 set(OQ_CMAKE_PACKAGE ${CMAKE_INSTALL_LIBDIR}/cmake/OQLinux)
+
+# install_directories(COMPONENT DIRECTORY... [EXCLUDE_FROM_ALL])  before the rules that install into them
+function(install_directories component)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "EXCLUDE_FROM_ALL" "" "")
+    set(exclude)
+    if(arg_EXCLUDE_FROM_ALL)
+        set(exclude EXCLUDE_FROM_ALL)
+    endif()
+    install(CODE "include([[${PROJECT_SOURCE_DIR}/cmake/MakeDirectories.cmake]])
+make_directories(${arg_UNPARSED_ARGUMENTS})" COMPONENT ${component} ${exclude})
+endfunction()
+install_directories(runtime ${CMAKE_INSTALL_LIBDIR})
+install_directories(development ${OQ_HEADERS} ${OQ_CMAKE_PACKAGE} ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install_directories(documentation ${CMAKE_INSTALL_DOCDIR})
+install_directories(examples ${CMAKE_INSTALL_DOCDIR})
 
 install(
     TARGETS OQLinux OQCompanion
@@ -47,6 +68,7 @@ if(OQ_REFERENCE)
     file(COPY ${OQ_REFERENCE}/man DESTINATION ${PROJECT_BINARY_DIR})
     file(GLOB_RECURSE pages ${PROJECT_BINARY_DIR}/man/*.3)
     execute_process(COMMAND gzip -9 --no-name ${pages} COMMAND_ERROR_IS_FATAL ANY)
+    install_directories(development ${CMAKE_INSTALL_MANDIR})
     install(DIRECTORY ${PROJECT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
     install(DIRECTORY ${OQ_REFERENCE}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 endif()

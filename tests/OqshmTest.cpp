@@ -58,8 +58,11 @@ Result shell(const std::string& acrCommand)
     return lResult;
 }
 
+/// For the shell: the path may contain spaces.
+const std::string cOqshm = "'" OQSHM "' ";
+
 /// What is on standard error counts as output.
-Result oqshm(const std::string& acrWords) { return shell(OQSHM " " + acrWords + " 2>&1"); }
+Result oqshm(const std::string& acrWords) { return shell(cOqshm + acrWords + " 2>&1"); }
 
 /// oqshm at work beside the test, its output read by the test or kept in a file.
 class Watch
@@ -262,7 +265,7 @@ TEST_F(OqshmTest, OfAProcessThatMayNotBeExaminedNothingIsGuessed)
     const auto lServer = side(OQCM_Server, 0, true);
     kill(side(OQCM_Client));
     const std::string lAsUser = 0 == geteuid() ? "setpriv --bounding-set=-sys_ptrace --inh-caps=-sys_ptrace " : "";
-    const Result lResult = shell(lAsUser + OQSHM " " + std::to_string(mKey));
+    const Result lResult = shell(lAsUser + cOqshm + std::to_string(mKey));
     EXPECT_EQ(1, lResult.mStatus);
     EXPECT_TRUE(contains(lResult.mOut,
                          "  1 unseen\n  peer gone: one side has closed or died; for which one look again, as root\n"))
@@ -546,7 +549,7 @@ TEST_F(OqshmTest, JsonIsValidWhateverAProcessIsCalled)
     });
     lServer.meet();
     const std::string lWords = "--json " + std::to_string(mKey) + " 0x7ffffffe";
-    EXPECT_EQ(0, shell(OQSHM " " + lWords + " | python3 -m json.tool >/dev/null").mStatus);
+    EXPECT_EQ(0, shell(cOqshm + lWords + " | python3 -m json.tool >/dev/null").mStatus);
     const std::string lJson = oqshm(lWords).mOut;
     EXPECT_EQ(1, std::count(lJson.begin(), lJson.end(), '\n')) << "one line a look";
     EXPECT_TRUE(
@@ -688,14 +691,14 @@ TEST_F(OqshmTest, WrongWordsAreRefusedOnStandardError)
         EXPECT_EQ(2, lResult.mStatus) << lpWords;
         EXPECT_TRUE(contains(lResult.mOut, "oqshm: ")) << lResult.mOut;
         EXPECT_TRUE(contains(lResult.mOut, "Try 'oqshm --help'.\n")) << lResult.mOut;
-        EXPECT_EQ("", shell(std::string(OQSHM " ") + lpWords + " 2>/dev/null").mOut) << lpWords;
+        EXPECT_EQ("", shell(cOqshm + lpWords + " 2>/dev/null").mOut) << lpWords;
     }
 }
 
 TEST_F(OqshmTest, OutputThatCannotBeWrittenIsAFailure)
 {
     for (const char* lpWords : {"1", "--help", "--version"}) {
-        const Result lResult = shell(std::string(OQSHM " ") + lpWords + " 2>&1 >/dev/full");
+        const Result lResult = shell(cOqshm + lpWords + " 2>&1 >/dev/full");
         EXPECT_EQ(2, lResult.mStatus) << lpWords;
         EXPECT_EQ("oqshm: cannot write: No space left on device\n", lResult.mOut);
     }
