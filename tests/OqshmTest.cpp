@@ -439,7 +439,7 @@ TEST_F(OqshmTest, AProcessThatEndsDuringTheLookIsNotShown)
     const std::string lState = "/proc/" + std::to_string(lServer->pid()) + "/stat";
     const Result lResult =
         shell("unshare --mount true || exit 77; exec unshare --mount sh -c 'mount --bind /dev/null " + lState +
-              " || exit 77; exec " OQSHM " " + std::to_string(mKey) + "' 2>&1");
+              " || exit 77; exec \"" OQSHM "\" " + std::to_string(mKey) + "' 2>&1");
     end(lServer);
     if (77 == lResult.mStatus) {
         GTEST_SKIP() << "no right to hide a file";
