@@ -21,15 +21,10 @@ include(CMakePackageConfigHelpers)
 set(OQ_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/oqlinux)
 set(OQ_CMAKE_PACKAGE ${CMAKE_INSTALL_LIBDIR}/cmake/OQLinux)
 
-# install_directories(COMPONENT DIRECTORY... [EXCLUDE_FROM_ALL])  before the rules that install into them
+# install_directories(COMPONENT DIRECTORY...)  before the rules that install into them
 function(install_directories component)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "EXCLUDE_FROM_ALL" "" "")
-    set(exclude)
-    if(arg_EXCLUDE_FROM_ALL)
-        set(exclude EXCLUDE_FROM_ALL)
-    endif()
     install(CODE "include([[${PROJECT_SOURCE_DIR}/cmake/MakeDirectories.cmake]])
-make_directories(${arg_UNPARSED_ARGUMENTS})" COMPONENT ${component} ${exclude})
+make_directories(${ARGN})" COMPONENT ${component})
 endfunction()
 install_directories(runtime ${CMAKE_INSTALL_LIBDIR})
 install_directories(development ${OQ_HEADERS} ${OQ_CMAKE_PACKAGE} ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -3,8 +3,6 @@ set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_VENDOR "The OQLinux maintainers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # every package has its own
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
-set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON) # regardless of the umask
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
@@ -28,7 +26,6 @@ macro(debian_package component name section summary description)
     set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
     set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${dependencies}")
     set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}\n${description}")
-    install_directories(${component} ${CMAKE_INSTALL_DATAROOTDIR}/doc/${name} EXCLUDE_FROM_ALL)
     install(FILES cmake/debian/copyright ${PROJECT_BINARY_DIR}/changelog.Debian.gz
             DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${name} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endmacro()
