@@ -72,7 +72,7 @@ public:
     int number() const { return mNumber; }
     void setNumber(int aNumber) { mNumber = aNumber; }
 
-    // Not inlined: at -O3 GCC would see malloc() here and warn that operator delete does not match it.
+    // Not inlined: GCC would see only one of malloc() and free() in some builds and warn that the other does not match.
     __attribute__((noinline)) static void* operator new(size_t aSize, const std::nothrow_t&) noexcept
     {
         return malloc(aSize);
@@ -81,12 +81,12 @@ public:
     {
         return malloc(aSize);
     }
-    static void operator delete(void* apMemory)
+    __attribute__((noinline)) static void operator delete(void* apMemory)
     {
         note("delete");
         free(apMemory);
     }
-    static void operator delete[](void* apMemory)
+    __attribute__((noinline)) static void operator delete[](void* apMemory)
     {
         note("delete[]");
         free(apMemory);
