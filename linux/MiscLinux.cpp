@@ -138,8 +138,8 @@ void OsWaitForActivity(int aDescriptor, unsigned int aSeconds)
     OQ_LEFT();
 }
 
-// Exhausted memory leaves the buffers and the stream as they are: no more is cleaned up than is written here. A cancelled
-// thread leaves the stream, too: pclose() would wait until the command ends, and the thread with it.
+// Exhausted memory leaves the buffers allocated and the stream open. A cancelled thread leaves the stream open, too:
+// pclose() waits until the command ends, and a join of the thread would wait as long.
 void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
 {
     OQ_ENTERED();
@@ -150,7 +150,8 @@ void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
         OQ_LEFT();
         return;
     }
-    // A program that another thread starts meanwhile would keep the pipe open and the command running.
+    // A program that another thread starts from now on does not inherit the pipe. One that did would keep it open, and
+    // a command that waits for its reader to leave would run on.
     fcntl(fileno(lpStream), F_SETFD, FD_CLOEXEC);
     char* const lpBuffer = allocateBuffer();
     char* lpWrite = lpBuffer;

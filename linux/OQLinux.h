@@ -494,30 +494,30 @@ OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 /// Starts a program as a child process.
 ///
 /// **When the program cannot be run, this function returns twice**: in the parent it returns the id of a child, and in
-/// that child, a copy of the parent with this one thread, it throws. The caller catches OQCProcessCreationFailedEx,
-/// compares getpid() with the number of before the call, and calls _exit() in the child: whatever else the child does
-/// (returning from main, flushing streams, destructors) happens a second time. Cancellation stays disabled in that child.
-/// The parent is suspended until the child runs another program or ends, whatever the child closes. The exit code of the
-/// child is all that the parent learns. Before that child the parent has reaped the one that could not run the program,
-/// so a handler for SIGCHLD may run once more.
+/// that child, a copy of the parent with this one thread, it throws. The caller notes getpid() before the call, catches
+/// OQCProcessCreationFailedEx, and calls _exit() if getpid() is another now: whatever else the child does (returning from
+/// main, flushing streams, destructors) happens a second time. The child keeps the host's signal handlers, and its
+/// cancellation stays disabled. The parent is suspended until the child runs another program or ends, whatever the child
+/// closes. The parent learns only the child's exit code. The program is tried in a first child, which the parent reaps:
+/// a handler for SIGCHLD may run once more than there are ids.
 ///
-/// Until its program runs, a child is inside of this function and handles signals as its program will: handlers of the
-/// host do not run there, ignored signals stay ignored, and the signal mask is the caller's.
+/// Between vfork() and execve() a child handles signals as its program will: handlers of the host do not run there,
+/// ignored signals stay ignored, and the signal mask is the caller's.
 ///
-/// \posix fflush(stdin), mmap(), vfork(), sigaction(), execve(); fork(), waitpid() and a robust mutex when the program
-/// cannot be run
+/// \posix fflush(stdin), mmap(), vfork(), rt_sigaction(), execve(); fork(), waitpid(), waitid(), setpgid() and a robust
+/// mutex when the program cannot be run
 /// \param[in] acPath path of the program
 /// \param[in] acArgv its arguments, ended by null; the first is its name by custom
 /// \param[in] acEnvp its environment ("NAME=value"), ended by null
 /// \return the child's process id, in the parent; the caller reaps the child with ProcessWait
-/// \throws OQCProcessCreationFailedEx 345, in the parent when vfork() fails, when fork() fails after a program that
-/// cannot be run, or when there is no memory to share with the child; in the child when the program cannot be run
+/// \throws OQCProcessCreationFailedEx 345, in the parent when vfork() fails, or fork() after a program that cannot be
+/// run; in the child when the program cannot be run
 /// \logs Traced, "Left" also before a throw; "Failed to create child :%s" or "Failed to exec child :%s" at error level.
 /// \threads Any. Not a cancellation point.
 /// \trap Code that catches the exception runs in the child, too. The call waits while another thread reads from stdin:
-/// the flush needs the lock of the stream. A program that cannot be run costs a child whose id nobody is given. A thread
-/// that waits for any child, or a handler that reaps every child, may collect that one: it ignores ids that it does not
-/// know. If the id then already belongs to a child of another thread, this function waits for that child and reaps it.
+/// the flush needs the lock of the stream. A thread that waits for any child, or a handler that reaps every child, may
+/// collect the first child: it ignores ids that it does not know. If the id then already belongs to a child of another
+/// thread, this function waits for that child and reaps it.
 OQ_EXPORT int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp);
 
 /// Waits until a child process has ended.
@@ -584,7 +584,9 @@ OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 /// stream open and the command unreaped, because closing the stream waits until the command ends.
 /// \trap **A last line without a newline is dropped. A line of 3999 bytes or more ends the reading**: it and all after
 /// it are lost. A zero byte hides the rest of the read it arrived in. When popen() fails the list is unchanged and
-/// nothing is thrown. What the command writes to standard error goes to the host's.
+/// nothing is thrown. What the command writes to standard error goes to the host's. A program that another thread starts
+/// in the moment between popen() and fcntl() inherits the stream, and then keeps a command running that waits for its
+/// reader to leave.
 OQ_EXPORT void OsExecute(const char* acCommand, OQCList<OQCString>& arLines);
 
 /// Splits a zero-terminated text at its newlines, appends each complete line to a list and moves the unfinished last

@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <limits.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,13 +14,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "LinuxInternal.h"
 
 namespace
 {
 
-const int cCannotRun = 127;  // exit code of a child that was to run a program and could not
-const useconds_t cWatchMicroseconds = 1000;
+const int cCannotRun = 127;              // exit code of a child that was to run a program and could not
+const useconds_t cLongestPause = 10000;  // microseconds between two looks at a child
 const pid_t cNoGroup = INT_MAX;  // no process group has this number: it is above the system's largest process id
 
 /// Disables cancellation while a program is started: a cancellation point in the vfork child would unwind the parent's
@@ -55,14 +56,14 @@ public:
     NoSignals(const NoSignals&) = delete;
     NoSignals& operator=(const NoSignals&) = delete;
 
-    /// The mask of before.
-    const sigset_t& mask() const { return mMask; }
+    /// The mask that was in force before.
+    const sigset_t& before() const { return mMask; }
 
 private:
     sigset_t mMask;
 };
 
-/// Memory that the caller and its children both see, zero-filled.
+/// Memory that the caller and its children both see, zero-filled. There may be none.
 template <class T>
 class SharedWithChild
 {
@@ -70,17 +71,14 @@ public:
     SharedWithChild() : mMemory(mmap(NULL, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {}
     ~SharedWithChild()
     {
-        if (isMapped()) {
-            const int lErrno = errno;
+        if (NULL != get()) {
             munmap(mMemory, sizeof(T));
-            errno = lErrno;
         }
     }
     SharedWithChild(const SharedWithChild&) = delete;
     SharedWithChild& operator=(const SharedWithChild&) = delete;
 
-    bool isMapped() const { return MAP_FAILED != mMemory; }
-    T* get() const { return static_cast<T*>(mMemory); }
+    T* get() const { return MAP_FAILED == mMemory ? NULL : static_cast<T*>(mMemory); }
     /// Leaves it mapped.
     void keep() { mMemory = MAP_FAILED; }
 
@@ -88,18 +86,27 @@ private:
     void* mMemory;
 };
 
-/// Gives the calling process the signal actions that a program has when it starts: handlers become the default action,
-/// ignored signals stay ignored.
-void dropHandlers()
+/// Linux's record of a signal's action, which begins with the handler; the C library's differs from it.
+struct KernelAction {
+    void (*mHandler)(int);
+    unsigned char mRest[64];  // flags, mask and what else the processor's record has
+};
+
+/// Gives the vfork child the signal actions and the mask that its program starts with: handlers become the default
+/// action, ignored signals stay ignored. The system calls are made directly because a library that stands before the
+/// C library's functions may keep a table of handlers, which the child shares with its parent.
+void takeSignalsOfProgram(const sigset_t& acrMask)
 {
+    const size_t cMaskSize = NSIG / 8;
+    const KernelAction lDefault = {};
     for (int lSignal = 1; lSignal < NSIG; ++lSignal) {
-        struct sigaction lAction;
-        if (0 == sigaction(lSignal, NULL, &lAction) && SIG_DFL != lAction.sa_handler && SIG_IGN != lAction.sa_handler) {
-            lAction.sa_handler = SIG_DFL;
-            lAction.sa_flags = 0;
-            sigaction(lSignal, &lAction, NULL);
+        KernelAction lAction = {};
+        syscall(SYS_rt_sigaction, lSignal, NULL, &lAction, cMaskSize);
+        if (SIG_DFL != lAction.mHandler && SIG_IGN != lAction.mHandler) {
+            syscall(SYS_rt_sigaction, lSignal, &lDefault, NULL, cMaskSize);
         }
     }
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &acrMask, NULL, cMaskSize);
 }
 
 /// Tells whether a child has ended. A child that somebody else has reaped has ended, too.
@@ -107,7 +114,8 @@ bool hasEnded(pid_t aChild)
 {
     siginfo_t lInfo;
     lInfo.si_pid = 0;
-    return waitid(P_PID, static_cast<id_t>(aChild), &lInfo, WEXITED | WNOHANG | WNOWAIT) < 0 || 0 != lInfo.si_pid;
+    const int lResult = waitid(P_PID, static_cast<id_t>(aChild), &lInfo, WEXITED | WNOHANG | WNOWAIT);
+    return lResult < 0 ? ECHILD == errno : 0 != lInfo.si_pid;
 }
 
 /// Tells whether a child runs a program of its own, by a request that Linux refuses in any case: with EACCES if the
@@ -115,11 +123,16 @@ bool hasEnded(pid_t aChild)
 /// EPERM.
 bool runsProgram(pid_t aChild) { return setpgid(aChild, cNoGroup) < 0 && EACCES == errno; }
 
-/// Waits until a child runs a program or ends, by looking at it: for systems that do not announce it.
-void watch(pid_t aChild)
+bool hasOwnSession(pid_t aChild) { return getsid(aChild) != getsid(0); }
+
+/// Asks until the answer is true: soon at first, then every 10 ms.
+template <class Condition>
+void waitUntil(Condition aCondition)
 {
-    while (!runsProgram(aChild) && !hasEnded(aChild)) {
-        usleep(cWatchMicroseconds);
+    useconds_t lPause = 50;
+    while (!aCondition()) {
+        usleep(lPause);
+        lPause = std::min(2 * lPause, cLongestPause);
     }
 }
 
@@ -128,28 +141,31 @@ void watch(pid_t aChild)
 ///
 /// The child shares this frame and all other memory of the caller, so it only tries, reports the error, and ends. An
 /// exception thrown there would be handled on the stack that the suspended parent continues with. A handler of the host
-/// would change the parent's memory, so every signal waits until the child has none.
+/// would change the parent's memory, so all signals are blocked until the child has no handler.
 pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp, int& arError)
 {
-    const SharedWithChild<volatile int> lError;
-    if (!lError.isMapped()) {
-        return -1;
-    }
+    volatile int lError = 0;
     volatile bool lSharesMemory = false;
+    const SharedWithChild<volatile int> lErrorOfCopy;
     const NoSignals lNoSignals;
     const pid_t lChild = vfork();
     if (0 == lChild) {
         lSharesMemory = true;
-        dropHandlers();
-        sigprocmask(SIG_SETMASK, &lNoSignals.mask(), NULL);
+        takeSignalsOfProgram(lNoSignals.before());
         execve(acPath, acArgv, acEnvp);
-        *lError.get() = errno;
+        lError = errno;
+        if (NULL != lErrorOfCopy.get()) {
+            *lErrorOfCopy.get() = lError;
+        }
         _exit(cCannotRun);
     }
-    if (0 < lChild && !lSharesMemory) {
-        watch(lChild);  // the system carries out vfork as fork, as emulators do: the child may not have got that far
+    if (0 < lChild && !lSharesMemory && NULL != lErrorOfCopy.get()) {
+        // The system carries out vfork as fork, as emulators do: the child may not have got that far yet. A session of
+        // its own is a sign of its program, for the child itself does not make one.
+        waitUntil([=] { return runsProgram(lChild) || hasOwnSession(lChild) || hasEnded(lChild); });
+        lError = *lErrorOfCopy.get();
     }
-    arError = *lError.get();
+    arError = lError;
     return lChild;
 }
 
@@ -171,49 +187,36 @@ void initRobustLock(pthread_mutex_t* apLock)
     pthread_mutexattr_destroy(&lAttributes);
 }
 
-/// Tells whether the kernel knows the robust locks of the calling thread. An emulator may accept such a lock and never
-/// release it.
-bool releasesRobustLocks()
+/// Tells whether the kernel has released a robust lock because its owner ran a program or ended.
+bool isReleased(pthread_mutex_t* apLock)
 {
-    void* lpList;
-    size_t lSize;
-    return 0 == syscall(SYS_get_robust_list, 0, &lpList, &lSize);
-}
-
-/// Waits until the child that takes this lock runs a program or ends: the kernel releases the lock then.
-void waitFor(pid_t aChild, pthread_mutex_t* apLock)
-{
-    int lResult;
-    while (0 == (lResult = pthread_mutex_trylock(apLock)) && !hasEnded(aChild)) {
-        pthread_mutex_unlock(apLock);  // the child does not have it yet
-        sched_yield();
-    }
-    if (EBUSY == lResult && releasesRobustLocks()) {
-        lResult = pthread_mutex_lock(apLock);
-    }
-    if (EBUSY == lResult) {
-        watch(aChild);
-    } else {
+    const int lResult = pthread_mutex_trylock(apLock);
+    if (EBUSY != lResult) {
         pthread_mutex_unlock(apLock);
     }
+    return EBUSY != lResult && 0 != lResult;
 }
 
 /// Makes the child in which the failure of a program that cannot be run is thrown: one with memory of its own. As with
-/// vfork, the parent continues when that child runs a program or ends. What the child closes has no effect on that.
+/// vfork, the parent continues when that child runs a program or ends. What the child closes has no effect on that. The
+/// lock that it holds is for a child that makes a session of its own, which cannot be asked whether it runs a program.
 /// \return the child's id in the parent, 0 in the child, -1 when there can be no such child
 pid_t forkThrowingChild()
 {
     SharedWithChild<pthread_mutex_t> lHeldByChild;
-    if (!lHeldByChild.isMapped()) {
-        return -1;
+    pthread_mutex_t* const lpLock = lHeldByChild.get();
+    if (NULL != lpLock) {
+        initRobustLock(lpLock);
     }
-    initRobustLock(lHeldByChild.get());
     const pid_t lChild = fork();
-    if (0 == lChild) {
-        pthread_mutex_lock(lHeldByChild.get());
+    if (0 == lChild && NULL != lpLock) {
+        pthread_mutex_lock(lpLock);
         lHeldByChild.keep();
     } else if (0 < lChild) {
-        waitFor(lChild, lHeldByChild.get());
+        waitUntil([=] {
+            return runsProgram(lChild) || hasEnded(lChild) ||
+                   (hasOwnSession(lChild) && NULL != lpLock && isReleased(lpLock));
+        });
     }
     return lChild;
 }
@@ -223,8 +226,8 @@ pid_t forkThrowingChild()
 int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp)
 {
     OQ_ENTERED();
-    fflush(stdin);  // not stdout: callers rely on unflushed output staying in the buffer
     NoCancellation lNoCancellation;
+    fflush(stdin);  // not stdout: callers rely on unflushed output staying in the buffer
     int lError = 0;
     pid_t lChild = startProgram(acPath, acArgv, acEnvp, lError);
     if (0 != lError) {
