@@ -479,10 +479,10 @@ OQ_EXPORT void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer,
 /// \logs Traced, "Left" also before a throw; "Data is available now."; "No data within %u seconds."; for each signal
 /// "The select() call was interrupted.. Ignoring" (64, "-I-"). A failure one line.
 /// \threads Any. A cancellation point.
-/// \trap Two wrong descriptors time out instead of failing: -1, and a closed one beyond the kernel's descriptor table
-/// (256 and above in most programs; the table grows with the highest descriptor that is opened). Set a closed
-/// descriptor to -1, and test 0 <= descriptor before the wait. A descriptor above 1023 is the caller's breach: where
-/// the C library checks (as in release builds) it ends the process.
+/// \trap Two wrong descriptors time out instead of failing: -1, and a closed one beyond the kernel's descriptor table.
+/// The table has room for 64 descriptors at least and grows with the highest that is opened (FDSize in
+/// /proc/self/status). Set a closed descriptor to -1, and test 0 <= descriptor before the wait. A descriptor above 1023
+/// is the caller's breach: where the C library checks (as in release builds) it ends the process.
 OQ_EXPORT void OsWaitForActivity(int aDescriptor, unsigned int aSeconds);
 
 /// @}
