@@ -957,12 +957,12 @@ TEST_P(ProcessCreateTest, ProgramStartsWithoutMemoryToShareWithIt)
 
 TEST_P(ProcessCreateTest, FailedChildIsAwaitedWithoutMemoryToShareWithIt)
 {
+    Hold lHold;
     if (cVforkShares == GetParam()) {
         mmapFault.failAlways(-1, ENOMEM);
     } else {
         mmapFault.failOn(2, -1, ENOMEM);  // a copy tells its error through the first
     }
-    Hold lHold;
     const int lChild = startInVain(cMissing, [&](const OQCException&) { lHold.inChild(); });
     lHold.returned();
     EXPECT_EQ(42, ProcessWait(lChild, 0));
