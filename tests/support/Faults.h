@@ -13,17 +13,7 @@
 
 #include <atomic>
 
-/// Sanitizers bring their own allocator and their own view of threads and processes.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OQ_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define OQ_SANITIZED 1
-#endif
-#endif
-#ifndef OQ_SANITIZED
-#define OQ_SANITIZED 0
-#endif
+#include "Basics.h"
 
 /// The fault of one function. Calls of every thread count.
 class Fault

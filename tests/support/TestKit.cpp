@@ -1,60 +1,19 @@
 #include "TestKit.h"
 
-#include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
-
-extern "C" void __gcov_dump() __attribute__((weak));
 
 namespace
 {
-
-const int cPatienceMilliseconds = 60000;
-
-std::set<std::string> entriesOf(const std::string& acrDirectory)
-{
-    std::set<std::string> lEntries;
-    DIR* const lpDirectory = opendir(acrDirectory.c_str());
-    if (nullptr != lpDirectory) {
-        while (const dirent* const lpEntry = readdir(lpDirectory)) {
-            lEntries.insert(lpEntry->d_name);
-        }
-        closedir(lpDirectory);
-    }
-    lEntries.erase(".");
-    lEntries.erase("..");
-    return lEntries;
-}
-
-/// Descriptor number and what it is open on.
-std::set<std::string> openDescriptors()
-{
-    std::set<std::string> lOpen;
-    for (const std::string& lrNumber : entriesOf("/proc/self/fd")) {
-        char lTarget[4096];
-        const ssize_t lLength = readlink(("/proc/self/fd/" + lrNumber).c_str(), lTarget, sizeof lTarget);
-        if (0 < lLength && 0 <= fcntl(atoi(lrNumber.c_str()), F_GETFD)) {
-            const std::string lText(lTarget, static_cast<size_t>(lLength));
-            lOpen.insert(lrNumber + " " + lText.substr(0, lText.find(" (deleted)")));  // somebody else may have
-        }
-    }
-    return lOpen;
-}
-
-std::string directoryOf(pid_t aPid) { return "/tmp/oqtest-" + std::to_string(aPid); }
 
 /// Writes all of a text into a descriptor.
 void sendAll(int aDescriptor, const std::string& acrText)
@@ -91,74 +50,20 @@ void reportLines()
     close(sReport);
 }
 
-[[noreturn]] void endChild()
-{
-    if (nullptr != __gcov_dump) {
-        __gcov_dump();
-    }
-    _exit(::testing::Test::HasFailure() ? 99 : 0);
-}
-
 }  // namespace
 
 void LayerTest::SetUp()
 {
-    // A program that was killed may have left some, and its process number come round again.
-    removeSegments();
-    for (const std::string& lrEntry : entriesOf(directoryOf(getpid()))) {
-        unlink((directoryOf(getpid()) + "/" + lrEntry).c_str());
-    }
+    LeftoverTest::SetUp();
     Fault::resetAll();
     clearLog();
-    mDescriptors = openDescriptors();
-    mThreads = entriesOf("/proc/self/task").size() + (OQ_SANITIZED ? 1 : 0);  // brings one of its own with the first
 }
 
 void LayerTest::TearDown()
 {
     Fault::resetAll();
-    EXPECT_EQ(mDescriptors, openDescriptors()) << "a descriptor was left or closed";
-
-    EXPECT_TRUE(eventually([this] { return entriesOf("/proc/self/task").size() <= mThreads; })) << "a thread was left";
-
-    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child was left";
-
-    for (const unsigned int lNumber : removeSegments()) {
-        ADD_FAILURE() << "segment " << lNumber << " was left";
-    }
-    std::ifstream lMaps("/proc/self/maps");
-    std::stringstream lText;
-    lText << lMaps.rdbuf();
-    EXPECT_EQ(std::string::npos, lText.str().find("/SYSV")) << "a segment was left attached";
-
-    const std::string lDirectory = directoryOf(getpid());
-    for (const std::string& lrEntry : entriesOf(lDirectory)) {
-        ADD_FAILURE() << "file " << lrEntry << " was left";
-        unlink((lDirectory + "/" + lrEntry).c_str());
-    }
-    rmdir(lDirectory.c_str());
+    LeftoverTest::TearDown();
 }
-
-std::vector<unsigned int> LayerTest::removeSegments()
-{
-    std::vector<unsigned int> lRemoved;
-    for (unsigned int lNumber = 0; lNumber < 256; ++lNumber) {
-        const int lId = shmget(key(lNumber), 0, 0);
-        if (0 <= lId) {
-            shmctl(lId, IPC_RMID, nullptr);
-            lRemoved.push_back(lNumber);
-        }
-    }
-    return lRemoved;
-}
-
-std::string LayerTest::path(const std::string& acrName)
-{
-    mkdir(directoryOf(getpid()).c_str(), 0700);
-    return directoryOf(getpid()) + "/" + acrName;
-}
-
-int LayerTest::key(unsigned int aNumber) { return ((getpid() << 8) | static_cast<int>(aNumber & 255)) & 0x7fffffff; }
 
 ChildResult inChild(const std::function<void()>& acrRun)
 {
@@ -252,15 +157,4 @@ int Peer::wait()
     }
     mPid = -1;
     return WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -WTERMSIG(lStatus);
-}
-
-bool eventually(const std::function<bool()>& acrCondition)
-{
-    for (int lMilliseconds = 0; !acrCondition(); ++lMilliseconds) {
-        if (cPatienceMilliseconds == lMilliseconds) {
-            return false;
-        }
-        usleep(1000);
-    }
-    return true;
 }

@@ -1,0 +1,126 @@
+#include "Basics.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+extern "C" void __gcov_dump() __attribute__((weak));
+
+namespace
+{
+
+std::set<std::string> entriesOf(const std::string& acrDirectory)
+{
+    std::set<std::string> lEntries;
+    DIR* const lpDirectory = opendir(acrDirectory.c_str());
+    if (nullptr != lpDirectory) {
+        while (const dirent* const lpEntry = readdir(lpDirectory)) {
+            lEntries.insert(lpEntry->d_name);
+        }
+        closedir(lpDirectory);
+    }
+    lEntries.erase(".");
+    lEntries.erase("..");
+    return lEntries;
+}
+
+/// Descriptor number and what it is open on.
+std::set<std::string> openDescriptors()
+{
+    std::set<std::string> lOpen;
+    for (const std::string& lrNumber : entriesOf("/proc/self/fd")) {
+        char lTarget[4096];
+        const ssize_t lLength = readlink(("/proc/self/fd/" + lrNumber).c_str(), lTarget, sizeof lTarget);
+        if (0 < lLength && 0 <= fcntl(atoi(lrNumber.c_str()), F_GETFD)) {
+            const std::string lText(lTarget, static_cast<size_t>(lLength));
+            lOpen.insert(lrNumber + " " + lText.substr(0, lText.find(" (deleted)")));  // somebody else may have
+        }
+    }
+    return lOpen;
+}
+
+std::string directoryOf(pid_t aPid) { return "/tmp/oqtest-" + std::to_string(aPid); }
+
+}  // namespace
+
+void LeftoverTest::SetUp()
+{
+    // A program that was killed may have left some, and its process number come round again.
+    removeSegments();
+    for (const std::string& lrEntry : entriesOf(directoryOf(getpid()))) {
+        unlink((directoryOf(getpid()) + "/" + lrEntry).c_str());
+    }
+    mDescriptors = openDescriptors();
+    mThreads = entriesOf("/proc/self/task").size() + (OQ_SANITIZED ? 1 : 0);  // brings one of its own with the first
+}
+
+void LeftoverTest::TearDown()
+{
+    EXPECT_EQ(mDescriptors, openDescriptors()) << "a descriptor was left or closed";
+
+    EXPECT_TRUE(eventually([this] { return entriesOf("/proc/self/task").size() <= mThreads; })) << "a thread was left";
+
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child was left";
+
+    for (const unsigned int lNumber : removeSegments()) {
+        ADD_FAILURE() << "segment " << lNumber << " was left";
+    }
+    std::ifstream lMaps("/proc/self/maps");
+    std::stringstream lText;
+    lText << lMaps.rdbuf();
+    EXPECT_EQ(std::string::npos, lText.str().find("/SYSV")) << "a segment was left attached";
+
+    const std::string lDirectory = directoryOf(getpid());
+    for (const std::string& lrEntry : entriesOf(lDirectory)) {
+        ADD_FAILURE() << "file " << lrEntry << " was left";
+        unlink((lDirectory + "/" + lrEntry).c_str());
+    }
+    rmdir(lDirectory.c_str());
+}
+
+std::vector<unsigned int> LeftoverTest::removeSegments()
+{
+    std::vector<unsigned int> lRemoved;
+    for (unsigned int lNumber = 0; lNumber < 256; ++lNumber) {
+        const int lId = shmget(key(lNumber), 0, 0);
+        if (0 <= lId) {
+            shmctl(lId, IPC_RMID, nullptr);
+            lRemoved.push_back(lNumber);
+        }
+    }
+    return lRemoved;
+}
+
+std::string LeftoverTest::path(const std::string& acrName)
+{
+    mkdir(directoryOf(getpid()).c_str(), 0700);
+    return directoryOf(getpid()) + "/" + acrName;
+}
+
+int LeftoverTest::key(unsigned int aNumber) { return ((getpid() << 8) | static_cast<int>(aNumber & 255)) & 0x7fffffff; }
+
+bool eventually(const std::function<bool()>& acrCondition)
+{
+    for (int lMilliseconds = 0; !acrCondition(); ++lMilliseconds) {
+        if (cPatienceMilliseconds == lMilliseconds) {
+            return false;
+        }
+        usleep(1000);
+    }
+    return true;
+}
+
+void endChild()
+{
+    if (nullptr != __gcov_dump) {
+        __gcov_dump();
+    }
+    _exit(::testing::Test::HasFailure() ? 99 : 0);
+}

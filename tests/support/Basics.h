@@ -1,0 +1,73 @@
+/// \file
+/// What every test of the layer needs, however it records events and plans failures: a check that the test left nothing
+/// behind, waiting for a condition, and a macro for exceptions.
+#ifndef OQ_TESTS_BASICS_H
+#define OQ_TESTS_BASICS_H
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include "OQLinux.h"
+
+/// Sanitizers bring their own allocator and their own view of threads and processes.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OQ_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OQ_SANITIZED 1
+#endif
+#endif
+#ifndef OQ_SANITIZED
+#define OQ_SANITIZED 0
+#endif
+
+/// After the test there is no descriptor, thread, child, segment or file that was not there before it.
+class LeftoverTest : public ::testing::Test
+{
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    /// A path in a directory of this test's own, which must be empty again at its end.
+    static std::string path(const std::string& acrName);
+    /// A System V key of this process's own; a segment with one of its 256 keys must not outlive the test.
+    static int key(unsigned int aNumber = 0);
+
+private:
+    /// Removes all segments with keys of this process. \return the numbers of those that were there
+    static std::vector<unsigned int> removeSegments();
+
+    std::set<std::string> mDescriptors;
+    size_t mThreads = 0;  // an emulator or a sanitizer has some of its own
+};
+
+/// How long a test waits for a condition before it fails.
+const int cPatienceMilliseconds = 60000;
+
+/// Waits for a condition. \return whether the condition became true in time
+bool eventually(const std::function<bool()>& acrCondition);
+
+/// Ends a forked child without exit handlers: status 0, or 99 if an expectation failed in the child.
+[[noreturn]] void endChild();
+
+/// Expects that the operation throws exactly this leaf with this code and this text. The text is evaluated afterwards.
+#define EXPECT_FAILURE(leaf, failureCode, text, operation)                                \
+    do {                                                                                  \
+        bool lThrown = false;                                                             \
+        try {                                                                             \
+            operation;                                                                    \
+        } catch (const OQCException& acrFailure) {                                        \
+            lThrown = true;                                                               \
+            EXPECT_TRUE(typeid(leaf) == typeid(acrFailure)) << typeid(acrFailure).name(); \
+            EXPECT_EQ(static_cast<unsigned int>(failureCode), acrFailure.code());         \
+            EXPECT_EQ(std::string(text), acrFailure.what());                              \
+        }                                                                                 \
+        EXPECT_TRUE(lThrown) << #operation << " threw nothing";                           \
+    } while (false)
+
+#endif
