@@ -124,3 +124,32 @@ void endChild()
     }
     _exit(::testing::Test::HasFailure() ? 99 : 0);
 }
+
+bool isHeld(pthread_mutex_t& arMutex)
+{
+    bool lHeld = false;
+    std::thread([&] {
+        lHeld = 0 != pthread_mutex_trylock(&arMutex);
+        if (!lHeld) {
+            pthread_mutex_unlock(&arMutex);
+        }
+    }).join();
+    return lHeld;
+}
+
+Holder::Holder(pthread_mutex_t& arMutex)
+    : mThread([this, &arMutex] {
+          pthread_mutex_lock(&arMutex);
+          mHeld.set_value();
+          mRelease.get_future().wait();
+          pthread_mutex_unlock(&arMutex);
+      })
+{
+    mHeld.get_future().wait();
+}
+
+Holder::~Holder()
+{
+    mRelease.set_value();
+    mThread.join();
+}

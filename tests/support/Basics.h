@@ -5,10 +5,13 @@
 #define OQ_TESTS_BASICS_H
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <functional>
+#include <future>
 #include <set>
 #include <string>
+#include <thread>
 #include <typeinfo>
 #include <vector>
 
@@ -54,6 +57,22 @@ bool eventually(const std::function<bool()>& acrCondition);
 
 /// Ends a forked child without exit handlers: status 0, or 99 if an expectation failed in the child.
 [[noreturn]] void endChild();
+
+/// Whether a thread holds the mutex.
+bool isHeld(pthread_mutex_t& arMutex);
+
+/// A thread that holds a mutex while the object lives.
+class Holder
+{
+public:
+    explicit Holder(pthread_mutex_t& arMutex);
+    ~Holder();
+
+private:
+    std::promise<void> mHeld;
+    std::promise<void> mRelease;
+    std::thread mThread;
+};
 
 /// Expects that the operation throws exactly this leaf with this code and this text. The text is evaluated afterwards.
 #define EXPECT_FAILURE(leaf, failureCode, text, operation)                                \

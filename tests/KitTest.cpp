@@ -1,0 +1,288 @@
+// The kit that the other tests rely on: what it records, what it plans, and that a row that is wrong fails.
+
+#include <gtest/gtest-spi.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Outcome.h"
+
+namespace
+{
+
+const auto cLog = PrintLogMessageWithTimeStamp;
+
+class KitTest : public RecordedTest
+{
+protected:
+    void SetUp() override
+    {
+        RecordedTest::SetUp();
+        nameObject("mutex", &mMutex);
+    }
+    static std::string trace() { return traceOf(recorded(), "operation", "file"); }
+
+    pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// Events
+
+TEST_F(KitTest, LogCallsKeepTheirFormatAndEachArgument)
+{
+    cLog(OQLL_Error, "-E-", 7, "operation", "file", "%s %d %u 100 %% %ld %lu\n", "text", -1, 4294967295U, -2L, 3UL);
+    EXPECT_EQ("-E- \"%s %d %u 100 %% %ld %lu\\n\" \"text\", \"-1\", \"4294967295\", \"-2\", \"3\"\n", trace());
+    EXPECT_EQ(7U, recorded().at(0).mLine);
+    EXPECT_EQ(getpid(), recorded().at(0).mProcess);
+}
+
+TEST_F(KitTest, LogCallsShowFunctionFileAndLevelWhereTheyDiffer)
+{
+    cLog(OQLL_Trace, "-T-", 1, "operation", "file", "%s", "Entered");
+    cLog(OQLL_Trace, "-T-", 1, "helper", "other", "%s", "Left");
+    cLog(OQLL_Trace, "-E-", 1, "operation", "file", "%s", "Left");
+    cLog(OQLL_Trace, "-T-", 1, "operation", "file", "Left");
+    EXPECT_EQ("Entered\nother helper: Left\n128 -E- \"%s\" \"Left\"\n-T- \"Left\"\n", trace());
+}
+
+TEST_F(KitTest, ADirectiveThatTheKitDoesNotKnowEndsTheProgram)
+{
+    EXPECT_EXIT(cLog(OQLL_Trace, "-T-", 1, "operation", "file", "%x", 1U), ::testing::KilledBySignal(SIGABRT),
+                "a directive that the recorder does not know");
+}
+
+TEST_F(KitTest, ACallIsInItsPlaceAmongTheLogCallsAndHasItsResult)
+{
+    substitute::pthread_mutex_lock.instead([](pthread_mutex_t*) {
+        cLog(OQLL_Trace, "-T-", 1, "operation", "file", "inside");
+        return EDEADLK;
+    });
+    {
+        const Recording lRecording;
+        cLog(OQLL_Trace, "-T-", 1, "operation", "file", "before");
+        pthread_mutex_lock(&mMutex);
+        cLog(OQLL_Trace, "-T-", 1, "operation", "file", "after");
+    }
+    EXPECT_EQ("-T- \"before\"\npthread_mutex_lock(mutex) = EDEADLK\n-T- \"inside\"\n-T- \"after\"\n", trace());
+}
+
+TEST_F(KitTest, ObjectsAreNamedLocalElsewhereOrNull)
+{
+    static char sBuffer[64];
+    const std::function<void()> lOperation = [] {
+        char lBuffer[64];
+        ClibStrerror(lBuffer, sizeof lBuffer);
+        ClibStrerror(sBuffer, sizeof sBuffer);
+        ClibStrerror(nullptr, 0);
+    };
+    substitute::ClibStrerror.instead([](char*, unsigned int) { return sBuffer; });
+    {
+        const Recording lRecording;
+        lOperation();
+    }
+    EXPECT_EQ("ClibStrerror(local, 64) = \"\"\nClibStrerror(memory, 64) = \"\"\nClibStrerror(null, 0) = \"\"\n",
+              trace());
+}
+
+TEST_F(KitTest, AChangeOfAWatchedValueStandsBeforeTheNextEventOrAtTheEnd)
+{
+    int lValue = 1;
+    watchObject("value", &lValue, sizeof lValue);
+    lValue = 2;
+    {
+        const Recording lRecording;
+        pthread_mutex_lock(&mMutex);
+        lValue = 3;
+        pthread_mutex_unlock(&mMutex);
+        lValue = 4;
+    }
+    lValue = 5;
+    cLog(OQLL_Trace, "-T-", 1, "operation", "file", "%s", "Left");
+    EXPECT_EQ("pthread_mutex_lock(mutex) = 0\nvalue changes\npthread_mutex_unlock(mutex) = 0\nvalue changes\nLeft\n",
+              trace());
+}
+
+TEST_F(KitTest, EventsOfAChildAreThereWhenItIsKilled)
+{
+    int lStatus = 0;
+    const pid_t lChild = fork();
+    if (0 == lChild) {
+        const Recording lRecording;
+        pthread_mutex_lock(&mMutex);
+        kill(getpid(), SIGKILL);
+    }
+    waitpid(lChild, &lStatus, 0);
+    recordEnd(lStatus);
+    EXPECT_EQ("pthread_mutex_lock(mutex) = 0\nkilled by signal 9\n", trace());
+    EXPECT_EQ(lChild, recorded().at(0).mProcess);
+}
+
+TEST_F(KitTest, EventsOfManyThreadsAreCompleteAndEachThreadsInOrder)
+{
+    const unsigned int cLines = 1000;
+    std::vector<std::thread> lThreads;
+    for (unsigned int lThread = 0; lThread < 4; ++lThread) {
+        lThreads.emplace_back([lThread] {
+            for (unsigned int lLine = 1; lLine <= cLines; ++lLine) {
+                cLog(OQLL_Trace, "-T-", lLine, "operation", "file", "%u", lThread);
+            }
+        });
+    }
+    for (std::thread& lrThread : lThreads) {
+        lrThread.join();
+    }
+    unsigned int lLast[4] = {0, 0, 0, 0};
+    for (const Event& lrEvent : recorded()) {
+        unsigned int& lrLast = lLast[std::stoul(lrEvent.mArguments.at(0))];
+        EXPECT_EQ(lrLast + 1, lrEvent.mLine);
+        lrLast = lrEvent.mLine;
+    }
+    for (const unsigned int lLines : lLast) {
+        EXPECT_EQ(cLines, lLines);
+    }
+}
+
+TEST_F(KitTest, MoreEventsThanFitEndTheProgram)
+{
+    const auto lFill = [] {
+        for (unsigned int lEvent = 0; lEvent < 20000; ++lEvent) {
+            cLog(OQLL_Trace, "-T-", 1, "operation", "file", "%s", "Left");
+        }
+    };
+    EXPECT_EXIT(lFill(), ::testing::KilledBySignal(SIGABRT), "more events than");
+}
+
+TEST_F(KitTest, RecordingKeepsErrno)
+{
+    errno = EXDEV;
+    {
+        const Recording lRecording;
+        pthread_mutex_lock(&mMutex);
+        pthread_mutex_unlock(&mMutex);
+        cLog(OQLL_Trace, "-T-", 1, "operation", "file", "%s", "Left");
+    }
+    EXPECT_EQ(EXDEV, errno);
+}
+
+// Substitutes
+
+TEST_F(KitTest, APlanHoldsInTheRecordingThreadUntilTheReset)
+{
+    substitute::pthread_mutex_trylock.fail(EINVAL, EXDEV);
+    EXPECT_FALSE(isHeld(mMutex)) << "outside of a recording";
+    const Recording lRecording;
+    EXPECT_FALSE(isHeld(mMutex)) << "in another thread";
+    errno = 0;
+    EXPECT_EQ(EINVAL, pthread_mutex_trylock(&mMutex));
+    EXPECT_EQ(EXDEV, errno);
+    SubstituteBase::resetAll();
+    EXPECT_EQ(0, pthread_mutex_trylock(&mMutex));
+    EXPECT_EQ(0, pthread_mutex_unlock(&mMutex));
+}
+
+TEST_F(KitTest, CallsOfTheRuntimeAreNeitherRecordedNorMadeToFail)
+{
+#if OQ_SANITIZED
+    GTEST_SKIP() << "the sanitizer brings its own allocator";
+#endif
+    substitute::pthread_mutex_lock.fail(EINVAL, EXDEV);
+    {
+        const Recording lRecording;
+        const WithoutMemory lWithoutMemory;
+        try {
+            throw 1;  // from the runtime's reserve, which a mutex guards
+        } catch (int) {
+        }
+    }
+    EXPECT_EQ("", trace());
+}
+
+TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
+{
+#if OQ_SANITIZED
+    GTEST_SKIP() << "the sanitizer brings its own allocator";
+#endif
+    void* volatile lpHere = nullptr;
+    void* volatile lpThere = nullptr;
+    std::promise<void> lGo;
+    std::thread lThread([&] {
+        lGo.get_future().wait();
+        lpThere = malloc(1);
+    });
+    {
+        const WithoutMemory lWithoutMemory;
+        lpHere = malloc(1);
+        lGo.set_value();
+        lThread.join();
+    }
+    EXPECT_EQ(nullptr, lpHere);
+    EXPECT_NE(nullptr, lpThere);
+    free(lpThere);
+    free(lpHere);
+}
+
+// Rows
+
+/// A row that locks a mutex in vain.
+class LockRow : public Outcome
+{
+public:
+    LockRow(const std::string& acrTrace, const std::vector<int>& acrErrors) : Outcome("OsLockMutex", "file", acrErrors)
+    {
+        mTrace = acrTrace;
+    }
+    std::vector<int> mPasses;
+
+private:
+    void row() override
+    {
+        pthread_mutex_t lMutex = PTHREAD_MUTEX_INITIALIZER;
+        nameObject("mutex", &lMutex);
+        mPasses.push_back(error());
+        substitute::pthread_mutex_lock.fail(error(), EXDEV);
+        run([&] { OsLockMutex(lMutex); });
+    }
+};
+
+unsigned int failuresOf(LockRow& arRow)
+{
+    ::testing::TestPartResultArray lResults;
+    const ::testing::ScopedFakeTestPartResultReporter lReporter(
+        ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &lResults);
+    arRow.TestBody();
+    return static_cast<unsigned int>(lResults.size());
+}
+
+const char* const cLockFails = R"(
+    pthread_mutex_lock(mutex) = ERROR
+    ClibStrerror(local, 512) = "EXDEV #1"
+    throws OQCMutexLockFailedEx 335 "EXDEV #1"
+)";
+
+TEST_F(KitTest, ARowRunsForEachErrorWithMemoryAndWithout)
+{
+    LockRow lRow(cLockFails, {EINVAL, EDEADLK});
+    EXPECT_EQ(0U, failuresOf(lRow));
+    EXPECT_EQ((std::vector<int>{EINVAL, EDEADLK, EINVAL, EDEADLK}), lRow.mPasses);
+}
+
+TEST_F(KitTest, ARowFailsWhenItsTraceDiffersInAnyPass)
+{
+    const std::string cRight = cLockFails;
+    for (const char* const lpPart : {"mutex)", "ERROR", "512", "local", "#1", "335", "LockFailed", "throws"}) {
+        std::string lTrace = cRight;
+        lTrace.replace(lTrace.find(lpPart), 1, "?");
+        LockRow lRow(lTrace, {EINVAL});
+        EXPECT_EQ(2U, failuresOf(lRow)) << lTrace;
+    }
+    LockRow lShort(cRight.substr(0, cRight.rfind("throws")), {EINVAL});
+    EXPECT_EQ(2U, failuresOf(lShort));
+    LockRow lOfOneError(R"(
+        pthread_mutex_lock(mutex) = EINVAL
+        ClibStrerror(local, 512) = "EXDEV #1"
+        throws OQCMutexLockFailedEx 335 "EXDEV #1")",
+                        {0, EINVAL});
+    EXPECT_NE(0U, failuresOf(lOfOneError));
+}
+
+}  // namespace

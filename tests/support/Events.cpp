@@ -1,0 +1,427 @@
+#include "Events.h"
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <execinfo.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <typeinfo>
+
+namespace
+{
+
+const unsigned int cSlots = 16384;
+const int cFrames = 8;
+
+/// One event. The texts follow each other, each with its terminating zero.
+struct Slot {
+    std::atomic<bool> mIsComplete;  // stays false when a child is killed while it writes the event
+    Event::Kind mKind;
+    pid_t mProcess;
+    unsigned int mLevel;
+    unsigned int mLine;
+    int mFrameCount;
+    void* mFrames[cFrames];
+    unsigned int mTextCount;
+    size_t mUsed;
+    char mTexts[4800];
+    char mResult[sizeof(Shown)];
+
+    void add(const char* acFormat, ...) __attribute__((format(printf, 2, 3)));
+};
+
+struct Shared {
+    std::atomic<unsigned int> mCount;
+    Slot mSlots[cSlots];
+};
+
+/// Memory is taken from the system as slots are used.
+Shared& shared()
+{
+    static Shared* const spShared = static_cast<Shared*>(
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    return *spShared;
+}
+
+[[noreturn]] void giveUp(const char* acReason)
+{
+    fprintf(stderr, "events: %s\n", acReason);
+    abort();
+}
+
+void Slot::add(const char* acFormat, ...)
+{
+    va_list lArguments;
+    va_start(lArguments, acFormat);
+    const int lLength = vsnprintf(mTexts + mUsed, sizeof mTexts - mUsed, acFormat, lArguments);
+    va_end(lArguments);
+    if (lLength < 0 || sizeof mTexts - mUsed <= static_cast<size_t>(lLength)) {
+        giveUp("a text is too long");
+    }
+    mUsed += static_cast<size_t>(lLength) + 1;
+    ++mTextCount;
+}
+
+struct Object {
+    const char* mName;
+    const void* mAddress;
+    size_t mSize;
+    unsigned char mLast[128];
+};
+const unsigned int cObjects = 8;
+Object sNamed[cObjects];
+Object sWatched[cObjects];
+unsigned int sNamedCount = 0;
+unsigned int sWatchedCount = 0;
+
+bool sSitesAreRecorded = false;
+thread_local const Recording* spRecording = nullptr;
+
+class KeepErrno
+{
+public:
+    KeepErrno() : mErrno(errno) {}
+    ~KeepErrno() { errno = mErrno; }
+
+private:
+    const int mErrno;
+};
+
+/// The loaded library or program that has this address.
+void* objectOf(const void* acAddress)
+{
+    Dl_info lInfo;
+    return 0 == dladdr(acAddress, &lInfo) ? nullptr : lInfo.dli_fbase;
+}
+
+unsigned int newSlot(Event::Kind aKind)
+{
+    const unsigned int lIndex = shared().mCount.fetch_add(1);
+    if (cSlots <= lIndex) {
+        giveUp("more events than the recorder has room for");
+    }
+    Slot& lrSlot = shared().mSlots[lIndex];
+    lrSlot.mKind = aKind;
+    lrSlot.mProcess = getpid();
+    lrSlot.mLevel = 0;
+    lrSlot.mLine = 0;
+    lrSlot.mFrameCount = 0;
+    lrSlot.mTextCount = 0;
+    lrSlot.mUsed = 0;
+    lrSlot.mResult[0] = '\0';
+    return lIndex;
+}
+
+void complete(Slot& arSlot) { arSlot.mIsComplete.store(true, std::memory_order_release); }
+
+/// Records an event that has a name alone.
+void record(Event::Kind aKind, const char* acName)
+{
+    Slot& lrSlot = shared().mSlots[newSlot(aKind)];
+    lrSlot.add("%s", acName);
+    complete(lrSlot);
+}
+
+void recordChanges()
+{
+    for (unsigned int lIndex = 0; nullptr != spRecording && lIndex < sWatchedCount; ++lIndex) {
+        Object& lrObject = sWatched[lIndex];
+        if (0 != memcmp(lrObject.mLast, lrObject.mAddress, lrObject.mSize)) {
+            memcpy(lrObject.mLast, lrObject.mAddress, lrObject.mSize);
+            record(Event::Change, lrObject.mName);
+        }
+    }
+}
+
+/// Adds the value of each directive. The layer uses no other directives than these.
+void addArguments(Slot& arSlot, const char* acFormat, va_list aArguments)
+{
+    for (const char* lpAt = strchr(acFormat, '%'); nullptr != lpAt; lpAt = strchr(lpAt + 1, '%')) {
+        ++lpAt;
+        const bool lIsLong = 'l' == *lpAt;
+        lpAt += lIsLong ? 1 : 0;
+        if ('s' == *lpAt && !lIsLong) {
+            arSlot.add("%s", va_arg(aArguments, const char*));
+        } else if ('d' == *lpAt) {
+            arSlot.add("%ld", lIsLong ? va_arg(aArguments, long) : va_arg(aArguments, int));
+        } else if ('u' == *lpAt) {
+            arSlot.add("%lu", lIsLong ? va_arg(aArguments, unsigned long) : va_arg(aArguments, unsigned int));
+        } else if ('%' != *lpAt || lIsLong) {
+            giveUp("a format has a directive that the recorder does not know");
+        }
+    }
+}
+
+std::string quotedText(const std::string& acrText)
+{
+    std::string lText = "\"";
+    for (const char lByte : acrText) {
+        lText += '\n' == lByte ? std::string("\\n") : std::string(1, lByte);
+    }
+    return lText + "\"";
+}
+
+std::string joined(const std::vector<std::string>& acrTexts)
+{
+    std::string lJoined;
+    for (const std::string& lrText : acrTexts) {
+        lJoined += (lJoined.empty() ? "" : ", ") + lrText;
+    }
+    return lJoined;
+}
+
+std::string logText(const Event& acrEvent, const std::string& acrOperation, const std::string& acrFile)
+{
+    static const std::map<unsigned int, std::string> cTags = {
+        {OQLL_Halt, "-H-"}, {OQLL_Error, "-E-"}, {OQLL_Information, "-I-"}, {OQLL_Trace, "-T-"}};
+    std::string lText = acrFile == acrEvent.mFile ? "" : acrEvent.mFile + " ";
+    lText += acrOperation == acrEvent.mFunction ? "" : acrEvent.mFunction + ": ";
+    const auto lTag = cTags.find(acrEvent.mLevel);
+    const bool lTagFits = cTags.end() != lTag && lTag->second == acrEvent.mTag;
+    const std::string lWord = acrEvent.mArguments.empty() ? "" : acrEvent.mArguments[0];
+    if (lTagFits && OQLL_Trace == acrEvent.mLevel && "%s" == acrEvent.mName &&
+        ("Entered" == lWord || "Left" == lWord)) {
+        return lText + lWord;
+    }
+    lText += (lTagFits ? "" : std::to_string(acrEvent.mLevel) + " ") + acrEvent.mTag + " " + quotedText(acrEvent.mName);
+    std::vector<std::string> lArguments;
+    for (const std::string& lrText : acrEvent.mArguments) {
+        lArguments.push_back(quotedText(lrText));
+    }
+    return lText + (lArguments.empty() ? "" : " " + joined(lArguments));
+}
+
+template <class... Arguments>
+Shown shown(const char* acFormat, Arguments... aArguments)
+{
+    const KeepErrno lKeepErrno;
+    Shown lShown;
+    if (static_cast<int>(sizeof lShown.mText) <= snprintf(lShown.mText, sizeof lShown.mText, acFormat, aArguments...)) {
+        giveUp("an argument is too long");
+    }
+    return lShown;
+}
+
+}  // namespace
+
+void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int aLine, const char* acFunction,
+                                  const char* acFile, const char* acFormat, ...)
+{
+    const KeepErrno lKeepErrno;
+    recordChanges();
+    Slot& lrSlot = shared().mSlots[newSlot(Event::Log)];
+    lrSlot.mLevel = aLevel;
+    lrSlot.mLine = aLine;
+    if (sSitesAreRecorded) {
+        lrSlot.mFrameCount = backtrace(lrSlot.mFrames, cFrames);
+    }
+    for (const char* const lpText : {acTag, acFunction, acFile, acFormat}) {
+        lrSlot.add("%s", lpText);
+    }
+    va_list lArguments;
+    va_start(lArguments, acFormat);
+    addArguments(lrSlot, acFormat, lArguments);
+    va_end(lArguments);
+    complete(lrSlot);
+}
+
+Events recorded()
+{
+    Events lEvents;
+    const unsigned int lCount = std::min<unsigned int>(shared().mCount, cSlots);
+    for (unsigned int lIndex = 0; lIndex < lCount; ++lIndex) {
+        const Slot& lrSlot = shared().mSlots[lIndex];
+        if (!lrSlot.mIsComplete.load(std::memory_order_acquire)) {
+            continue;
+        }
+        std::vector<std::string> lTexts;
+        for (const char* lpText = lrSlot.mTexts; lTexts.size() < lrSlot.mTextCount; lpText += strlen(lpText) + 1) {
+            lTexts.push_back(lpText);
+        }
+        Event lEvent = {lrSlot.mKind, lrSlot.mProcess, lrSlot.mLevel, "", lrSlot.mLine, "", "", {}, "",
+                        {},           lrSlot.mResult};
+        unsigned int lNext = 0;
+        if (Event::Log == lEvent.mKind) {
+            lEvent.mTag = lTexts[lNext++];
+            lEvent.mFunction = lTexts[lNext++];
+            lEvent.mFile = lTexts[lNext++];
+            lEvent.mFrames.assign(lrSlot.mFrames, lrSlot.mFrames + lrSlot.mFrameCount);
+        }
+        lEvent.mName = lTexts[lNext++];
+        lEvent.mArguments.assign(lTexts.begin() + lNext, lTexts.end());
+        lEvents.push_back(lEvent);
+    }
+    return lEvents;
+}
+
+void clearEvents()
+{
+    const unsigned int lCount = std::min<unsigned int>(shared().mCount, cSlots);
+    for (unsigned int lIndex = 0; lIndex < lCount; ++lIndex) {
+        shared().mSlots[lIndex].mIsComplete = false;
+    }
+    shared().mCount = 0;
+    sNamedCount = 0;
+    sWatchedCount = 0;
+}
+
+std::string traceOf(const Events& acrEvents, const std::string& acrOperation, const std::string& acrFile)
+{
+    std::string lTrace;
+    for (const Event& lrEvent : acrEvents) {
+        switch (lrEvent.mKind) {
+            case Event::Log:
+                lTrace += logText(lrEvent, acrOperation, acrFile);
+                break;
+            case Event::Call:
+                lTrace += lrEvent.mName + "(" + joined(lrEvent.mArguments) + ")";
+                lTrace += lrEvent.mResult.empty() ? "" : " = " + lrEvent.mResult;
+                break;
+            case Event::Change:
+                lTrace += lrEvent.mName + " changes";
+                break;
+            case Event::Throw:
+                lTrace += "throws " + lrEvent.mName + " " + std::to_string(lrEvent.mLevel) + " " +
+                          quotedText(lrEvent.mArguments[0]);
+                break;
+            case Event::End:
+                lTrace += lrEvent.mName;
+                break;
+        }
+        lTrace += "\n";
+    }
+    return lTrace;
+}
+
+Recording::Recording()
+{
+    for (unsigned int lIndex = 0; lIndex < sWatchedCount; ++lIndex) {
+        memcpy(sWatched[lIndex].mLast, sWatched[lIndex].mAddress, sWatched[lIndex].mSize);
+    }
+    spRecording = this;
+}
+
+void Recording::end()
+{
+    const KeepErrno lKeepErrno;
+    recordChanges();
+    spRecording = nullptr;
+}
+
+bool isRecorded(const void* acReturnAddress)
+{
+    if (nullptr == spRecording) {
+        return false;
+    }
+    const void* const lpCaller = objectOf(acReturnAddress);
+    return objectOf(reinterpret_cast<const void*>(&OsInitMutex)) == lpCaller || objectOf(&sWatchedCount) == lpCaller;
+}
+
+void nameObject(const char* acName, const void* acObject)
+{
+    if (cObjects == sNamedCount) {
+        giveUp("too many names");
+    }
+    sNamed[sNamedCount++] = {acName, acObject, 0, {}};
+}
+
+void watchObject(const char* acName, const void* acObject, size_t aSize)
+{
+    if (cObjects == sWatchedCount || sizeof sWatched[0].mLast < aSize) {
+        giveUp("too much to watch");
+    }
+    sWatched[sWatchedCount++] = {acName, acObject, aSize, {}};
+}
+
+void recordThrow(const OQCException& acrFailure)
+{
+    char* const lpClass = abi::__cxa_demangle(typeid(acrFailure).name(), nullptr, nullptr, nullptr);
+    Slot& lrSlot = shared().mSlots[newSlot(Event::Throw)];
+    lrSlot.mLevel = acrFailure.code();
+    lrSlot.add("%s", lpClass);
+    lrSlot.add("%s", acrFailure.what());
+    complete(lrSlot);
+    free(lpClass);
+}
+
+void recordEnd(int aStatus)
+{
+    if (WIFSIGNALED(aStatus)) {
+        record(Event::End, shown("killed by signal %d", WTERMSIG(aStatus)).mText);
+    } else if (0 != WEXITSTATUS(aStatus)) {
+        record(Event::End, shown("exit status %d", WEXITSTATUS(aStatus)).mText);
+    }
+}
+
+void recordSites()
+{
+    void* lFrames[cFrames];
+    backtrace(lFrames, cFrames);  // the first call allocates
+    sSitesAreRecorded = true;
+}
+
+Shown number(long long aNumber) { return shown("%lld", aNumber); }
+
+Shown quoted(const char* acText) { return shown("\"%s\"", acText); }
+
+Shown errorName(int aError)
+{
+    const char* const lpName = strerrorname_np(aError);
+    return nullptr == lpName ? number(aError) : shown("%s", lpName);
+}
+
+Shown resultWithErrno(int aResult)
+{
+    return 0 <= aResult ? number(aResult) : shown("%d %s", aResult, errorName(errno).mText);
+}
+
+/// The operation's frames lie between this one and the Recording that its caller made.
+Shown place(const void* acObject)
+{
+    for (unsigned int lIndex = 0; lIndex < sNamedCount; ++lIndex) {
+        if (acObject == sNamed[lIndex].mAddress) {
+            return shown("%s", sNamed[lIndex].mName);
+        }
+    }
+    const char lHere = 0;
+    const bool lIsLocal =
+        static_cast<const void*>(&lHere) < acObject && acObject < static_cast<const void*>(spRecording);
+    return shown("%s", nullptr == acObject ? "null" : lIsLocal ? "local" : "memory");
+}
+
+Shown timeText(const timespec* acTime)
+{
+    return shown("%lld.%09ld", static_cast<long long>(acTime->tv_sec), static_cast<long>(acTime->tv_nsec));
+}
+
+CallRecord::CallRecord(const char* acFunction, std::initializer_list<Shown> aArguments) : mProcess(getpid())
+{
+    const KeepErrno lKeepErrno;
+    recordChanges();
+    mSlot = newSlot(Event::Call);
+    Slot& lrSlot = shared().mSlots[mSlot];
+    lrSlot.add("%s", acFunction);
+    for (const Shown& lrArgument : aArguments) {
+        lrSlot.add("%s", lrArgument.mText);
+    }
+    complete(lrSlot);
+}
+
+void CallRecord::returned(const Shown& acrResult) const
+{
+    const KeepErrno lKeepErrno;
+    if (getpid() == mProcess) {
+        strcpy(shared().mSlots[mSlot].mResult, acrResult.mText);
+    }
+}

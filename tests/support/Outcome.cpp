@@ -1,0 +1,133 @@
+#include "Outcome.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <optional>
+#include <sstream>
+
+namespace
+{
+
+std::vector<OutcomeRow> sRows;
+
+/// Without indentation and empty lines.
+std::string plain(const std::string& acrTrace)
+{
+    std::istringstream lLines(acrTrace);
+    std::string lPlain;
+    std::string lLine;
+    while (getline(lLines, lLine)) {
+        const size_t lBegin = lLine.find_first_not_of(' ');
+        lPlain += std::string::npos == lBegin ? "" : lLine.substr(lBegin) + "\n";
+    }
+    return lPlain;
+}
+
+std::string replaced(std::string aText, const std::string& acrOld, const std::string& acrNew)
+{
+    for (size_t lAt = aText.find(acrOld); std::string::npos != lAt; lAt = aText.find(acrOld, lAt + acrNew.size())) {
+        aText.replace(lAt, acrOld.size(), acrNew);
+    }
+    return aText;
+}
+
+unsigned int sTextCount = 0;
+
+/// Takes the place of ClibStrerror() in rows: the text shows which errno it was made of, and which text of the row it is.
+char* textOfErrno(char* apBuffer, unsigned int)
+{
+    static char sText[sizeof(Shown) + 16];
+    strcpy(apBuffer, "the text is elsewhere");
+    snprintf(sText, sizeof sText, "%s #%u", errorName(errno).mText, ++sTextCount);
+    return sText;
+}
+
+}  // namespace
+
+const std::vector<OutcomeRow>& outcomeRows() { return sRows; }
+
+bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,
+                const std::function<Outcome*()>& acrMake)
+{
+    ::testing::RegisterTest(acOperation, acName, nullptr, nullptr, acSource, aLine,
+                            [acrMake]() -> Outcome* { return acrMake(); });
+    return true;
+}
+
+void Outcome::TestBody()
+{
+    for (const bool lIsWithoutMemory : {false, true}) {
+        for (const int lError : mErrors) {
+            mError = lError;
+            mIsWithoutMemory = lIsWithoutMemory;
+            SCOPED_TRACE(std::string(errorName(lError).mText) + (lIsWithoutMemory ? ", without memory" : ""));
+            SubstituteBase::resetAll();
+            clearEvents();
+            row();
+            if (IsSkipped() || HasFailure()) {
+                return;
+            }
+        }
+    }
+}
+
+void Outcome::run(const std::function<void()>& acrOperation)
+{
+    perform(acrOperation);
+    compare();
+}
+
+void Outcome::runInChild(const std::function<void()>& acrOperation)
+{
+    fflush(stdout);  // or the child prints it again
+    const pid_t lChild = fork();
+    if (0 == lChild) {
+        atexit([] {  // what further exit handlers do is not the operation's
+            Recording::end();
+            WithoutMemory::end();
+        });
+        perform(acrOperation);
+        endChild();
+    }
+    int lStatus = 0;
+    while (waitpid(lChild, &lStatus, 0) < 0 && EINTR == errno) {
+    }
+    recordEnd(lStatus);
+    compare();
+}
+
+void Outcome::perform(const std::function<void()>& acrOperation)
+{
+    sTextCount = 0;
+    substitute::ClibStrerror.instead(textOfErrno);
+    try {
+        const Recording lRecording;
+        std::optional<WithoutMemory> lWithoutMemory;
+        if (mIsWithoutMemory) {
+            lWithoutMemory.emplace();
+        }
+        acrOperation();
+    } catch (const OQCException& acrFailure) {
+        recordThrow(acrFailure);
+    }
+}
+
+void Outcome::compare()
+{
+    const Events lEvents = recorded();
+    std::string lTrace = traceOf(lEvents, mOperation, mFile);
+    if (0 != mError) {
+        lTrace = replaced(lTrace, errorName(mError).mText, "ERROR");
+    }
+    EXPECT_EQ(plain(mTrace), lTrace);
+    if (!mIsKept) {
+        const ::testing::TestInfo& lrTest = *::testing::UnitTest::GetInstance()->current_test_info();
+        sRows.push_back({mOperation, std::string(lrTest.test_suite_name()) + "." + lrTest.name(), mFile, mWhen, mTells,
+                         mStays, lEvents});
+        mIsKept = true;
+    }
+}

@@ -1,0 +1,87 @@
+/// \file
+/// The table of outcomes: one row for each way in which an operation can end. A row is a test; the pages of failures and
+/// messages are printed from what the rows recorded.
+#ifndef OQ_TESTS_OUTCOME_H
+#define OQ_TESTS_OUTCOME_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Substitutes.h"
+
+class Outcome : public RecordedTest
+{
+public:
+    /// \param[in] acFile     the file's name in the log
+    /// \param[in] acrErrors  the row runs once for each; {0} where no error is planned
+    Outcome(const char* acOperation, const char* acFile, const std::vector<int>& acrErrors)
+        : mOperation(acOperation), mFile(acFile), mErrors(acrErrors)
+    {
+    }
+    /// Runs the row for each error, with memory and then without.
+    void TestBody() override;
+
+protected:
+    /// The row: plans what fails, fills the fields, runs the operation and looks at what is left.
+    virtual void row() = 0;
+
+    std::string mWhen;   ///< the condition, for the page
+    std::string mTrace;  ///< every event; indentation is ignored, ERROR stands for error()
+    std::string mTells;  ///< how the caller can tell, where nothing is thrown; for the page
+    std::string mStays;  ///< what keeps its value and what is left behind; for the page
+
+    /// The error of this pass.
+    int error() const { return mError; }
+
+    /// Performs the operation and compares what it did with mTrace. ClibStrerror() returns the name of errno and the
+    /// number of the text, as in "EINTR #1", in a place outside of the caller's buffer.
+    void run(const std::function<void()>& acrOperation);
+    /// The same in a child, for an operation that ends its process.
+    void runInChild(const std::function<void()>& acrOperation);
+
+private:
+    void perform(const std::function<void()>& acrOperation);
+    void compare();
+
+    const char* const mOperation;
+    const char* const mFile;
+    const std::vector<int> mErrors;
+    int mError = 0;
+    bool mIsWithoutMemory = false;
+    bool mIsKept = false;
+};
+
+/// What the pages need of a row.
+struct OutcomeRow {
+    std::string mOperation;
+    std::string mTest;
+    std::string mFile;
+    std::string mWhen;
+    std::string mTells;
+    std::string mStays;
+    Events mEvents;
+};
+/// All rows that have run.
+const std::vector<OutcomeRow>& outcomeRows();
+
+/// Whether each log call of the rows reported its own line and the function in which it is; prints those that did not.
+bool checkSites();
+
+bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,
+                const std::function<Outcome*()>& acrMake);
+
+/// Defines a row of the table. The source defines cLogFile, the file's name in the log.
+#define OUTCOME(operation, name) OUTCOME_OF_ERRORS(operation, name, 0)
+
+/// The same for a row that runs once for each of these errors.
+#define OUTCOME_OF_ERRORS(operation, name, ...)                                                   \
+    struct operation##_##name : Outcome {                                                         \
+        operation##_##name() : Outcome(#operation, cLogFile, std::vector<int>{__VA_ARGS__}) {}    \
+        void row() override;                                                                      \
+    };                                                                                            \
+    [[maybe_unused]] const bool s##operation##_##name =                                           \
+        addOutcome(#operation, #name, __FILE__, __LINE__, [] { return new operation##_##name; }); \
+    void operation##_##name::row()
+
+#endif

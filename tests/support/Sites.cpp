@@ -1,0 +1,98 @@
+// The source line of each log call that a row has made, looked up in the debug information.
+
+#include <dlfcn.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <iostream>
+#include <map>
+#include <set>
+
+#include "Outcome.h"
+
+namespace
+{
+
+/// What addr2line says of return addresses of one object: for each the functions and places, innermost first.
+std::map<const void*, std::string> lookUp(const std::string& acrObject, const std::map<const void*, size_t>& acrOffsets)
+{
+    std::string lCommand = "addr2line -afiC -e '" + acrObject + "'";
+    for (const auto& lrFrame : acrOffsets) {
+        char lOffset[32];
+        snprintf(lOffset, sizeof lOffset, " %#zx", lrFrame.second);
+        lCommand += lOffset;
+    }
+    std::map<const void*, std::string> lFound;
+    auto lAt = acrOffsets.begin();
+    FILE* const lpPipe = popen(lCommand.c_str(), "r");
+    char lLine[1024];
+    std::string* lpPlaces = nullptr;
+    while (nullptr != fgets(lLine, sizeof lLine, lpPipe)) {
+        if (0 == strncmp("0x", lLine, 2)) {
+            lpPlaces = &lFound[(lAt++)->first];
+        } else {
+            const std::string lText(lLine, strcspn(lLine, "\n"));
+            *lpPlaces += lText.substr(0, lText.find(" (discriminator")) + "\n";
+        }
+    }
+    pclose(lpPipe);
+    return lFound;
+}
+
+/// The file's name in the log and the line, then the function and the format.
+std::string nameOf(const Event& acrEvent)
+{
+    return acrEvent.mFile + ":" + std::to_string(acrEvent.mLine) + " " + acrEvent.mFunction + ": \"" + acrEvent.mName +
+           "\"";
+}
+
+/// Whether one of the frames is at the logged line of the file, and one is of the logged function, which need not be the
+/// same: a helper logs as its caller. ".//MiscLinux" is MiscLinux.cpp; "backend/common/include/Pointer" is Pointer.h.
+bool isAtItsLine(const Event& acrEvent, const std::string& acrFrames)
+{
+    const std::string lSource = acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
+    const std::string lEnd = ":" + std::to_string(acrEvent.mLine) + "\n";
+    const auto lHas = [&acrFrames](const std::string& acrText) { return std::string::npos != acrFrames.find(acrText); };
+    return (lHas("/" + lSource + ".cpp" + lEnd) || lHas("/" + lSource + ".h" + lEnd)) && lHas(acrEvent.mFunction + "(");
+}
+
+}  // namespace
+
+bool checkSites()
+{
+    std::map<std::string, Event> lSites;
+    for (const OutcomeRow& lrRow : outcomeRows()) {
+        for (const Event& lrEvent : lrRow.mEvents) {
+            if (Event::Log == lrEvent.mKind) {
+                lSites.emplace(nameOf(lrEvent), lrEvent);
+            }
+        }
+    }
+    std::map<std::string, std::map<const void*, size_t>> lObjects;
+    for (const auto& lrSite : lSites) {
+        for (const void* const lpFrame : lrSite.second.mFrames) {
+            Dl_info lInfo;
+            const char* const lpCall = static_cast<const char*>(lpFrame) - 1;
+            if (0 != dladdr(lpCall, &lInfo)) {
+                lObjects[lInfo.dli_fname][lpFrame] = static_cast<size_t>(lpCall - static_cast<char*>(lInfo.dli_fbase));
+            }
+        }
+    }
+    std::map<const void*, std::string> lPlaces;
+    for (const auto& lrObject : lObjects) {
+        lPlaces.merge(lookUp(lrObject.first, lrObject.second));
+    }
+    unsigned int lWrong = 0;
+    for (const auto& lrSite : lSites) {
+        std::string lFrames;
+        for (const void* const lpFrame : lrSite.second.mFrames) {
+            lFrames += lPlaces[lpFrame];
+        }
+        if (!isAtItsLine(lrSite.second, lFrames)) {
+            std::cerr << lrSite.first << " is not there; the call came from\n" << lFrames;
+            ++lWrong;
+        }
+    }
+    std::cout << lSites.size() << " log calls, " << lWrong << " with a wrong line\n";
+    return !lSites.empty() && 0 == lWrong;
+}
