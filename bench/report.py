@@ -244,12 +244,11 @@ def main():
     text += ["", "![Time of each operation and of its peers as a multiple of the raw calls](benchmarks/ratios.svg)", "",
              "## Cost against size", "",
              "![Time against message length, lines, memory and threads](benchmarks/sizes.svg)"]
-    text += size_table(sizes)
     page = given.docs / "benchmarks.md"
     before, _, rest = page.read_text().partition(BETWEEN[0])
     after = rest.partition(BETWEEN[1])[2]
     page.write_text(before + BETWEEN[0] + "\n" + "\n".join(text) + "\n\n" + BETWEEN[1] + after)
-    print("\n".join(text))
+    print("\n".join(text + size_table(sizes)))
 
 
 main()
