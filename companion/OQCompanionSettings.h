@@ -9,13 +9,13 @@
 ///     2026-03-01T12:00:00.123456Z 4711 140245 -E- OsLockFile (.//MiscLinux:88) Failed to lock file, error: ...
 ///
 /// that is: time (UTC), process id, the writing thread's handle as OsStartThread gives it, tag, function, file and line
-/// of the call, message. It is formatted on the stack and written with one write(): lines of several threads do not
-/// mix, nor do those of several processes when the file is opened with O_APPEND (on a pipe, lines of up to 4096 bytes).
-/// A line feed inside the message is written as a blank, so that a line of the log is one call; a line of more than
-/// 8192 bytes is cut there. A line that cannot be written (disk full, descriptor closed) is dropped without a word, and
-/// so is the rest of one that could be written in part; errno is kept in every case. After a line that was written in
-/// part, the next line of this process to the same descriptor begins with a line feed; a line that another thread
-/// writes at that moment may still be appended to the part, or leave an empty line behind it.
+/// of the call, message. It is formatted on the stack (about 9 KB) and written with one write(): lines of several
+/// threads do not mix, nor do those of several processes when the file is opened with O_APPEND (on a pipe, lines of up
+/// to 4096 bytes). A line feed inside the message is written as a blank, so that a line of the log is one call; a line
+/// of more than 8192 bytes is cut there. A line that cannot be written (disk full, descriptor closed) is dropped
+/// without a word, and so is the rest of one that could be written in part; errno is kept in every case. After a line
+/// that was written in part, the next line of this process to the same descriptor begins with a line feed; a line that
+/// another thread writes at that moment may still be appended to the part, or leave an empty line behind it.
 ///
 /// A pipe whose reader has gone raises SIGPIPE, as for any write. A file at the process's limit of file sizes
 /// (RLIMIT_FSIZE) raises SIGXFSZ. Both signals end the process unless it handles or ignores them; the line is then

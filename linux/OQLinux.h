@@ -206,7 +206,8 @@ OQ_EXPORT void OsWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex);
 /// \throws OQCCondWaitFailedEx 339 (also an OQCHaltEx) for any other error
 /// \logs A time-out one line "Condition wait timed out." at trace level; nothing else.
 /// \threads Any that holds the mutex. A cancellation point.
-/// \trap A spurious wake-up returns normally. Called in a loop, each call waits the full time anew.
+/// \trap A spurious wake-up returns normally. Called in a loop, each call waits the full time anew. Setting the clock
+/// forward shortens the wait, setting it back lengthens it.
 OQ_EXPORT void OsConditionalTimedWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex, unsigned int aSeconds);
 
 /// @}
@@ -268,8 +269,8 @@ OQ_EXPORT void OsNamedPipeDestroy(const OQCString& acrPath, int& arPipe);
 /// \logs Traced; "Opening %s with %d flags". A refused mode "Invalid flags %d passed to open file", then "Left", before
 /// the throw. A file that cannot be opened: no line of its own.
 /// \threads Any. A cancellation point.
-/// \trap A failed open says nothing: set arPipe to -1 before the call and test 0 <= arPipe after it. A wait for -1 does
-/// not fail, it times out.
+/// \trap A failed open says nothing: set arPipe to -1 before the call and test 0 <= arPipe after it. An open that waits
+/// for a peer also fails when a signal handler interrupts it. A wait for -1 does not fail, it times out.
 OQ_EXPORT void OsNamedPipeOpen(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState,
                                OQEConnectionMode aSide);
 
@@ -302,7 +303,8 @@ OQ_EXPORT void OsNamedPipeAccept(int aPipe);
 /// \nothrow
 /// \logs Traced; "Reading %u bytes".
 /// \threads Any. A cancellation point.
-/// \trap 0 bytes do not tell why: errno is not reported.
+/// \trap 0 bytes do not tell why: errno is not reported. If another reader was quicker, a blocking read waits although
+/// OsNamedPipeWaitForActivity found data.
 OQ_EXPORT void OsNamedPipeRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone);
 
 /// Reads until so many bytes have arrived. With the companion runtime of this project fewer bytes come only at end of
@@ -367,9 +369,10 @@ OQ_EXPORT void OsNamedPipeClose(int& arPipe, OQEConnectionMode aSide);
 /// | Full     | 1          | 0            | waits 3 seconds at most      | goes on, becomes Empty|
 /// | Changing | 0          | 0            | waits                        | OQCTryAgainEx         |
 ///
-/// Every write and every read passes through Changing. A server that opens the segment again while a client writes can
-/// leave both flags set, or a Full slot, with data_length 0: the next read then returns 0 bytes. With both flags set a
-/// write goes on, too, and replaces the message.
+/// Every write and every read passes through Changing. A process that dies there leaves the mailbox in Changing until a
+/// server opens the segment again. A server that opens the segment again while a client writes can leave both flags
+/// set, or a Full slot, with data_length 0: the next read then returns 0 bytes. With both flags set a write goes on,
+/// too, and replaces the message.
 /// @{
 
 /// The first 6 bytes of every segment, in the host's byte order; the message follows directly. Shared by two processes:
@@ -404,7 +407,7 @@ struct OQShmDesc {
 /// memory, for lack of the privilege or at the limit of locked memory (RLIMIT_MEMLOCK)
 /// \logs Traced; no line before a throw.
 /// \threads Any, one at a time for one OQShmDesc.
-/// \trap A segment that was made stays in the system when a later step fails.
+/// \trap A segment that was made stays in the system when a later step fails. Remove the segment shm_id with shmctl(IPC_RMID).
 OQ_EXPORT void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide);
 
 /// Closes a segment; the server removes it. The system frees it when the last process has detached.
@@ -417,7 +420,8 @@ OQ_EXPORT void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
 /// \throws OQCFileUnLockFailedEx 331, for the server
 /// \logs Traced; no line before a throw.
 /// \threads Any, one at a time for one OQShmDesc.
-/// \trap A server's failure leaves the segment attached.
+/// \trap A server's failure leaves the segment attached. After a server's close, a client that is still attached keeps a
+/// segment that nobody else can open.
 OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide);
 
 /// Waits until a message is in the slot. The flag is tested at once, then after every millisecond.
@@ -442,9 +446,10 @@ OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigne
 /// \logs Traced, and the lines of the wait in the name of "sTimedWaitOnFlag". A cancelled write "Both Peers not ready..
 /// write would be canceled" (64, "-I-"). A time-out: no "Left".
 /// \threads Any, one at a time for one OQShmDesc. A cancellation point.
-/// \trap A cancelled write throws nothing: set arWritten to 0 before the call. A clock that is set moves the 3 seconds,
-/// as for OsSharedMemoryWaitForActivity. With a shm_size below 6 the check of the length never fires and the caller
-/// writes past the segment.
+/// \trap A cancelled write throws nothing: set arWritten to 0 before the call. A peer that has gone still counts as
+/// ready, because its flag is never cleared. A clock that is set moves the 3 seconds, as for
+/// OsSharedMemoryWaitForActivity. With a shm_size below 6 the check of the length never fires and the caller writes
+/// past the segment.
 OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsigned int acLength,
                                    unsigned int& arWritten);
 
@@ -557,10 +562,10 @@ OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 /// \threads One at a time, also among processes: they share the file. A cancellation point.
 /// \trap **The pattern reaches the shell unquoted and a buffer of 256 bytes unchecked**: pass on only names that were
 /// checked against a strict pattern, such as 1 to 15 letters, digits, dots, underscores and hyphens, the first no
-/// hyphen (longer ones match nothing; a dot matches any character). What the shell and pgrep complain of goes to the
-/// host's standard error. A file that the caller cannot rewrite answers as it stands: whoever may write it gives the
-/// answer. Where the file is a FIFO, the call waits until somebody reads it, perhaps for ever: examine the file with
-/// lstat() before, and do not call when it is neither missing nor a regular file.
+/// hyphen (a part of a name matches, too; longer ones match nothing; a dot matches any character). What the shell and
+/// pgrep complain of goes to the host's standard error. A file that the caller cannot rewrite answers as it stands:
+/// whoever may write it gives the answer. Where the file is a FIFO, the call waits until somebody reads it, perhaps for
+/// ever: examine the file with lstat() before, and do not call when it is neither missing nor a regular file.
 OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 
 /// @}
