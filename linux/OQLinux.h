@@ -407,7 +407,8 @@ struct OQShmDesc {
 /// memory, for lack of the privilege or at the limit of locked memory (RLIMIT_MEMLOCK)
 /// \logs Traced; no line before a throw.
 /// \threads Any, one at a time for one OQShmDesc.
-/// \trap A segment that was made stays in the system when a later step fails. Remove the segment shm_id with shmctl(IPC_RMID).
+/// \trap A segment that was made stays in the system when a later step fails. Remove the segment shm_id with
+/// shmctl(IPC_RMID).
 OQ_EXPORT void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide);
 
 /// Closes a segment; the server removes it. The system frees it when the last process has detached.
