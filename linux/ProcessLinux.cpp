@@ -121,7 +121,11 @@ bool hasEnded(pid_t aChild)
 /// Tells whether a child runs a program of its own, by a request that Linux refuses in any case: with EACCES if the
 /// child has called execve() since its fork, and with EPERM if not. A child in another session is always refused with
 /// EPERM.
-bool runsProgram(pid_t aChild) { return setpgid(aChild, cNoGroup) < 0 && EACCES == errno; }
+bool runsProgram(pid_t aChild)
+{
+    setpgid(aChild, cNoGroup);
+    return EACCES == errno;
+}
 
 bool hasOwnSession(pid_t aChild) { return getsid(aChild) != getsid(0); }
 
@@ -191,10 +195,11 @@ void initRobustLock(pthread_mutex_t* apLock)
 bool isReleased(pthread_mutex_t* apLock)
 {
     const int lResult = pthread_mutex_trylock(apLock);
-    if (EBUSY != lResult) {
-        pthread_mutex_unlock(apLock);
+    if (EBUSY == lResult) {
+        return false;
     }
-    return EBUSY != lResult && 0 != lResult;
+    pthread_mutex_unlock(apLock);
+    return EOWNERDEAD == lResult;
 }
 
 /// Makes the child in which the failure of a program that cannot be run is thrown: one with memory of its own. As with

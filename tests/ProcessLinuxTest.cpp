@@ -963,7 +963,11 @@ TEST_P(ProcessCreateTest, FailedChildIsAwaitedWithoutMemoryToShareWithIt)
     } else {
         mmapFault.failOn(2, -1, ENOMEM);  // a copy tells its error through the first
     }
-    const int lChild = startInVain(cMissing, [&](const OQCException&) { lHold.inChild(); });
+    const int lChild = startInVain(cMissing, [&](const OQCException&) {
+        setsid();
+        lHold.inChild();
+        exit(42);
+    });
     lHold.returned();
     EXPECT_EQ(42, ProcessWait(lChild, 0));
 }
