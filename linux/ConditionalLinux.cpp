@@ -1,4 +1,4 @@
-// Condition variables: one POSIX call each, silent but for the time-out and the assertion of the timed wait.
+// Condition variables: one POSIX call each. Only the time-out and the assertion of the timed wait are logged.
 
 #define OQ_LOG_FILE ".//ConditionalLinux"
 
@@ -28,7 +28,7 @@ void OsSignal(pthread_cond_t& arCondition)
     }
 }
 
-// Not offered to callers, but a part of the family: the one thrower of its exception. Its test includes this source.
+// Not exported. Only this function throws OQCCondBroadcastFailedEx. The test includes this source file to reach it.
 [[maybe_unused]] static void OsBroadcast(pthread_cond_t& arCondition)
 {
     if (0 != pthread_cond_broadcast(&arCondition)) {
@@ -43,14 +43,15 @@ void OsWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex)
     }
 }
 
-// The deadline keeps the clock's nanoseconds: whole seconds are added, so no carry is ever needed. The sum is not
+// The deadline keeps the clock's nanoseconds: the timeout is in whole seconds, so no carry is needed. The sum is not
 // checked against the range of time_t.
 void OsConditionalTimedWait(pthread_cond_t& arCondition, pthread_mutex_t& arMutex, unsigned int aSeconds)
 {
     timespec lDeadline;
     clock_gettime(CLOCK_REALTIME, &lDeadline);
     OQ_ASSERT(aSeconds > 0);
-    // In the width of time_t, which may exceed that of long. The builtin stores a sum that wraps; "+" would be undefined.
+    // Adds in the width of time_t, which may exceed that of long. On overflow the builtin wraps; "+" would be
+    // undefined.
     static_cast<void>(__builtin_add_overflow(lDeadline.tv_sec, aSeconds, &lDeadline.tv_sec));
     const int lResult = pthread_cond_timedwait(&arCondition, &arMutex, &lDeadline);
     if (ETIMEDOUT == lResult) {

@@ -1,7 +1,6 @@
 /// \file
-/// The vocabulary of the layer's sources: log, assert and throw.
-///
-/// Every source that logs defines OQ_LOG_FILE, the name under which its lines appear, before it includes this.
+/// Helpers of the layer's sources for logging, assertions and exceptions. Every source that logs defines OQ_LOG_FILE,
+/// the file name in its log lines, before it includes this header.
 #ifndef OQ_LINUX_INTERNAL_H
 #define OQ_LINUX_INTERNAL_H
 
@@ -19,8 +18,8 @@
 
 #define OQ_ASSERT(condition) OQ_ASSERT_AS(condition, #condition, __func__, OQ_LOG_FILE)
 
-/// Room for the system's error text, local to the failing call. A failure that is logged asks for the text twice, for
-/// the line and for the exception, as two calls of the companion runtime on this one buffer.
+/// A buffer for the system's error text, local to the failing call. A failure that is logged gets the text twice, once
+/// for the line and once for the exception, by two calls of the companion runtime on this buffer.
 class ErrorText
 {
 public:
@@ -30,20 +29,20 @@ private:
     char mText[512];
 };
 
-// Each frame between a throw and its handler adds about a tenth to the cost of a failure. So these words are inlined
-// where they can be.
+// Each frame between a throw and its handler adds about a tenth to the cost of a failure. These helpers are therefore
+// inlined where possible.
 
-/// Throws the leaf with its code and the text of the current errno. Calls of pthread functions return their error and
-/// need not set errno; the text is that of errno all the same.
+/// Throws the leaf with its code and the text of the current errno. Pthread functions return their error and need not
+/// set errno. The text is nevertheless that of errno.
 template <class Leaf>
 [[noreturn, gnu::always_inline]] inline void throwOsError(ErrorText& arText)
 {
-    const char* const lpText = arText.get();  // before the exception's memory is asked for, which may change errno
+    const char* const lpText = arText.get();  // before the throw, which allocates memory and may change errno
     throw Leaf(lpText, OQErrorCode<Leaf>::value);
 }
 
-/// The same for operations that log nothing. Out of line: inlined into these short functions, it would make each success
-/// save two more registers.
+/// The same for operations that log nothing. Out of line, because the inlined code would make each successful call of
+/// these short functions save two more registers.
 template <class Leaf>
 [[noreturn, gnu::cold, gnu::noinline]] void throwOsError()
 {

@@ -1,4 +1,4 @@
-// Host services: wait for a descriptor, run a command, lock a file, signal a process, tell who the host is.
+// Host services: wait for a descriptor, run a command, lock a file, signal a process, identify the host.
 
 #define OQ_LOG_FILE ".//MiscLinux"
 
@@ -21,15 +21,15 @@
 namespace
 {
 
-const int cRestartNoHand = 514;                // the kernel's ERESTARTNOHAND, which an interrupted call can return
+const int cRestartNoHand = 514;                // the kernel's ERESTARTNOHAND, a possible error of an interrupted call
 const unsigned int cBufferSize = 4000;         // bytes of the read buffer and of the line buffer
 const unsigned int cHostNameSize = 128;        // bytes
 const unsigned int cLoopbackPrefixLength = 4;  // of "127."
 
-const char* const cNoAddress = "No non-loopback IP Address configured on system";  // the log lines are literals
+const char* const cNoAddress = "No non-loopback IP Address configured on system";  // repeated in the log calls
 const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
 
-/// A cleared buffer of 4000 bytes from malloc.
+/// Allocates a zeroed buffer of 4000 bytes with malloc().
 char* allocateBuffer()
 {
     char* const lpBuffer = static_cast<char*>(malloc(cBufferSize));
@@ -40,27 +40,27 @@ char* allocateBuffer()
     return lpBuffer;
 }
 
-/// The host's own entry, looked up in the name of the calling operation. It is the resolver's, shared by the process.
+/// Looks up the host's own entry; logs as acFunction. The resolver owns the entry, and the whole process shares it.
 const hostent* lookUpHost(const char* acFunction)
 {
     char lHostName[cHostNameSize] = {};
     ClibGethostname(lHostName, sizeof lHostName);
     const hostent* const lpHostEntry = gethostbyname(lHostName);
     if (NULL == lpHostEntry) {
-        errno = h_errno;  // the resolver's number, told in the system's words
+        errno = h_errno;  // reports the resolver's error number with the system's text for it
         ErrorText lText;
         OQ_ERROR_AS(acFunction, "Can't get local host entry, error: %s", lText.get());
         OQ_TRACE_AS(acFunction, "%s", "Left");
         throwOsError<OQCGetIpAddressFailEx>(lText);
     }
-    // Readers of the log know the condition by the expanded form of its NULL.
+    // Readers of the log know this condition with the expanded form of NULL.
     OQ_ASSERT_AS(lpHostEntry->h_addr_list != NULL, "lpHostEntry->h_addr_list != __null", acFunction, OQ_LOG_FILE);
     return lpHostEntry;
 }
 
-/// Walks the host's addresses in the name of the calling operation and hands each that is not loopback to aTake, in
-/// host order and as text, until aTake says that it has enough. The first entry is examined before it is asked whether
-/// there is one.
+/// Passes each address that is not loopback to aTake, in host byte order and as text, until aTake returns true. Logs as
+/// acFunction. The loop tests for the end of the list only after the first entry, so the body tests that entry for
+/// null.
 template <class Take>
 void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTake)
 {
@@ -70,7 +70,7 @@ void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTak
         if (NULL != lpEntry) {
             in_addr lAddress;
             ClibMemcpy(&lAddress, lpEntry, sizeof lAddress);
-            char lText[INET_ADDRSTRLEN];  // of our own: the host's logging function may use inet_ntoa, too
+            char lText[INET_ADDRSTRLEN];  // a copy: the host's logging function may also call inet_ntoa
             snprintf(lText, sizeof lText, "%s", inet_ntoa(lAddress));
             OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, lText);
             if (0 != ClibnStrcmp(lText, "127.", cLoopbackPrefixLength) && aTake(ClibNtohl(lAddress.s_addr), lText)) {
@@ -92,7 +92,7 @@ bool exists(const char* acPath)
     }
 }
 
-/// The release file of the distribution, or null.
+/// Returns the path of the distribution's release file, or null.
 const char* findReleaseFile()
 {
     for (const char* lpPath : {"/etc/oracle-release", "/etc/enterprise-release", "/etc/redhat-release"}) {
@@ -105,8 +105,8 @@ const char* findReleaseFile()
 
 }  // namespace
 
-// An interrupted select is called again with the same objects: Linux leaves the remaining time in the structure, so the
-// whole wait never lasts longer than asked for.
+// After an interruption, the loop calls select() again with the same objects. Linux leaves the remaining time in the
+// structure, so the whole wait never exceeds aSeconds.
 void OsWaitForActivity(int aDescriptor, unsigned int aSeconds)
 {
     OQ_ENTERED();
@@ -138,8 +138,8 @@ void OsWaitForActivity(int aDescriptor, unsigned int aSeconds)
     OQ_LEFT();
 }
 
-// Exhausted memory leaves the buffers allocated and the stream open. A cancelled thread leaves the stream open, too:
-// pclose() waits until the command ends, and a join of the thread would wait as long.
+// When memory is exhausted, the buffers stay allocated and the stream stays open. A cancelled thread also leaves the
+// stream open: pclose() waits until the command ends, and a join of the thread would wait equally long.
 void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
 {
     OQ_ENTERED();
@@ -150,8 +150,8 @@ void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
         OQ_LEFT();
         return;
     }
-    // A program that another thread starts from now on does not inherit the pipe. One that did would keep it open, and
-    // a command that waits for its reader to leave would run on.
+    // Programs that other threads start from now on must not inherit the pipe. They would keep it open, and a command
+    // that waits for its reader to close the pipe would keep running.
     fcntl(fileno(lpStream), F_SETFD, FD_CLOEXEC);
     char* const lpBuffer = allocateBuffer();
     char* lpWrite = lpBuffer;
@@ -215,7 +215,7 @@ char* OsBreak(char* apBuffer, OQCList<OQCString>& arLines)
     return lpCursor;
 }
 
-// Only tried, never waited for: a file that another process has locked fails at once.
+// F_TLOCK does not wait: the call fails at once if another process holds a lock.
 void OsLockFile(int aDescriptor)
 {
     OQ_ENTERED();

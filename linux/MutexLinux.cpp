@@ -1,4 +1,4 @@
-// Mutexes: one POSIX call each. Silent on success and on failure; the failure is the exception.
+// Mutexes: one POSIX call each. The functions log nothing and report a failure only by an exception.
 
 #include "LinuxInternal.h"
 

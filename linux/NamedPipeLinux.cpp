@@ -1,4 +1,4 @@
-// Named pipes: a FIFO file made with mknod, used through a plain descriptor that belongs to the caller.
+// Named pipes: a FIFO file created with mknod(), used through a plain descriptor that belongs to the caller.
 
 #define OQ_LOG_FILE ".//NamedPipeLinux"
 
@@ -13,7 +13,7 @@ namespace
 
 const mode_t cFifoMode = S_IFIFO | 0660;
 
-/// The flags for open, or -1 for a mode that is none. The synchronous-write bit is O_DSYNC, the classic one-bit form.
+/// Returns the flags for open(), or -1 for an invalid mode. Synchronous writes use O_DSYNC, the traditional single bit.
 int flagsOf(OQEFileMode aMode)
 {
     switch (aMode) {
@@ -54,7 +54,7 @@ void OsNamedPipeDestroy(const OQCString& acrPath, int&)
     OQ_LEFT();
 }
 
-// A failed open is silent: the caller sees it by the descriptor that has kept its value.
+// A failed open is not reported. The caller detects it because arPipe keeps its value.
 void OsNamedPipeOpen(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState, OQEConnectionMode)
 {
     OQ_ENTERED();
@@ -111,7 +111,7 @@ void OsNamedPipeBlockRead(int aPipe, unsigned char* apBuffer, unsigned int aLeng
     OQ_LEFT();
 }
 
-// Unlike the reads this does not clear the count first: after a failed write it holds what the caller put there.
+// Unlike the read functions, this one does not clear the count first: after a failed write it holds the caller's value.
 void OsNamedPipeWrite(int aPipe, const unsigned char* acData, unsigned int aLength, unsigned int& arDone)
 {
     OQ_ENTERED();
@@ -130,7 +130,7 @@ void OsNamedPipeWaitForActivity(int aPipe, unsigned int aSeconds)
     OQ_LEFT();
 }
 
-// The descriptor's number stays in the caller's variable.
+// The caller's variable keeps the number of the closed descriptor.
 void OsNamedPipeClose(int& arPipe, OQEConnectionMode)
 {
     OQ_ENTERED();

@@ -1,4 +1,4 @@
-// Processes: start a program, wait for a child, handle a signal, ask whether a program runs.
+// Processes: start a program, wait for a child, handle a signal, check whether a program runs.
 
 #define OQ_LOG_FILE ".//ProcessLinux"
 
@@ -21,8 +21,8 @@
 namespace
 {
 
-const int cCannotRun = 127;              // exit code of a child that was to run a program and could not
-const useconds_t cLongestPause = 10000;  // microseconds between two looks at a child
+const int cCannotRun = 127;              // exit code of a child that could not run its program
+const useconds_t cLongestPause = 10000;  // microseconds between two checks of a child
 const pid_t cNoGroup = INT_MAX;  // no process group has this number: it is above the system's largest process id
 
 /// Disables cancellation while a program is started: a cancellation point in the vfork child would unwind the parent's
@@ -42,7 +42,7 @@ private:
     int mState;
 };
 
-/// Blocks every signal of the calling thread.
+/// Blocks all signals for the calling thread.
 class NoSignals
 {
 public:
@@ -56,14 +56,14 @@ public:
     NoSignals(const NoSignals&) = delete;
     NoSignals& operator=(const NoSignals&) = delete;
 
-    /// The mask that was in force before.
+    /// The thread's previous signal mask.
     const sigset_t& before() const { return mMask; }
 
 private:
     sigset_t mMask;
 };
 
-/// Memory that the caller and its children both see, zero-filled. There may be none.
+/// Zero-filled memory that the caller and its children share. get() is null if it could not be mapped.
 template <class T>
 class SharedWithChild
 {
@@ -79,22 +79,22 @@ public:
     SharedWithChild& operator=(const SharedWithChild&) = delete;
 
     T* get() const { return MAP_FAILED == mMemory ? NULL : static_cast<T*>(mMemory); }
-    /// Leaves it mapped.
+    /// Leaves the memory mapped after destruction.
     void keep() { mMemory = MAP_FAILED; }
 
 private:
     void* mMemory;
 };
 
-/// Linux's record of a signal's action, which begins with the handler; the C library's differs from it.
+/// The kernel's record of a signal action. It begins with the handler, unlike the C library's struct sigaction.
 struct KernelAction {
     void (*mHandler)(int);
-    unsigned char mRest[64];  // flags, mask and what else the processor's record has
+    unsigned char mRest[64];  // flags, mask and other fields that depend on the architecture
 };
 
-/// Gives the vfork child the signal actions and the mask that its program starts with: handlers become the default
-/// action, ignored signals stay ignored. The system calls are made directly because a library that stands before the
-/// C library's functions may keep a table of handlers, which the child shares with its parent.
+/// Sets the signal actions and the mask with which the child's program will start: handlers become the default action,
+/// ignored signals stay ignored. The function makes the system calls directly, because a library that interposes the C
+/// library's functions may keep a table of handlers, and the vfork child shares that table with its parent.
 void takeSignalsOfProgram(const sigset_t& acrMask)
 {
     const size_t cMaskSize = NSIG / 8;
@@ -109,7 +109,7 @@ void takeSignalsOfProgram(const sigset_t& acrMask)
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, &acrMask, NULL, cMaskSize);
 }
 
-/// Tells whether a child has ended. A child that somebody else has reaped has ended, too.
+/// Returns whether a child has ended. A child that has already been reaped counts as ended.
 bool hasEnded(pid_t aChild)
 {
     siginfo_t lInfo;
@@ -118,9 +118,9 @@ bool hasEnded(pid_t aChild)
     return lResult < 0 ? ECHILD == errno : 0 != lInfo.si_pid;
 }
 
-/// Tells whether a child runs a program of its own, by a request that Linux refuses in any case: with EACCES if the
-/// child has called execve() since its fork, and with EPERM if not. A child in another session is always refused with
-/// EPERM.
+/// Returns whether a child runs a program of its own. The function makes a request that Linux always refuses: with
+/// EACCES if the child has called execve() since the fork, otherwise with EPERM. For a child in another session the
+/// error is always EPERM.
 bool runsProgram(pid_t aChild)
 {
     setpgid(aChild, cNoGroup);
@@ -129,7 +129,7 @@ bool runsProgram(pid_t aChild)
 
 bool hasOwnSession(pid_t aChild) { return getsid(aChild) != getsid(0); }
 
-/// Asks until the answer is true: soon at first, then every 10 ms.
+/// Polls until the condition is true. The pauses grow from 50 microseconds to 10 ms.
 template <class Condition>
 void waitUntil(Condition aCondition)
 {
@@ -140,12 +140,11 @@ void waitUntil(Condition aCondition)
     }
 }
 
-/// Starts the program with vfork.
-/// \return the child's id, or -1 when there is no child; arError: 0, or why the child could not run the program
-///
-/// The child shares this frame and all other memory of the caller, so it only tries, reports the error, and ends. An
-/// exception thrown there would be handled on the stack that the suspended parent continues with. A handler of the host
-/// would change the parent's memory, so all signals are blocked until the child has no handler.
+/// Starts the program with vfork().
+/// \return the child's id, or -1 when no child could be created; arError receives 0, or the error of execve() The child
+/// shares this frame and all other memory of the caller. It therefore only calls execve(), reports the error, and ends.
+/// The parent is suspended meanwhile and later continues on the same stack, so the child must not throw. A handler of
+/// the host would change the parent's memory, so all signals stay blocked until the child has no handlers.
 pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp, int& arError)
 {
     volatile int lError = 0;
@@ -164,8 +163,8 @@ pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp,
         _exit(cCannotRun);
     }
     if (0 < lChild && !lSharesMemory && NULL != lErrorOfCopy.get()) {
-        // The system carries out vfork as fork, as emulators do: the child may not have got that far yet. A session of
-        // its own is a sign of its program, for the child itself does not make one.
+        // The system implements vfork() as fork(), as emulators do, so the child may not have reached execve() yet. A
+        // child in a session of its own runs its program, because the child itself does not create a session.
         waitUntil([=] { return runsProgram(lChild) || hasOwnSession(lChild) || hasEnded(lChild); });
         lError = *lErrorOfCopy.get();
     }
@@ -175,12 +174,12 @@ pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp,
 
 void reap(pid_t aChild)
 {
-    // A handler of the host may have been quicker: then there is nothing left to collect.
+    // A handler of the host may already have reaped the child. waitpid() then fails with ECHILD.
     while (waitpid(aChild, NULL, 0) < 0 && EINTR == errno) {
     }
 }
 
-/// Makes a lock that the kernel releases when its owner runs a program or ends.
+/// Initialises a lock that the kernel releases when its owner calls execve() or ends.
 void initRobustLock(pthread_mutex_t* apLock)
 {
     pthread_mutexattr_t lAttributes;
@@ -191,7 +190,7 @@ void initRobustLock(pthread_mutex_t* apLock)
     pthread_mutexattr_destroy(&lAttributes);
 }
 
-/// Tells whether the kernel has released a robust lock because its owner ran a program or ended.
+/// Returns whether the kernel has released a robust lock because its owner called execve() or ended.
 bool isReleased(pthread_mutex_t* apLock)
 {
     const int lResult = pthread_mutex_trylock(apLock);
@@ -202,10 +201,11 @@ bool isReleased(pthread_mutex_t* apLock)
     return EOWNERDEAD == lResult;
 }
 
-/// Makes the child in which the failure of a program that cannot be run is thrown: one with memory of its own. As with
-/// vfork, the parent continues when that child runs a program or ends. What the child closes has no effect on that. The
-/// lock that it holds is for a child that makes a session of its own, which cannot be asked whether it runs a program.
-/// \return the child's id in the parent, 0 in the child, -1 when there can be no such child
+/// Creates the child that throws because the program cannot be run. This child has memory of its own. As with vfork(),
+/// the parent continues when the child runs a program or ends. Descriptors that the child closes have no effect on
+/// that. The child holds a lock for the case that it creates a session of its own: runsProgram() does not work for such
+/// a child.
+/// \return the child's id in the parent, 0 in the child, -1 when no child could be created
 pid_t forkThrowingChild()
 {
     SharedWithChild<pthread_mutex_t> lHeldByChild;
@@ -232,7 +232,7 @@ int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp)
 {
     OQ_ENTERED();
     NoCancellation lNoCancellation;
-    fflush(stdin);  // not stdout: callers rely on unflushed output staying in the buffer
+    fflush(stdin);  // stdin, not stdout: callers rely on unflushed output staying in the buffer
     int lError = 0;
     pid_t lChild = startProgram(acPath, acArgv, acEnvp, lError);
     if (0 != lError) {
@@ -277,7 +277,7 @@ int ProcessWait(int aPid, unsigned int)
     return lResult;
 }
 
-// The handler has the one-argument form although SA_SIGINFO is set: it gets the number and ignores the rest.
+// The handler takes one argument although SA_SIGINFO is set. It receives the number and ignores the other arguments.
 void RegisterSignalHandler(int aSignal, void (*apHandler)(int))
 {
     OQ_ENTERED();
@@ -303,7 +303,7 @@ int isProcessRunning(const OQCString& acrName)
         ClibStat("/tmp/.vyrsyscmd", &lOutput);
         lRunning = 0 != lOutput.st_size ? 1 : 0;
     } catch (const OQCClibStatFailedEx&) {
-        // No result, so nothing was found.
+        // No result file: report that no process was found.
     }
     if (1 == lRunning) {
         OQ_TRACE("Process '%s' is running", acrName.get());

@@ -1,4 +1,4 @@
-// Shared memory: one System V segment as a one-message mailbox between a server and a client process.
+// Shared memory: a System V segment serves as a one-message mailbox between a server and a client process.
 
 #define OQ_LOG_FILE ".//SharedMemoryLinux"
 
@@ -22,14 +22,16 @@ const int cPermissions = 0666;
 const unsigned int cWriteSeconds = 3;  // how long a write waits for the slot
 const unsigned int cPollMilliseconds = 1;
 
-// No lock guards the header. The other process relies on this order, and so every flag is stored with release and loaded
-// with acquire:
-// - a writer's bytes and length, then segment_free = 0, then data_ready = 1: a reader that finds the flag finds them;
-// - a reader's copy of the bytes, then data_ready = 0, then segment_free = 1: a writer that finds the flag overwrites
-//   nothing that is still being read, and its own data_ready = 1 comes after the reader's 0;
-// - a server's other fields, then server_ready = 1.
-// Where the processor keeps the order of stores (x86, s390x), these are plain byte stores and loads. Elsewhere a barrier
-// belongs to each. As atomic accesses of one byte, two neighbouring stores are not merged into one of 16 bits.
+// No lock guards the header. The other process relies on the order of the stores below, so every flag is stored with
+// release and loaded with acquire semantics:
+// - A writer stores the bytes and the length, then segment_free = 0, then data_ready = 1. A reader that sees data_ready
+//   also sees the bytes and the length.
+// - A reader copies the bytes, then stores data_ready = 0, then segment_free = 1. A writer that sees segment_free
+//   overwrites no bytes that are still being read, and its data_ready = 1 follows the reader's 0.
+// - A server stores the other fields, then server_ready = 1.
+//
+// On processors that keep the order of stores (x86, s390x) these are plain byte stores and loads. On others each needs a
+// barrier. The accesses are atomic so that the compiler does not merge two neighbouring stores into one of 16 bits.
 
 void storeFlag(unsigned char& arFlag, unsigned char aValue) { __atomic_store_n(&arFlag, aValue, __ATOMIC_RELEASE); }
 
@@ -65,12 +67,12 @@ void setDataLength(OQSSharedMemoryHeader* apHeader, unsigned int aLength)
     __atomic_store_n(&apHeader->data_length, static_cast<unsigned short>(aLength), __ATOMIC_RELAXED);
 }
 
-/// The message bytes, directly behind the header.
+/// Returns the address of the message, directly after the header.
 unsigned char* dataOf(OQSSharedMemoryHeader* apHeader) { return reinterpret_cast<unsigned char*>(apHeader + 1); }
 
-/// Throws the leaf with the text of errno, of 256 characters at most and copied into this frame: hosts with a companion
-/// runtime of their own see these calls. The text is copied onto itself where the companion returns the buffer it was
-/// given, and into the buffer where it returns a text of its own.
+/// Throws the leaf with the text of errno. The text has at most 256 characters and is copied into this frame. The calls
+/// stay as they are because they are visible to a host that has its own companion runtime. If the companion returns
+/// lText, ClibStrcpy() copies the text onto itself; otherwise it copies the companion's text into lText.
 template <class Leaf>
 [[noreturn, gnu::cold, gnu::noinline]] void throwSegmentError()
 {
@@ -107,7 +109,7 @@ void controlSegment(const OQShmDesc& acrShmDesc, int aCommand)
 
 using Flag = bool (*)(const OQSSharedMemoryHeader*);
 
-/// Polls until the flag is set; it is not tested once more when the time is over. \param aStart in milliseconds
+/// Polls until the flag is set. Does not test the flag again when the time has elapsed. \param aStart in milliseconds
 [[gnu::cold, gnu::noinline]] void pollFlag(const OQSSharedMemoryHeader* acHeader, unsigned int aLimit, Flag apFlag,
                                            int64_t aStart, const char* acFunction)
 {
@@ -117,7 +119,8 @@ using Flag = bool (*)(const OQSSharedMemoryHeader*);
         unsigned short lMilliseconds;
         ClibGetTime(lSeconds, lMilliseconds);
         const int64_t lElapsed = static_cast<int64_t>(lSeconds) * 1000 + lMilliseconds - aStart;
-        // A clock set back makes the elapsed time negative, as an unsigned number beyond every limit: time is over.
+        // If the clock was set back, the elapsed time is negative. Converted to unsigned it exceeds every limit and
+        // ends the wait.
         if (static_cast<uint64_t>(lElapsed) >= aLimit) {
             OQ_TRACE_AS(acFunction, "Timed out waiting on Shared Memory");
             throwWith<OQCTimeOutEx>("Timed out waiting on Shared Memory");
@@ -125,8 +128,7 @@ using Flag = bool (*)(const OQSSharedMemoryHeader*);
     } while (!apFlag(acHeader));
 }
 
-/// Waits for a header flag; logs under this name. A part of its callers, so that a flag that is set already costs them
-/// no further call.
+/// Waits for a header flag; logs as sTimedWaitOnFlag. Inlined, so that a flag that is already set costs no extra call.
 [[gnu::always_inline]] inline void sTimedWaitOnFlag(const OQShmDesc& acrShmDesc, unsigned int aSeconds, Flag apFlag)
 {
     OQ_ENTERED();
@@ -135,7 +137,7 @@ using Flag = bool (*)(const OQSSharedMemoryHeader*);
     ClibGetTime(lSeconds, lMilliseconds);
     if (!apFlag(acrShmDesc.shm_addr)) {
         const int64_t lStart = static_cast<int64_t>(lSeconds) * 1000 + lMilliseconds;
-        // The limit wraps for 4294968 seconds and more.
+        // The product wraps for 4294968 seconds and more.
         pollFlag(acrShmDesc.shm_addr, aSeconds * 1000, apFlag, lStart, __func__);
     }
     OQ_LEFT();
@@ -143,7 +145,7 @@ using Flag = bool (*)(const OQSSharedMemoryHeader*);
 
 }  // namespace
 
-// Nothing is undone when a step fails: the segment stays, and the descriptor keeps what was stored so far.
+// When a step fails, earlier steps are not undone: the segment stays, and arShmDesc keeps the values stored so far.
 void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
 {
     OQ_ENTERED();
@@ -154,7 +156,7 @@ void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
         controlSegment<OQCClibStatFailedEx>(arShmDesc, IPC_STAT);
         controlSegment<OQCFileLockFailedEx>(arShmDesc, SHM_LOCK);
         attachSegment(arShmDesc);
-        // Also on a segment that existed: a server that opens again discards an unread message.
+        // An existing segment is reset too, so a server that opens again discards an unread message.
         storeFlag(arShmDesc.shm_addr->data_ready, 0);
         storeFlag(arShmDesc.shm_addr->segment_free, 1);
         setDataLength(arShmDesc.shm_addr, 0);
@@ -169,7 +171,7 @@ void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
     OQ_LEFT();
 }
 
-// Removed first, unlocked then: both work on a removed segment while it is attached.
+// IPC_RMID comes before SHM_UNLOCK. The later calls still work, because the segment exists as long as it is attached.
 void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
 {
     OQ_ENTERED();
@@ -190,7 +192,7 @@ void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigned int aSec
     sTimedWaitOnFlag(arShmDesc, aSeconds, isDataReady);
 }
 
-// The difference in the two size checks wraps for segments smaller than the header: they then hold for every length.
+// In both size checks the difference wraps for a segment smaller than the header. The checks then accept every length.
 void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsigned int acLength,
                          unsigned int& arWritten)
 {
@@ -210,7 +212,7 @@ void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsi
     OQ_LEFT();
 }
 
-// A message longer than the buffer is cut short and its rest discarded: the mailbox is empty afterwards.
+// If the message is longer than the buffer, its rest is discarded. The mailbox is empty afterwards in any case.
 void OsSharedMemoryRead(OQShmDesc& arShmDesc, unsigned char* apBuffer, unsigned int acLength, unsigned int& arRead)
 {
     OQ_ENTERED();

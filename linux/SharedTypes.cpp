@@ -1,5 +1,5 @@
-// Gives the inline types of the shared headers bodies of their own in the library: callers built without inlining bind
-// to them, and the type information by which a handler in another library matches stands here.
+// Emits out-of-line bodies for the inline types of the shared headers. Callers built without inlining bind to these
+// bodies. The library also holds the type information that exception handlers in other libraries match against.
 
 #define OQ_EMIT_INLINE
 

@@ -1,4 +1,4 @@
-// Threads: started joinable with one fixed stack size, joined, cancelled, left.
+// Threads: start a joinable thread with a fixed stack size, join it, cancel it, exit it.
 
 #define OQ_LOG_FILE ".//ThreadLinux"
 
@@ -17,8 +17,8 @@ const size_t cStackSize = 524288;  // bytes
 
 static_assert(std::is_same<unsigned long, pthread_t>::value, "callers know a thread by an unsigned long");
 
-// The attribute object is not destroyed: it holds no resources for these settings. The handle in an error line is
-// whatever the caller's variable holds, before the start not yet a thread.
+// The attribute object is not destroyed, because it holds no resources for these settings. The handle in an error line
+// is the value of the caller's variable, which may not identify a thread yet.
 void OsStartThread(unsigned long& arThread, void* apArgument, void* (*apRoutine)(void*))
 {
     if (NULL == apRoutine) {
