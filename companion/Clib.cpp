@@ -1,4 +1,4 @@
-// The wrappers of C-library functions, in the order of their header.
+// Wrappers of C library functions, in the order of OQCompanion.h.
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -23,11 +23,11 @@ template <class Leaf>
 [[noreturn]] void throwErrorText()
 {
     char lText[512];
-    const char* const lpText = ClibStrerror(lText, sizeof lText);  // before the exception's memory is asked for
+    const char* const lpText = ClibStrerror(lText, sizeof lText);  // before the throw, which allocates
     throw Leaf(lpText, OQErrorCode<Leaf>::value);
 }
 
-/// What getline() allocates: also freed when the thread is cancelled while it reads.
+/// The buffer that getline() allocates. The destructor also frees it when the thread is cancelled during the read.
 struct LineMemory {
     ~LineMemory() { free(mText); }
     char* mText = nullptr;
@@ -42,8 +42,8 @@ struct Close {
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    // The untranslated text: strerror() and strerror_r() go through the message catalogue, which takes locks that a
-    // child of fork() may find held, and may change errno.
+    // This is the untranslated text. strerror() and strerror_r() use the message catalogue. They take locks that a
+    // child of fork() may find locked, and they may change errno.
     const int lErrno = errno;
     const char* lpText = strerrordesc_np(lErrno);
     if (0 == aSize) {
@@ -68,14 +68,14 @@ int getFirstLineFromFile(const OQCString& acrPath, OQCString& arLine)
     }
     LineMemory lLine;
     const ssize_t lLength = getline(&lLine.mText, &lLine.mSize, lFile.get());
-    if (0 != ferror(lFile.get()) || (lLength < 0 && 0 == feof(lFile.get()))) {  // the read failed, or the memory for it
+    if (0 != ferror(lFile.get()) || (lLength < 0 && 0 == feof(lFile.get()))) {  // failed read or allocation
         return -1;
     }
     if (lLength < 0) {
         arLine = "";
         return 0;
     }
-    // There is at least one character, or the file would have ended.
+    // The line has at least one character: otherwise getline() would have reported the end of the file.
     if ('\n' == lLine.mText[lLength - 1]) {
         lLine.mText[lLength - 1] = '\0';
     }
@@ -119,7 +119,7 @@ int ClibUnlink(const char* acPath) { return unlink(acPath); }
 unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream)
 {
     const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
-    // Also when items arrived before the error: a caller that took them would not notice the gap behind them.
+    // Throws even if items arrived before the error: a caller that used them would not notice the gap after them.
     if (0 != ferror(apStream)) {
         throwErrorText<OQCReadFailedEx>();
     }
@@ -162,7 +162,7 @@ void* ClibMemset(void* apDestination, int aValue, unsigned int aCount) { return 
 
 char* ClibStrcpy(char* apDestination, const char* acSource)
 {
-    // The layer copies an error text onto itself.
+    // memmove(), because the layer copies an error text onto itself.
     memmove(apDestination, acSource, strlen(acSource) + 1);
     return apDestination;
 }

@@ -1,4 +1,4 @@
-// The root of the exception tree and the shared counter: what the layer's headers declare and leave to the host.
+// The root of the exception tree and the shared counter. The layer's headers declare them; the host defines them.
 
 #include <string.h>
 
@@ -21,12 +21,13 @@ OQCReferenceCount::~OQCReferenceCount() {}
 
 void OQCReferenceCount::increment()
 {
-    // A new holder is made from an existing one, so there is nothing to synchronise with.
+    // Relaxed: a new holder is made from an existing one, so no data needs synchronisation.
     mCount.fetch_add(1, std::memory_order_relaxed);
 }
 
 unsigned int OQCReferenceCount::decrement()
 {
-    // The last holder frees what the others have written: their writes come before its count of zero.
+    // The last holder frees memory that other holders may have written. Acquire and release order their writes before
+    // that.
     return mCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
 }

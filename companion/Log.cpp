@@ -1,4 +1,5 @@
-// The log. A line is one write: no lock, no allocation, nothing that a child of fork() could find half done.
+// The log. Each line is one write, without a lock and without an allocation. A child of fork() therefore never finds a
+// half-changed state.
 
 #include <errno.h>
 #include <pthread.h>
@@ -16,20 +17,21 @@
 namespace
 {
 
-const size_t cLineSize = 8192;  // bytes; the layer's longest lines carry a 4000-byte read buffer
+const size_t cLineSize = 8192;  // bytes; the layer's longest lines contain a 4000-byte read buffer
 
 std::atomic<unsigned int> sLevels(OQLL_Halt | OQLL_Error | OQLL_Information);
 std::atomic<int> sDescriptor(STDERR_FILENO);
 
-// Where the last line could be written only in part, or -1. The next line there begins with a line feed.
+// The descriptor to which the last line was written only in part, or -1. The next line to it begins with a line feed.
 const int cNowhere = -1;
 std::atomic<int> sCutLine(cNowhere);
 
-// Written in every line; a child of fork() has its own.
+// The process id in every line. A child of fork() updates it.
 std::atomic<pid_t> sProcess(getpid());
 const int sForkHandler = pthread_atfork(NULL, NULL, [] { sProcess.store(getpid(), std::memory_order_relaxed); });
 
-/// The line under construction: cut where it is full, with room for its line feed and for another before the line.
+/// Builds a line and truncates it when the buffer is full. Keeps room for the line feed and for one more before the
+/// line.
 class LineBuffer
 {
 public:
@@ -60,13 +62,13 @@ public:
         }
     }
 
-    /// Date and time in UTC, by arithmetic: gmtime_r() and localtime_r() take the C library's time-zone lock, which a
-    /// child of fork() may find held by a thread that it does not have.
+    /// Adds date and time in UTC, computed here. gmtime_r() and localtime_r() take the C library's time-zone lock. In a
+    /// child of fork() that lock may belong to a thread that does not exist there.
     void time(const timespec& acrTime)
     {
         const unsigned long lSeconds = static_cast<unsigned long>(acrTime.tv_sec);
         const unsigned long lSecond = lSeconds % 86400;
-        // Years are counted from 1 March of year 0, so that the leap day is the last of its year.
+        // Years start on 1 March, counted from year 0, so that the leap day is the last day of its year.
         const unsigned long lDay = lSeconds / 86400 + 719468;
         const unsigned long lEra = lDay / 146097;
         const unsigned long lDayOfEra = lDay % 146097;
@@ -96,7 +98,7 @@ public:
         const int lLength = vsnprintf(mEnd, room() + 1, acFormat, aArguments);
         mEnd += lLength < 0 ? 0 : std::min(static_cast<size_t>(lLength), room());
         if (lpMessage < mEnd && '\n' == mEnd[-1]) {
-            --mEnd;  // assertion lines bring their own
+            --mEnd;  // assertion messages end with a line feed
         }
         std::replace(lpMessage, mEnd, '\n', ' ');
     }
@@ -107,7 +109,7 @@ public:
         *mText = '\n';
         return mText;
     }
-    /// Ends the line. \return the place behind it
+    /// Ends the line. \return the position after it
     const char* end()
     {
         *mEnd = '\n';
@@ -121,7 +123,7 @@ private:
     char* mEnd = mText + 1;
 };
 
-/// Whether the last line there was cut. Says so to one caller only.
+/// Returns whether the last line to the descriptor was cut. Returns true to one caller only.
 bool takeCutLine(int aDescriptor)
 {
     if (aDescriptor != sCutLine.load(std::memory_order_relaxed)) {
@@ -130,8 +132,8 @@ bool takeCutLine(int aDescriptor)
     return sCutLine.compare_exchange_strong(aDescriptor, cNowhere, std::memory_order_relaxed);
 }
 
-/// Writes all of the line; what cannot be written is dropped. The system call is made directly because write() is a
-/// cancellation point, and a traced operation must not become one.
+/// Writes the line and drops any part that cannot be written. The function makes the system call directly because
+/// write() is a cancellation point, and tracing must not make an operation one.
 void writeLine(LineBuffer& arLine)
 {
     const int lDescriptor = sDescriptor.load(std::memory_order_relaxed);
@@ -152,8 +154,9 @@ void writeLine(LineBuffer& arLine)
     }
 }
 
-/// What follows when the level is asked for; errno is the caller's. Takes the level, which it does not need, so that the
-/// others stay where they came and a filtered line moves none of them; "used" keeps the compiler from leaving it out.
+/// Writes a line whose level is enabled. Leaves errno unchanged. The unused level parameter keeps the remaining
+/// arguments in the registers in which they arrived, so a filtered line costs no register moves. The attribute "used"
+/// keeps the compiler from removing that parameter.
 [[gnu::used, gnu::noinline]] void writeMessage(unsigned int, const char* acTag, unsigned int aLine,
                                                const char* acFunction, const char* acFile, const char* acFormat,
                                                va_list aArguments)
@@ -176,7 +179,7 @@ void writeLine(LineBuffer& arLine)
     lLine.character(':');
     lLine.number(aLine);
     lLine.text(") ");
-    errno = lErrno;  // a "%m" of the caller is his
+    errno = lErrno;  // for a "%m" in the caller's format
     lLine.message(acFormat, aArguments);
     writeLine(lLine);
     errno = lErrno;
@@ -188,7 +191,7 @@ void SetLogLevels(unsigned int aLevels) { sLevels.store(aLevels, std::memory_ord
 
 void SetLogDescriptor(int aDescriptor) { sDescriptor.store(aDescriptor, std::memory_order_relaxed); }
 
-// Kept apart from what follows, so that a line that nobody asked for costs one test.
+// Separate from writeMessage(), so that a filtered line costs only one test.
 void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int aLine, const char* acFunction,
                                   const char* acFile, const char* acFormat, ...)
 {

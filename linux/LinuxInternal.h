@@ -1,6 +1,7 @@
 /// \file
-/// Helpers of the layer's sources for logging, assertions and exceptions. Every source that logs defines OQ_LOG_FILE,
-/// the file name in its log lines, before it includes this header.
+/// Helpers of the layer's sources for logging, assertions and exceptions.
+///
+/// Every source that logs defines OQ_LOG_FILE, the file name in its log lines, before it includes this header.
 #ifndef OQ_LINUX_INTERNAL_H
 #define OQ_LINUX_INTERNAL_H
 

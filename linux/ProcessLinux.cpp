@@ -141,10 +141,11 @@ void waitUntil(Condition aCondition)
 }
 
 /// Starts the program with vfork().
-/// \return the child's id, or -1 when no child could be created; arError receives 0, or the error of execve() The child
-/// shares this frame and all other memory of the caller. It therefore only calls execve(), reports the error, and ends.
-/// The parent is suspended meanwhile and later continues on the same stack, so the child must not throw. A handler of
-/// the host would change the parent's memory, so all signals stay blocked until the child has no handlers.
+/// \return the child's id, or -1 when no child could be created; arError receives 0, or the error of execve()
+///
+/// The child shares this frame and all other memory of the caller. It therefore only calls execve(), reports the error,
+/// and ends. The parent is suspended meanwhile and later continues on the same stack, so the child must not throw. A
+/// handler of the host would change the parent's memory, so all signals stay blocked until the child has no handlers.
 pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp, int& arError)
 {
     volatile int lError = 0;

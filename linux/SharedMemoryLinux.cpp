@@ -30,8 +30,9 @@ const unsigned int cPollMilliseconds = 1;
 //   overwrites no bytes that are still being read, and its data_ready = 1 follows the reader's 0.
 // - A server stores the other fields, then server_ready = 1.
 //
-// On processors that keep the order of stores (x86, s390x) these are plain byte stores and loads. On others each needs a
-// barrier. The accesses are atomic so that the compiler does not merge two neighbouring stores into one of 16 bits.
+// On processors that keep the order of stores (x86, s390x) these are plain byte stores and loads. On others each one
+// needs a barrier. The accesses are atomic so that the compiler does not merge two neighbouring stores into one of 16
+// bits.
 
 void storeFlag(unsigned char& arFlag, unsigned char aValue) { __atomic_store_n(&arFlag, aValue, __ATOMIC_RELEASE); }
 

@@ -11,25 +11,26 @@
 
 #include "OQException.h"
 
-/// Memory for the nodes of an OQCList: exhausted memory is OQCNoMemoryEx. Said here, where a node is allocated, so that
-/// a std::bad_alloc which an element throws while it is copied into its node passes on as it is.
+/// Allocates the nodes of an OQCList and throws OQCNoMemoryEx when memory is exhausted. The translation is in the
+/// allocator, so that a std::bad_alloc from copying an element passes through unchanged.
 template <class T>
 class OQCListAllocator
 {
 public:
-    /// What a node holds.
+    /// The type of a node.
     typedef T value_type;
 
-    /// Has no state.
+    /// The allocator has no state.
     OQCListAllocator() {}
-    /// For nodes of another type: the same.
+    /// Converts from the allocator of another type.
     template <class U>
     OQCListAllocator(const OQCListAllocator<U>&)
     {
     }
 
-    /// \param[in] aCount how many nodes
-    /// \return memory for them
+    /// Allocates nodes.
+    /// \param[in] aCount number of nodes
+    /// \return memory for the nodes
     /// \throws OQCNoMemoryEx 2 "Out of Memory"
     T* allocate(size_t aCount)
     {
@@ -39,37 +40,38 @@ public:
             throw OQCNoMemoryEx("Out of Memory", OQErrorCode<OQCNoMemoryEx>::value);
         }
     }
+    /// Frees nodes.
     /// \param[in] apMemory from allocate()
-    /// \param[in] aCount   as it was asked for
+    /// \param[in] aCount   the count passed to allocate()
     void deallocate(T* apMemory, size_t aCount) { std::allocator<T>().deallocate(apMemory, aCount); }
 
-    /// What one allocates any other frees.
+    /// Always true: each allocator can free what another allocated.
     friend bool operator==(const OQCListAllocator&, const OQCListAllocator&) { return true; }
-    /// Never.
+    /// Always false.
     friend bool operator!=(const OQCListAllocator&, const OQCListAllocator&) { return false; }
 };
 
 /// A list of values in the order they were appended. The caller creates, owns and destroys it; the layer only appends
-/// and counts. Filled by one thread at a time.
+/// and counts. Only one thread at a time may append.
 template <class T>
 class OQ_EXPORT OQCList
 {
     typedef std::list<T, OQCListAllocator<T> > List;
 
 public:
-    /// A place in the list. Stays valid until its element is removed.
+    /// A position in the list. Stays valid until its element is removed.
     typedef typename List::iterator iterator;
-    /// The same, for looking only.
+    /// The same for read-only access.
     typedef typename List::const_iterator const_iterator;
 
-    /// Adds a copy of the element at the end. The list is unchanged when this throws; what the element's copying throws
-    /// passes as it is.
-    /// \param[in] acrElement what is copied
-    /// \throws OQCNoMemoryEx 2 "Out of Memory" when there is no memory for the node
+    /// Adds a copy of the element at the end. If this function throws, the list is unchanged. An exception from copying
+    /// the element passes through unchanged.
+    /// \param[in] acrElement the element
+    /// \throws OQCNoMemoryEx 2 "Out of Memory" when the node cannot be allocated
     void append(const T& acrElement) { mList.push_back(acrElement); }
 
-    /// Counts the elements, one by one: not every std::list keeps its size.
-    /// \return how many there are
+    /// Counts the elements one by one, because not every std::list stores its size.
+    /// \return the number of elements
     int size() const
     {
         int lSize = 0;
@@ -89,8 +91,8 @@ public:
     const_iterator end() const { return mList.end(); }
 
     /// Removes and destroys one element.
-    /// \param[in] aPosition its place
-    /// \return the place behind it
+    /// \param[in] aPosition position of the element
+    /// \return the position after the element
     iterator erase(iterator aPosition) { return mList.erase(aPosition); }
     /// Removes and destroys every element.
     void clear() { mList.clear(); }

@@ -1,7 +1,7 @@
 /// \file
-/// The words in which the shared headers and the layer's sources log and assert.
+/// Macros with which the shared headers and the layer's sources log and assert.
 ///
-/// Macros carry only what must be the caller's: its function name, its line, the text of its condition.
+/// Macros are used only for what must come from the place of use: function name, line, and text of the condition.
 #ifndef OQ_LOG_H
 #define OQ_LOG_H
 
@@ -9,15 +9,15 @@
 
 #include "OQCompanion.h"
 
-/// Logs one line: the level with its tag, the function and the file it speaks for, then a printf format.
+/// Logs one line: level and tag, the function and file names that the line shows, then a printf format and its values.
 #define OQ_LOG(level, tag, function, file, ...) \
     PrintLogMessageWithTimeStamp(level, tag, __LINE__, function, file, __VA_ARGS__)
 
-/// Ends the process after a broken precondition: one line with the text of the condition, then exit status 1. A function
-/// of its own, so that a check costs its callers a test and a jump, and little room.
+/// Ends the process after a broken precondition: logs one line with the text of the condition and exits with status 1.
+/// A separate function, so that a check costs its caller only a test and a jump.
 /// \param[in] aLine       source line of the check
-/// \param[in] acFunction  bare name of the function that checks
-/// \param[in] acFile      the file's name in the log
+/// \param[in] acFunction  unqualified name of the checking function
+/// \param[in] acFile      file name for the log
 /// \param[in] acCondition text of the condition
 [[noreturn, gnu::cold, gnu::noinline]] OQ_LOCAL inline void oqAssertionFailed(unsigned int aLine,
                                                                               const char* acFunction,
@@ -28,8 +28,8 @@
     exit(1);
 }
 
-/// The text is an argument of its own, because a condition passed on from macro to macro arrives with its macros (NULL)
-/// expanded.
+/// The text is a separate argument, because a condition that passes through several macros arrives with its own macros,
+/// such as NULL, expanded.
 #define OQ_ASSERT_AS(condition, text, function, file)          \
     do {                                                       \
         if (!(condition)) {                                    \

@@ -8,24 +8,24 @@
 
 #include "Pointer.h"
 
-/// Speaks for this file in the log.
+/// Asserts; logs under this file's name.
 #define OQ_STRING_ASSERT(condition) OQ_ASSERT_AS(condition, #condition, __func__, "backend/common/include/OQString")
 
-/// A text value. Every copy and every assignment is a deep copy, so distinct objects are independent, also in different
-/// threads; one object is not for two threads at once.
+/// A text value. Every copy and every assignment is a deep copy, so different threads may use different objects. Two
+/// threads must not use one object at the same time.
 ///
-/// Objects built by a constructor are never empty; the assertions ("mString != 0" and the like: one "-H-" line, then
-/// exit status 1) guard against the use of destroyed or corrupted ones.
+/// An object built by a constructor always holds a text. The assertions ("mString != 0" and similar) detect the use of
+/// destroyed or corrupted objects. A failed assertion logs one "-H-" line and exits with status 1.
 class OQ_EXPORT OQCString
 {
 public:
-    /// A copy of a text.
+    /// Copies a text.
     /// \param[in] acText zero-terminated, not checked for null
     /// \throws OQCNoMemoryEx 2 "Out of Memory"
     OQ_EMITTED OQCString(const char* acText) : mString(allocated(acText)) {}
 
-    /// A copy. Of an empty one: "acrCopy.mString != 0".
-    /// \param[in] acrCopy what is copied
+    /// Copies a string. Asserts "acrCopy.mString != 0".
+    /// \param[in] acrCopy the string to copy
     /// \throws OQCNoMemoryEx 2 "Out of Memory"
     OQ_EMITTED OQCString(const OQCString& acrCopy) : mString()
     {
@@ -36,8 +36,8 @@ public:
     /// Frees the text.
     OQ_EMITTED ~OQCString() {}
 
-    /// Becomes a copy. Of an empty one: "0 != mPointer", in the name of the Pointer.
-    /// \param[in] acrCopy what is copied; may be this object
+    /// Replaces the text by a copy. Pointer asserts "0 != mPointer" for acrCopy and logs under its own name.
+    /// \param[in] acrCopy the string to copy; may be this object
     /// \return this object
     /// \throws OQCNoMemoryEx 2 "Out of Memory"; this object then keeps its text
     OQ_EMITTED OQCString& operator=(const OQCString& acrCopy)
@@ -48,10 +48,10 @@ public:
         return *this;
     }
 
-    /// Appends in place. To or of an empty one: "mString != 0", "acrString.mString != 0".
-    /// \param[in] acrString what is appended
+    /// Appends a text. Asserts "mString != 0" and "acrString.mString != 0".
+    /// \param[in] acrString the text to append
     /// \return this object
-    /// \throws std::bad_alloc when the text cannot grow; this object then keeps its text
+    /// \throws std::bad_alloc when the longer text cannot be allocated; this object then keeps its text
     OQ_EMITTED OQCString& operator+=(const OQCString& acrString)
     {
         OQ_STRING_ASSERT(mString != 0);
@@ -76,8 +76,9 @@ public:
     }
 
 private:
-    /// A text of its own. The nothrow form of new is null only when the string object cannot be had; its characters
-    /// still come with std::bad_alloc. Both are memory exhausted, which the Pointer reports.
+    /// Allocates a copy of a text. If the string object cannot be allocated, the nothrow form of new returns null. If
+    /// its characters cannot be allocated, the string's constructor throws std::bad_alloc. In both cases the Pointer
+    /// throws OQCNoMemoryEx.
     template <class Text>
     OQ_LOCAL static Pointer<std::string> allocated(const Text& acrText)
     {

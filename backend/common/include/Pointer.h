@@ -12,41 +12,42 @@
 #include "OQLog.h"
 
 /// \def OQ_POINTER_ASSERT_AS(condition)
-/// Speaks for this file and for the operator that asked.
+/// Asserts; logs under this file's name and the name of the calling operator.
 
-/// Speaks for this file in the log.
+/// Asserts; logs under this file's name.
 #define OQ_POINTER_ASSERT(condition) OQ_ASSERT_AS(condition, #condition, __func__, "backend/common/include/Pointer")
 
 /// What a Pointer refers to; 0 in an empty one.
 enum OQEPointerSizeType : unsigned char {
     OQPST_Individual = 1,  ///< one object
-    OQPST_Array = 2        ///< several in a row
+    OQPST_Array = 2        ///< an array of objects
 };
 
-/// How the pointee was allocated, hence how it is freed; 0 in an empty Pointer.
+/// How the pointee was allocated, which determines how it is freed; 0 in an empty Pointer.
 enum OQEPointerMemoryType : unsigned char {
-    OQPMT_New = 1,    ///< new, or new[]: deleted
-    OQPMT_Malloc = 2  ///< malloc(): freed, no destructor runs
+    OQPMT_New = 1,    ///< new or new[]; deleted
+    OQPMT_Malloc = 2  ///< malloc(); freed without running a destructor
 };
 
-/// Shared ownership of one object, array or malloc block: the last holder frees the counter, then the pointee.
+/// Shared ownership of one object, array or malloc block. The last holder frees the counter, then the pointee.
 ///
-/// A Pointer is empty or holds. Misuse (dereferencing an empty one, operator-> on an array, assigning from an empty
-/// one) is a programming error: one "-H-" line, then exit status 1. Not for two threads at once; copies held by
-/// different threads are independent.
+/// A Pointer is empty or holds a pointee. Misuse is a programming error: the Pointer logs one "-H-" line and exits with
+/// status 1. Misuse means dereferencing an empty Pointer, operator-> on an array, or assigning from an empty Pointer.
+/// Two threads must not use one Pointer at the same time; different threads may use different copies.
 template <class T>
 class OQ_EXPORT Pointer
 {
 public:
-    /// Empty.
+    /// Builds an empty Pointer.
     Pointer() : mPointer(0), mReferenceCount(0), mSizeType(), mMemoryType() {}
 
-    /// Takes ownership of what the caller allocated without throwing, so that a failed allocation is reported here.
+    /// Takes ownership of a pointee. The caller allocates it with a form that returns null on failure; the constructor
+    /// then throws.
     /// \param[in] apPointer   the pointee
     /// \param[in] aSizeType   OQPST_Individual or OQPST_Array
     /// \param[in] aMemoryType OQPMT_New or OQPMT_Malloc
-    /// \throws OQCNoMemoryEx 2 "Out of Memory" when apPointer is null, or when there is no memory for the counter; in
-    /// the latter case the pointee stays allocated
+    /// \throws OQCNoMemoryEx 2 "Out of Memory" when apPointer is null or the counter cannot be allocated; in the latter
+    /// case the pointee stays allocated
     Pointer(T* apPointer, OQEPointerSizeType aSizeType, OQEPointerMemoryType aMemoryType)
         : mPointer(apPointer), mReferenceCount(0), mSizeType(aSizeType), mMemoryType(aMemoryType)
     {
@@ -55,8 +56,8 @@ public:
         }
     }
 
-    /// Another holder of the same pointee; a copy of an empty Pointer is empty.
-    /// \param[in] acrCopy a holder, or empty
+    /// Becomes another holder of the same pointee. A copy of an empty Pointer is empty.
+    /// \param[in] acrCopy a holder, or an empty Pointer
     Pointer(const Pointer& acrCopy)
         : mPointer(acrCopy.mPointer),
           mReferenceCount(acrCopy.mReferenceCount),
@@ -68,8 +69,8 @@ public:
         }
     }
 
-    /// Lets go of the present pointee and becomes another holder of acrCopy's. Assigning from an empty Pointer ends the
-    /// process, also when it is assigned to itself.
+    /// Releases the current pointee and becomes another holder of acrCopy's pointee. Assigning from an empty Pointer
+    /// ends the process, even in a self-assignment.
     /// \param[in] acrCopy a holder
     /// \return this object
     Pointer& operator=(const Pointer& acrCopy)
@@ -87,7 +88,7 @@ public:
         return *this;
     }
 
-    /// Lets go of the pointee; the last holder frees it.
+    /// Releases the pointee. The last holder frees it.
     ~Pointer()
     {
         _release();
@@ -95,18 +96,19 @@ public:
         mReferenceCount = 0;
         mSizeType = OQEPointerSizeType();
         mMemoryType = OQEPointerMemoryType();
-        // A destroyed Pointer is empty to whoever still looks at it: the compiler may not drop the stores.
+        // Code that still reads a destroyed Pointer must find it empty. The fence keeps the compiler from dropping the
+        // stores.
         std::atomic_signal_fence(std::memory_order_seq_cst);
     }
 
-    /// Asked of an empty one, ends the process.
+    /// Dereferences. On an empty Pointer, ends the process.
     /// \return the object, or the first element of the array
     T& operator*() { return *_checked(__func__); }
-    /// Asked of an empty one, ends the process.
+    /// Dereferences. On an empty Pointer, ends the process.
     /// \return the object, or the first element of the array
     T& operator*() const { return *_checked(__func__); }
 
-    /// Asked of an array or of an empty one, ends the process.
+    /// Accesses a member. On an array or an empty Pointer, ends the process.
     /// \return the single object
     T* operator->()
     {
@@ -115,13 +117,13 @@ public:
         OQ_POINTER_ASSERT(OQPST_Individual == mSizeType);
         return mPointer;
     }
-    /// Asked of an array or of an empty one, ends the process.
+    /// Accesses a member. On an array or an empty Pointer, ends the process.
     /// \return the single object
     T* operator->() const { return const_cast<Pointer*>(this)->operator->(); }
 
-    /// Tells whether there is a pointee, as `pointer != 0`.
-    /// \param[in] acOther null, or a place to compare with
-    /// \return whether the pointee is another
+    /// Compares with an address. `pointer != 0` is true if the Pointer holds a pointee.
+    /// \param[in] acOther null, or an address to compare with
+    /// \return whether the pointee's address differs from acOther
     bool operator!=(const T* acOther) const { return mPointer != acOther; }
 
 private:
