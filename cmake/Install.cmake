@@ -1,16 +1,17 @@
-# Installed, each with the component it belongs to:
+# Install rules. The components are:
 #
 #   runtime        both libraries
 #   development    the public headers, a CMake package (find_package(OQLinux)), pkg-config files, the manual pages of the
-#                  functions, GDB's printers
+#                  functions, the GDB pretty-printers
 #   documentation  the reference, the guide and the other pages
-#   examples       the sources of the examples, to be built against what is installed
+#   examples       the sources of the examples, which can be built against the installed layer
 #   tools          oqshm with its manual page
 #
-# Reference and manual pages are there when scripts/docs has made them and OQ_REFERENCE names the folder it left them in.
-set(OQ_REFERENCE "" CACHE PATH "What scripts/docs made, to be installed (build/docs)")
+# The reference and the manual pages are installed only if OQ_REFERENCE names the folder in which scripts/docs created
+# them.
+set(OQ_REFERENCE "" CACHE PATH "Output folder of scripts/docs, to be installed (build/docs)")
 
-# Every user may read what is installed, also when the umask of the user who installs it forbids that.
+# All users can read the installed directories, whatever the umask of the installing user is.
 if(NOT CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS)
     set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
         OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -21,7 +22,7 @@ include(CMakePackageConfigHelpers)
 set(OQ_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/oqlinux)
 set(OQ_CMAKE_PACKAGE ${CMAKE_INSTALL_LIBDIR}/cmake/OQLinux)
 
-# install_directories(COMPONENT DIRECTORY...)  before the rules that install into them
+# install_directories(COMPONENT DIRECTORY...) - call it before the rules that install into the directories
 function(install_directories component)
     install(CODE "include([[${PROJECT_SOURCE_DIR}/cmake/MakeDirectories.cmake]])
 make_directories(${ARGN})" COMPONENT ${component})
@@ -39,7 +40,7 @@ install(
 install(FILES linux/OQLinux.h companion/OQCompanionSettings.h DESTINATION ${OQ_HEADERS} COMPONENT development)
 install(DIRECTORY backend/common/include/ DESTINATION ${OQ_HEADERS} COMPONENT development)
 
-# The package may be moved: its files find their prefix from where they are.
+# The package is relocatable: its files compute the prefix from their own location.
 install(EXPORT OQLinuxTargets NAMESPACE OQ:: DESTINATION ${OQ_CMAKE_PACKAGE} COMPONENT development)
 configure_package_config_file(
     cmake/OQLinuxConfig.cmake.in ${PROJECT_BINARY_DIR}/OQLinuxConfig.cmake
@@ -68,7 +69,7 @@ if(OQ_REFERENCE)
     install(DIRECTORY ${OQ_REFERENCE}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 endif()
 
-# The pages, as they stand in the tree; what they say of sources that are not installed is no link there.
+# The pages of the tree. Links to sources that are not installed become plain text.
 file(GLOB pages RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
 list(APPEND pages README.md SECURITY.md CHANGELOG.md)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${pages})

@@ -1,6 +1,6 @@
-# Included by the install scripts. CMake creates the directories above an installed file with the umask of the user who
-# installs, and nobody else can then read the package. make_directories() creates them first, readable by every user. It
-# leaves directories that exist as they are.
+# The install scripts include this file. CMake creates the directories above an installed file with the installing
+# user's umask, so other users might not be able to read the package. make_directories() creates the directories first,
+# readable by all users. It leaves existing directories unchanged.
 function(make_directories)
     foreach(directory ${ARGN})
         cmake_path(ABSOLUTE_PATH directory BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX})

@@ -1,7 +1,8 @@
-# Packages of what Install.cmake installs: an archive (cpack -G TGZ), or one Debian package a component (scripts/package).
+# Packages the components of Install.cmake as an archive (cpack -G TGZ) or as one Debian package per component
+# (scripts/package).
 set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_VENDOR "The OQLinux maintainers")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # every package has its own
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package sets its own
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -18,7 +19,7 @@ execute_process(COMMAND gzip -9 --no-name --force ${PROJECT_BINARY_DIR}/changelo
 
 # debian_package(COMPONENT NAME SECTION SUMMARY DESCRIPTION [DEPENDENCY...])
 #
-# What only a Debian package has (copyright, changelog) is left out where all is installed at once.
+# The files that only a Debian package has (copyright, changelog) are excluded from a complete install.
 macro(debian_package component name section summary description)
     string(TOUPPER ${component} upper)
     string(REPLACE ";" ", " dependencies "${ARGN}")
@@ -36,8 +37,8 @@ debian_package(
 child processes, commands, file locks and host identity: each a thin wrapper
 round one family of POSIX calls, all with one tree of exceptions and one log.
 .
-The companion runtime is for hosts that bring none of their own.]]
-    "libc6 (>= 2.36)") # packed relocations: no symbol tells that they are needed
+The companion runtime is for hosts that have none of their own.]]
+    "libc6 (>= 2.36)") # for packed relocations, which no symbol version records
 debian_package(
     development liboqlinux-dev libdevel "Linux operating-system abstraction layer (development files)"
     [[The layer wraps threads, mutexes, condition variables, named pipes,
@@ -67,12 +68,11 @@ if(OQ_BUILD_TOOLS)
         [[The layer wraps threads, mutexes, condition variables, named pipes,
 shared-memory mailboxes, child processes, commands and file locks.
 .
-oqshm shows shared-memory mailboxes from outside and says what is wrong with
-them.]])
+oqshm shows the shared-memory mailboxes of a host and reports problems.]])
 endif()
 
-# What the libraries need is found out; who is linked against them is told what to need. A library is noticed by the
-# loader through a trigger.
+# CPack detects the libraries' dependencies. Dependent packages get them from the generated shlibs file. The trigger
+# runs ldconfig after an install.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")

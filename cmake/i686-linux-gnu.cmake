@@ -1,5 +1,5 @@
-# 32-bit x86: Debian's cross compiler. The kernel runs such programs itself; they find the cross compiler's loader and
-# libraries, so nothing of a second architecture need be installed.
+# 32-bit x86 with Debian's cross compiler. An x86-64 kernel runs such programs directly. They use the cross compiler's
+# loader and libraries, so no packages of a second architecture are needed.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 set(CMAKE_CXX_COMPILER i686-linux-gnu-g++)

@@ -1,4 +1,4 @@
-# 32-bit big-endian PowerPC: Debian's cross compiler, programs run under its user-mode emulator.
+# 32-bit big-endian PowerPC with Debian's cross compiler. Programs run under the user-mode emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR powerpc)
 set(CMAKE_CXX_COMPILER powerpc-linux-gnu-g++)
