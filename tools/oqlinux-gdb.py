@@ -1,9 +1,11 @@
-"""Lets GDB show OQCString, OQCList, Pointer and the exceptions by what they hold.
+"""GDB pretty-printers for OQCString, OQCList, Pointer and the exceptions.
 
-GDB loads this by itself together with an installed libOQLinux.so; in the build tree: (gdb) source tools/oqlinux-gdb.py
+GDB loads this file automatically together with an installed libOQLinux.so. In the build tree, load it with
 
-A value that was destroyed or never built is what one looks for with a debugger: what is wrong with it is shown in angle
-brackets, and no Python error reaches the user.
+    (gdb) source tools/oqlinux-gdb.py
+
+Destroyed and unconstructed values are common in a debugger. For such a value the printer shows the problem in angle
+brackets. It never raises a Python error.
 """
 import json
 
@@ -16,7 +18,7 @@ class Wrong(Exception):
 
 
 def word(address):
-    """The machine word at an address."""
+    """Reads the machine word at an address."""
     return int(gdb.Value(address).cast(gdb.lookup_type("unsigned long").pointer()).dereference())
 
 
@@ -25,7 +27,7 @@ def word_size():
 
 
 def holders(pointer):
-    """How many Pointers hold what this one does."""
+    """Counts the Pointers that hold the same pointee."""
     if int(pointer["mPointer"]) == 0:
         raise Wrong("empty")
     if int(pointer["mReferenceCount"]) == 0:
@@ -37,8 +39,9 @@ def holders(pointer):
 
 
 def standard_text(address):
-    """The text of a std::string: where it is, its length, then its room or, if it is short, the text itself. Read as
-    memory, because a program may come without a description of that class."""
+    """Reads the text of a std::string. The object holds the address and the length of the text. Then follows the
+    capacity or, for a short text, the text itself. The function reads raw memory, because the program may have no debug
+    information for that class."""
     begin, length = word(address), word(address + word_size())
     room = 15 if begin == address + 2 * word_size() else word(address + 2 * word_size())
     if length > room or gdb.selected_inferior().read_memory(begin + length, 1)[0] != b"\0":
@@ -47,7 +50,7 @@ def standard_text(address):
 
 
 class Printer:
-    """What is shown of a value; the classes below may raise what they like."""
+    """Base class of the printers. Catches every exception of a derived class and shows it."""
 
     def __init__(self, value):
         self.value = value
@@ -63,7 +66,7 @@ class Printer:
 
     def children(self):
         try:
-            self.text()  # what is wrong as a whole is not looked into
+            self.text()  # an invalid value has no children
         except Exception:  # pylint: disable=broad-except
             return
         try:
@@ -92,7 +95,7 @@ class PointerPrinter(Printer):
         return "%s from %s, %d holder%s" % (self.KINDS[kind], self.ORIGINS[origin], count, "s" if count > 1 else "")
 
     def elements(self):
-        # Nobody but its owner knows how many elements an array has.
+        # Only the owner knows the number of elements of an array.
         yield ("first" if int(self.value["mSizeType"]) == 2 else "object"), self.value["mPointer"].dereference()
 
 
@@ -139,7 +142,7 @@ def is_exception(kind):
 
 
 def oqlinux(value):
-    """The printer for a value, if it is one of ours and the program describes its class."""
+    """Returns the printer for a value of one of the layer's types, or None. The program needs debug information."""
     try:
         if value.type.code in (gdb.TYPE_CODE_REF, gdb.TYPE_CODE_RVALUE_REF):
             value = value.referenced_value()

@@ -1,11 +1,11 @@
-// oqshm: shows the shared-memory channels of this host and says what is wrong with them. It only looks.
+// oqshm: shows the shared-memory channels of this host and reports problems. It changes no byte of a segment.
 //
-// Most is known from /proc without attaching. The mailbox is read through a read-only attachment that lasts as long as
-// it takes to copy it. That disturbs no channel: the layer never asks how many are attached, and a segment marked for
-// removal goes with the last detach, be it this one. But two kinds of segment are not attached:
-// - what cannot be a channel: other programs do count the attachments of their segments;
-// - what nobody has attached, unless --attach asks for it: the detach would overwrite the time of the last one, which
-//   tells since when the channel lies still, and under kernel.shm_rmid_forced it would remove the segment.
+// Most data comes from /proc, without attaching. The mailbox is copied through a short read-only attachment. The
+// attachment disturbs no channel: the layer never checks the number of attachments, and a segment marked for removal
+// disappears with the last detach, even if that is the detach of this tool. Two kinds of segment are not attached:
+// - Segments that cannot be channels: other programs may count the attachments of their segments.
+// - Segments that no process has attached, unless --attach is given. The detach would overwrite the time of the last
+//   detach, which shows how long the channel has been idle. With kernel.shm_rmid_forced it would remove the segment.
 
 #include <errno.h>
 #include <getopt.h>
@@ -35,41 +35,39 @@ namespace
 
 typedef std::chrono::steady_clock Clock;
 
-const unsigned int cMode = 0666;       // of every segment that the layer makes
+const unsigned int cMode = 0666;       // of every segment that the layer creates
 const unsigned long cLargest = 65535;  // bytes: the layer's shm_size has 16 bits
-const double cPatience = 3;            // seconds after which a writer gives up: what lies longer is stuck
+const double cPatience = 3;            // seconds until a writer gives up; an older message is stuck
 
 const char* const cUsage =
     "usage: oqshm [OPTION]... [KEY]...\n"
-    "Shows the shared-memory channels of this host, or those of the keys given (1234 or 0x4d2), and what is wrong "
-    "with\n"
-    "them. Changes no byte of them.\n\n"
-    "  -w, --watch[=SECONDS]  look again every second, or so many (0.001 to 1000), and show every change\n"
-    "  -j, --json             show JSON, one line a look\n"
-    "  -a, --attach           read channels that nobody has attached, too\n"
+    "Shows the shared-memory channels of this host, or those of the given keys (1234 or 0x4d2), and reports problems.\n"
+    "Changes no byte of a channel.\n\n"
+    "  -w, --watch[=SECONDS]  look again every second, or every SECONDS (0.001 to 1000), and show every change\n"
+    "  -j, --json             show JSON, one line per look\n"
+    "  -a, --attach           also read channels that no process has attached\n"
     "  -h, --help             show this text\n"
     "  -V, --version          show the version\n\n"
-    "A channel is read by attaching it for a moment. This counts in its shm_nattch as long and overwrites shm_atime,\n"
-    "shm_dtime and shm_lpid, which the layer does not use. A channel that nobody has attached keeps them unless "
-    "--attach\n"
-    "is given: the time of the last detach tells since when it lies still.\n\n"
-    "Exit status: 0 all is well with what was shown; 1 something is wrong, or may be; 2 wrong words, or no look is\n"
-    "possible.\n";
+    "To read a channel, oqshm attaches it for a moment. The attachment counts in shm_nattch during that time, and it\n"
+    "changes shm_atime, shm_dtime and shm_lpid. The layer does not use these values. A channel that no process has\n"
+    "attached keeps them unless --attach is given: the time of the last detach shows how long the channel is idle.\n\n"
+    "Exit status: 0 no problem in the channels shown; 1 a problem, or a possible problem; 2 wrong arguments, or the\n"
+    "channels cannot be examined.\n";
 
 struct Channel {
-    int mKey = 0, mId = -1;  // an id of -1: there is no segment
+    int mKey = 0, mId = -1;  // an id of -1 means that there is no segment
     unsigned int mMode = 0;
-    unsigned long mSize = 0, mAttached = 0, mSeen = 0;  // attachments in all, and of the processes found
+    unsigned long mSize = 0, mAttached = 0, mSeen = 0;  // all attachments; those of the processes found
     int mCreator = 0;
-    long mDetached = 0;  // when the last one did
+    long mDetached = 0;  // time of the last detach
     std::vector<int> mPids;
     std::vector<std::string> mProcesses, mFindings;
     bool mWrong = false;
 
-    bool mRead = false, mSame = false;  // whether what follows is known, and was the same at the look before
+    bool mRead = false, mSame = false;  // whether the next members are valid; are unchanged since the last look
     OQSSharedMemoryHeader mHeader = {};
-    size_t mHash = 0;                  // of the message that waits
-    Clock::time_point mSince, mUntil;  // every look from then to then has found the same
+    size_t mHash = 0;                  // of the waiting message
+    Clock::time_point mSince, mUntil;  // all looks between these times found the same
 
     bool isRemoved() const { return 0 != (mMode & SHM_DEST); }
     bool isForeign() const { return cMode != (mMode & 0777) || cLargest < mSize; }
@@ -113,14 +111,14 @@ Channels findSegments()
     return lFound;
 }
 
-/// Notes a process that has a segment attached; one that is stopped is a finding of its own.
-/// \return whether the process still runs
+/// Records a process that has a segment attached. A stopped process adds a finding.
+/// \return whether the process still exists
 bool noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrDirectory)
 {
     std::ostringstream lText;
-    lText << std::ifstream(acrDirectory / "stat").rdbuf();  // nothing, when the process is collected meanwhile
+    lText << std::ifstream(acrDirectory / "stat").rdbuf();  // empty if the process has been reaped meanwhile
     const std::string lStat = lText.str();
-    const size_t lBegin = lStat.find('('), lEnd = lStat.rfind(") ");  // the name may hold brackets, too
+    const size_t lBegin = lStat.find('('), lEnd = lStat.rfind(") ");  // the name itself may contain brackets
     if (std::string::npos == lBegin || std::string::npos == lEnd) {
         return false;
     }
@@ -136,8 +134,8 @@ bool noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrD
     return true;
 }
 
-/// Takes the id and the key of a segment from a line of a maps file. An attachment has one mapping that begins where the
-/// segment does, with the id in the place of the inode.
+/// Parses the id and the key of a segment from a line of a maps file. Each attachment has one mapping with offset 0.
+/// The kernel shows the id in the inode column.
 bool isAttachment(const std::string& acrLine, int& arId, int& arKey)
 {
     unsigned int lKey;
@@ -149,9 +147,10 @@ bool isAttachment(const std::string& acrLine, int& arId, int& arKey)
     return true;
 }
 
-/// The key of a segment that is marked for removal: the kernel's table has lost it, and only the map of a process that
-/// has the segment attached still shows it. Only this process's own map is certain to be about this segment.
-/// \return 0 when the key is not known
+/// Finds the key of a segment that is marked for removal. The kernel's table no longer holds the key; only the map of a
+/// process that has the segment attached shows it. In another process's map the id may mean another segment, so this
+/// function attaches the segment and reads its own map.
+/// \return the key, or 0 if it is not known
 int keyOfRemoved(int aId)
 {
     const void* const lpSegment = shmat(aId, NULL, SHM_RDONLY);
@@ -167,8 +166,9 @@ int keyOfRemoved(int aId)
     return aId == lId ? lKey : 0;
 }
 
-/// Finds who has the segments attached. Processes that this user may not examine are missing. A map alone is not
-/// believed: a process can have memory from another IPC namespace, where the same id is another segment.
+/// Finds the processes that have the segments attached. Processes that this user may not examine are missing. A
+/// matching id in a map is not sufficient: a process can have memory from another IPC namespace, where the same id is
+/// another segment.
 void findProcesses(Channels& arChannels)
 {
     std::error_code lError;
@@ -176,7 +176,7 @@ void findProcesses(Channels& arChannels)
     for (const auto& acrEntry : std::filesystem::directory_iterator("/proc")) {
         const int lPid = static_cast<int>(strtol(acrEntry.path().filename().c_str(), NULL, 10));
         if (lPid <= 0 || cOwnNamespace != std::filesystem::read_symlink(acrEntry.path() / "ns/ipc", lError)) {
-            continue;  // elsewhere the same id is another segment
+            continue;  // in another namespace the id is another segment
         }
         std::ifstream lMaps(acrEntry.path() / "maps");
         std::string lLine;
@@ -201,8 +201,8 @@ void findProcesses(Channels& arChannels)
     }
 }
 
-/// The four flags as they stood at one moment; the length may already be that of the next message. It is read last: a
-/// full slot never shows the length from before its message.
+/// Copies the header. The four flags are copied at one moment. The length is read after the flags, so it may already
+/// belong to the next message, but a full slot never shows the length from before its message.
 OQSSharedMemoryHeader copyHeader(const void* acSegment)
 {
     const uint32_t lFlags = __atomic_load_n(static_cast<const uint32_t*>(acSegment), __ATOMIC_ACQUIRE);
@@ -217,7 +217,7 @@ void readMailbox(Channel& arChannel, const Channels& acrBefore)
     const void* const lpSegment = shmat(arChannel.mId, NULL, SHM_RDONLY);
     if (reinterpret_cast<void*>(-1) == lpSegment) {
         if (EINVAL == errno || EIDRM == errno) {
-            arChannel.mId = -1;  // it has gone meanwhile
+            arChannel.mId = -1;  // removed meanwhile
         } else {
             arChannel.wrong(text("cannot be read: %s", strerror(errno)));
         }
@@ -230,7 +230,7 @@ void readMailbox(Channel& arChannel, const Channels& acrBefore)
         const size_t lLength = std::min<size_t>(arChannel.mHeader.data_length, arChannel.capacity());
         arChannel.mHash = std::hash<std::string_view>()(std::string_view(lpData, lLength));
     }
-    // Asked after the flags: a side attaches before it says that it is ready.
+    // Read after the flags, because a side attaches before it marks itself ready.
     shmid_ds lState;
     if (0 == shmctl(arChannel.mId, IPC_STAT, &lState)) {
         arChannel.mAttached = lState.shm_nattch - 1;
@@ -246,7 +246,7 @@ void readMailbox(Channel& arChannel, const Channels& acrBefore)
     }
 }
 
-/// Whether the kernel removes a segment with its last detach although nobody asked for it.
+/// Returns whether the kernel removes every segment with its last detach, even one that is not marked for removal.
 bool detachRemoves()
 {
     char lValue = '0';
@@ -282,8 +282,7 @@ void judgeAttachments(Channel& arChannel)
         arChannel.mFindings.push_back(
             text("not ready: no %s has opened it, writes are cancelled", lServer ? "client" : "server"));
     } else if (arChannel.mRead && 1 == arChannel.mAttached) {
-        if (arChannel.mPids.empty() ||
-            arChannel.mSeen != arChannel.mAttached) {  // unseen, or it went while this tool looked
+        if (arChannel.mPids.empty() || arChannel.mSeen != arChannel.mAttached) {  // not visible, or gone meanwhile
             arChannel.wrong("peer gone: one side has closed or died; for which one look again, as root");
         } else if (arChannel.mCreator != arChannel.mPids.front()) {
             arChannel.wrong(
@@ -364,7 +363,7 @@ Channels look(const std::vector<int>& acrKeys, bool aAttach, const Channels& acr
 
 // ---- Showing --------------------------------------------------------------------------------------------------------
 
-/// A list of texts as JSON; they hold printable ASCII only.
+/// Formats a list of texts as JSON. The texts contain only printable ASCII.
 std::string listed(const std::vector<std::string>& acrTexts)
 {
     std::string lList;
@@ -384,14 +383,14 @@ struct Column {
     std::string mValue;  // as JSON
 };
 
-/// What is shown of a channel, as table and as JSON.
-/// \param aAges whether to tell what grows while nothing happens
+/// Returns the values shown for a channel, as a table row or as JSON.
+/// \param aAges whether to include the ages, which grow even if nothing changes
 std::vector<Column> columns(const Channel& acrOne, bool aAges)
 {
     const bool lExists = 0 <= acrOne.mId;
     const auto lIf = [](bool aKnown, const std::string& acrValue) { return aKnown ? acrValue : "null"; };
     const auto lMark = [&](unsigned char aMark) { return lIf(acrOne.mRead, 0 != aMark ? "true" : "false"); };
-    const double lStill = std::max(0.0, difftime(time(NULL), acrOne.mDetached) - 1);  // both are cut to whole seconds
+    const double lStill = std::max(0.0, difftime(time(NULL), acrOne.mDetached) - 1);  // both times are whole seconds
     return {{"key", 10, text("\"0x%08x\"", acrOne.mKey)},
             {"id", 10, lIf(lExists, std::to_string(acrOne.mId))},
             {"size", 5, lIf(lExists, std::to_string(acrOne.mSize))},
@@ -489,14 +488,14 @@ int run(int aCount, char** apWords)
         if ('w' == lOption) {
             lSeconds = NULL == optarg ? 1 : strtod(optarg, &lpEnd);
             if (!(0.001 <= lSeconds && lSeconds <= 1000) || (NULL != optarg && 0 != *lpEnd)) {
-                return refuse(optarg, "is no number of seconds from 0.001 to 1000");
+                return refuse(optarg, "is not a number of seconds from 0.001 to 1000");
             }
         } else if ('h' == lOption || 'V' == lOption) {
             fputs('h' == lOption ? cUsage : "oqshm " OQ_VERSION "\n", stdout);
             flushOutput();
             return 0;
         } else if ('?' == lOption) {
-            fputs("Try 'oqshm --help'.\n", stderr);  // the reason was given
+            fputs("Try 'oqshm --help'.\n", stderr);  // getopt_long has printed the reason
             return 2;
         }
     }
@@ -505,7 +504,7 @@ int run(int aCount, char** apWords)
         errno = 0;
         const long lKey = strtol(apWords[optind], &lpEnd, 0);
         if (0 != errno || 0 != *lpEnd || lKey < 1 || INT_MAX < lKey) {
-            return refuse(apWords[optind], "is no key from 1 to 0x7fffffff");
+            return refuse(apWords[optind], "is not a key from 1 to 0x7fffffff");
         }
         lKeys.push_back(static_cast<int>(lKey));
     }
@@ -514,7 +513,7 @@ int run(int aCount, char** apWords)
         lChannels = look(lKeys, lAttach, lChannels);
         std::string lWhole = table(lChannels, false);
         for (const Channel& acrOne : lChannels) {
-            lWhole += text(" %zu", acrOne.mHash);  // another message of the same length is a change, too
+            lWhole += text(" %zu", acrOne.mHash);  // another message of the same length is also a change
         }
         if (lShown != lWhole) {
             show(lChannels, lJson, 0 < lSeconds);
