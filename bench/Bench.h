@@ -1,9 +1,9 @@
 /// \file
-/// What the benchmarks share: registering a row, checking that the work was done, a place for files.
+/// Shared code of the benchmarks: registering a row, checking that the work was done, a directory for files.
 ///
-/// A row is named group/row or group/row/size. In each group "raw" makes the plain calls, "OQLinux" is the layer, "fixed"
-/// takes the steps that the layer's design asks for and nothing more; every other row is a peer. The table's and the
-/// plots' maker, report.py, knows the groups by these names.
+/// The name of a row is group/row or group/row/size. In each group, "raw" makes the plain calls, "OQLinux" uses the
+/// layer, and "fixed" takes only the steps that the layer's design requires. Every other row is a peer. report.py,
+/// which makes the table and the plots, uses these names.
 #ifndef BENCH_H
 #define BENCH_H
 
@@ -20,7 +20,7 @@
 
 typedef benchmark::internal::Benchmark Row;
 
-// Each registers the groups of its source.
+// Each function registers the groups of its source file.
 void registerChannels();
 void registerDiagnostics();
 void registerProcesses();
@@ -45,7 +45,7 @@ Row* repeat(const std::string& acrGroup, const std::string& acrRow, Operation aO
 
 [[noreturn, gnu::cold, gnu::noinline]] inline void failed(const char* acWhat) { throw std::runtime_error(acWhat); }
 
-/// A benchmark that does not do its work is worth nothing: the run ends.
+/// Ends the run if an operation has not done its work, because its time would be meaningless.
 inline void check(bool aDone, const char* acWhat)
 {
     if (__builtin_expect(!aDone, 0)) {
@@ -53,11 +53,11 @@ inline void check(bool aDone, const char* acWhat)
     }
 }
 
-/// A directory for FIFOs, logs and input files, removed with what is in it.
+/// Returns a directory for FIFOs, logs and input files. The program removes it with its contents.
 const std::string& directory();
 
-/// Keeps this thread, and those it starts meanwhile, on the processor where it runs: what changes hands between two
-/// threads is then the processor, and no idle one has to be woken.
+/// Binds this thread, and the threads that it starts, to the current processor. Two threads then hand over one
+/// processor to each other, and no idle processor has to be woken.
 class OneProcessor
 {
 public:

@@ -40,9 +40,9 @@
 namespace
 {
 
-const unsigned int cSeconds = 3;          // longest wait for a message; it never comes to that
+const unsigned int cSeconds = 3;          // longest wait for a message; never reached
 const unsigned int cMessage = 64;         // bytes
-const unsigned int cLongest = 65535 - 6;  // bytes: a segment's size has 16 bits, its header 6 bytes
+const unsigned int cLongest = 65535 - 6;  // bytes: the size has 16 bits, the header 6 bytes
 
 typedef unsigned char Byte;
 
@@ -105,7 +105,7 @@ struct LayerFifo {
     int mPipe;
 };
 
-/// A stream buffer each way: one that has read wants to seek before it writes.
+/// One stream buffer per direction: a buffer that has read must seek before it writes.
 struct StdFifo {
     StdFifo()
     {
@@ -148,7 +148,7 @@ struct BoostFifo : RawFifo {
 #endif
 
 #ifdef BENCH_POCO
-/// It has pipes without a name only, which cost the kernel less than a FIFO.
+/// This library has only unnamed pipes, which cost the kernel less than a FIFO.
 struct PocoPipe {
     void send(const Byte* acData, unsigned int aLength)
     {
@@ -272,8 +272,8 @@ struct PolledSegment {
     OQSSharedMemoryHeader* mHeader;
 };
 
-/// The steps of the layer's design and nothing more: its three functions, every line, check, clock reading and copy, in
-/// its order.
+/// Only the steps that the layer's design requires: its three functions with every log line, check, clock reading and
+/// copy, in the same order.
 struct FixedSegment : PolledSegment {
     static void trace(const char* acText) { fixedLog(OQLL_Trace, "-T-", __LINE__, __func__, __FILE__, "%s", acText); }
     static void wait(const Byte& acrFlag)
@@ -350,7 +350,7 @@ struct LayerSegment {
 };
 
 #ifdef BENCH_BOOST
-/// A queue of one message, so that it is a mailbox too. The name goes at once; the mapping stays.
+/// A queue of one message, which makes it a mailbox. The name is removed at once; the mapping stays.
 struct BoostQueue {
     typedef boost::interprocess::message_queue Queue;
 
@@ -405,7 +405,7 @@ struct PosixQueue {
     mqd_t mQueue;
 };
 
-// --- what is done with a channel -------------------------------------------------------------------------------------
+// --- operations on a channel -----------------------------------------------------------------------------------------
 
 std::vector<Byte> pattern(unsigned int aLength)
 {
@@ -416,7 +416,7 @@ std::vector<Byte> pattern(unsigned int aLength)
     return lData;
 }
 
-/// A message goes in and comes out, in one process. Its length is the row's argument.
+/// Sends and receives a message in one process. The row's argument is the length of the message.
 template <class Channel, bool Wait = false>
 void exchange(benchmark::State& arState)
 {
@@ -434,7 +434,7 @@ void exchange(benchmark::State& arState)
     check(lOut == lIn, "another message came out");
 }
 
-/// A message goes to another process, which sends it back through a second channel.
+/// Sends a message to another process, which returns it through a second channel.
 template <class Channel>
 void roundTrip(benchmark::State& arState)
 {

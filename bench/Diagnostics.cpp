@@ -47,11 +47,11 @@ const char* const cText = "Not Supported";
 
 // --- exceptions ------------------------------------------------------------------------------------------------------
 
-// All are thrown one call away from their handler.
+// Each exception is thrown one call away from its handler.
 [[gnu::noinline, noreturn]] void throwSmallest() { throw Smallest(cText); }
 [[gnu::noinline, noreturn]] void throwLayer() { throw OQCNotSupportedEx(cText, OQErrorCode<OQCNotSupportedEx>::value); }
 [[gnu::noinline, noreturn]] void throwStd() { throw std::range_error(cText); }
-[[noreturn, gnu::always_inline]] inline void throwInLayer()  // the operation is the one call
+[[noreturn, gnu::always_inline]] inline void throwInLayer()  // the operation itself is that call
 {
     unsigned long lThread = 0;
     OsResumeThread(lThread);
@@ -136,7 +136,7 @@ void filteredLines()
         Poco::Logger& lLogger = Poco::Logger::get("bench");
         lLogger.setLevel(Poco::Message::PRIO_WARNING);
         for (auto lIteration : arState) {
-            poco_information(lLogger, "Entered");  // its trace macro is empty in an optimised build
+            poco_information(lLogger, "Entered");  // this library's trace macro is empty in an optimised build
         }
     });
 #endif
@@ -154,7 +154,7 @@ void filteredLines()
 
 const char* const cMessage = "Resource temporarily unavailable";
 
-/// The file a row logs to: in the temporary directory, emptied before each repetition, checked after it.
+/// The log file of a row, in the temporary directory. It is emptied before each repetition and checked afterwards.
 class LogFile
 {
 public:
@@ -167,7 +167,8 @@ public:
         close(mFile);
         unlink(mPath.c_str());
     }
-    /// Each line is there: no logger of the group needs fewer bytes, and none keeps them back.
+    /// Checks that every line was written. The limit is the smallest number of bytes of all loggers, and none buffers
+    /// lines.
     void mustHold(benchmark::IterationCount aLines) const
     {
         struct stat lInfo;
@@ -178,7 +179,7 @@ public:
     const int mFile;
 };
 
-/// What anyone would write who has no logger: the same line as the layer's, in one snprintf and one write.
+/// The simplest code without a logger: the same line as the layer's, with one snprintf and one write.
 void writeRaw(int aFile)
 {
     timespec lNow;

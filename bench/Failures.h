@@ -1,13 +1,13 @@
 /// \file
-/// A failed operation in a library of its own, once for each kind of exception: tries a mutex that is held, makes the text
-/// of errno as the layer does, and throws.
+/// A failing operation in a separate library, once for each kind of exception. Each function tries to lock a held
+/// mutex, gets the text of errno as the layer does, and throws.
 #ifndef BENCH_FAILURES_H
 #define BENCH_FAILURES_H
 
 #include <pthread.h>
 #include <string.h>
 
-/// The least that carries such a text.
+/// The smallest exception class that contains such a text.
 class Smallest
 {
 public:

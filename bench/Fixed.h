@@ -1,6 +1,6 @@
 /// \file
-/// The steps that the layer's design asks for, each as small as it can be made: calls out of the program to a function
-/// of a shared library, as the layer's calls of the companion runtime are.
+/// Minimal versions of the steps that the layer's design requires. They are functions of a shared library, because the
+/// layer also calls the companion runtime in a shared library.
 #ifndef BENCH_FIXED_H
 #define BENCH_FIXED_H
 

@@ -1,6 +1,7 @@
-// Tells what is measured and where, then runs the chosen rows.
+// Prints the versions and the machine, then runs the chosen rows.
 //
-// One more thread exists all the time, parked: in a process of one thread the C library leaves out what locks cost.
+// A parked second thread exists during the whole run: in a single-threaded process the C library skips the cost of
+// locks.
 
 #include <gnu/libc-version.h>
 #include <sys/utsname.h>
@@ -72,7 +73,7 @@ std::string peers()
     return lPeers;
 }
 
-/// Said at once, and kept with the results.
+/// Prints a value at once and stores it with the results.
 void tell(const char* acKey, const std::string& acrValue)
 {
     std::cerr << acKey << ": " << acrValue << '\n';

@@ -1,4 +1,4 @@
-// Child processes, the output of commands, and what loading the library costs.
+// Child processes, the output of commands, and the cost of loading the library.
 
 #include <spawn.h>
 #include <stdio.h>
@@ -39,7 +39,7 @@ const int64_t cMegabyte = 1 << 20;
 
 // --- children --------------------------------------------------------------------------------------------------------
 
-/// Makes this process hold so many bytes in small pages, all written to: what a fork has to copy the tables of.
+/// Allocates and writes memory in small pages. A fork must copy the page tables of this memory.
 void touch(size_t aBytes)
 {
     static void* spMemory;
@@ -138,7 +138,7 @@ int childApr(const char* acPath)
 #ifdef BENCH_GLIB
 int childGlib(const char* acPath)
 {
-    // With the descriptors left open it can use posix_spawn.
+    // If descriptors stay open, this library can use posix_spawn.
     char* lArguments[] = {const_cast<char*>(acPath), nullptr};
     int lStatus = -1;
     g_spawn_sync(nullptr, lArguments, nullptr, G_SPAWN_LEAVE_DESCRIPTORS_OPEN, nullptr, nullptr, nullptr, nullptr,
@@ -147,7 +147,7 @@ int childGlib(const char* acPath)
 }
 #endif
 
-/// Processor time of this process and of its children that have ended, in seconds.
+/// Returns the processor time, in seconds, of this process and its ended children.
 double processorTime()
 {
     timespec lOwn;
@@ -160,8 +160,8 @@ double processorTime()
            static_cast<double>(lOwn.tv_nsec) * 1e-9;
 }
 
-/// Repeats what starts children. Counts the processor time of all, which other work on the machine does not disturb; the
-/// time by the clock stands beside it.
+/// Repeats an operation that starts children. Counts the processor time of all processes, which other work on the
+/// machine hardly disturbs. The results also contain the time by the clock.
 template <class Operation>
 void withChildren(benchmark::State& arState, Operation aOperation)
 {
@@ -175,7 +175,7 @@ void withChildren(benchmark::State& arState, Operation aOperation)
     arState.counters["clock"] = benchmark::Counter(lAll.count(), benchmark::Counter::kAvgIterations);
 }
 
-/// Starts the child and waits for it, in a parent that has touched so many megabytes: the row's argument.
+/// Starts a child and waits for it. The row's argument is the memory, in megabytes, that the parent has touched.
 template <int Run(const char*)>
 void startWait(benchmark::State& arState)
 {
@@ -200,7 +200,7 @@ void load(const char* acRow, const char* acProgram)
 
 // --- command output --------------------------------------------------------------------------------------------------
 
-/// A command whose output has so many lines.
+/// Returns a command with the given number of output lines.
 std::string command(int64_t aLines)
 {
     const std::string lPath = directory() + "/lines-" + std::to_string(aLines);
@@ -237,7 +237,7 @@ size_t linesLayer(const std::string& acrCommand)
     return static_cast<size_t>(lLines.size());
 }
 
-/// The layer's text value, bare: a string and a counter of its own on the heap, copied deeply.
+/// A minimal version of the layer's text value: a string and a counter on the heap, with deep copies.
 class FixedText
 {
 public:
@@ -248,7 +248,7 @@ public:
     FixedText(const FixedText& acrCopy)
         : mText(new (std::nothrow) std::string(*acrCopy.mText)), mCount(new (std::nothrow) FixedCount(1))
     {
-        mCount->increment();  // the new text is handed over from a holder that lets go of it
+        mCount->increment();  // the text moves from a holder that then releases it
         mCount->decrement();
     }
     ~FixedText()
@@ -382,7 +382,7 @@ size_t linesApr(const std::string& acrCommand)
           "apr_proc_create");
     char lBuffer[4000];
     char lLine[4000];
-    apr_file_buffer_set(lChild.out, lBuffer, sizeof lBuffer);  // else it reads byte by byte
+    apr_file_buffer_set(lChild.out, lBuffer, sizeof lBuffer);  // otherwise the library reads byte by byte
     while (APR_SUCCESS == apr_file_gets(lLine, sizeof lLine, lChild.out)) {
         lLines.emplace_back(lLine, strlen(lLine) - 1);
     }
@@ -400,14 +400,14 @@ size_t linesGlib(const std::string& acrCommand)
     g_spawn_sync(nullptr, const_cast<char**>(lArguments), nullptr, G_SPAWN_LEAVE_DESCRIPTORS_OPEN, nullptr, nullptr,
                  &lpOutput, nullptr, nullptr, nullptr);
     char** const lpLines = g_strsplit(lpOutput, "\n", -1);
-    const size_t lLines = g_strv_length(lpLines) - 1;  // behind the last newline stands an empty one
+    const size_t lLines = g_strv_length(lpLines) - 1;  // an empty line follows the last newline
     g_strfreev(lpLines);
     g_free(lpOutput);
     return lLines;
 }
 #endif
 
-/// Runs a command and takes its output to pieces. The number of lines is the row's argument.
+/// Runs a command and splits its output into lines. The row's argument is the number of lines.
 template <size_t Run(const std::string&)>
 void output(benchmark::State& arState)
 {
@@ -416,7 +416,7 @@ void output(benchmark::State& arState)
     withChildren(arState, [&] { check(lLines == Run(lCommand), "the number of lines"); });
 }
 
-/// The same with every line of the trace written to a file.
+/// The same with the trace enabled and written to a file.
 void outputTraced(benchmark::State& arState)
 {
     const std::string lCommand = command(arState.range(0));

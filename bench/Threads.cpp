@@ -29,11 +29,11 @@
 namespace
 {
 
-const unsigned int cSeconds = 5;   // longest timed wait; it never comes to that
-const size_t cStackSize = 524288;  // bytes, as the layer has it
+const unsigned int cSeconds = 5;   // longest timed wait; never reached
+const size_t cStackSize = 524288;  // bytes, as in the layer
 const int cMostThreads = 8;        // contending for one mutex
 
-// A kit is one mutex with two condition variables, as one library offers them.
+// A kit is a mutex with two condition variables, as one library offers them.
 
 struct Raw {
     Raw() : mMutex(), mConditions()
@@ -211,7 +211,7 @@ void lockUnlock(benchmark::State& arState)
     }
 }
 
-/// All threads of the row want the same mutex; the count shows that it excludes.
+/// All threads of the row contend for one mutex. The count verifies mutual exclusion.
 template <class Kit>
 void contend(benchmark::State& arState)
 {
@@ -230,7 +230,7 @@ void contend(benchmark::State& arState)
     }
 }
 
-/// Two threads on one processor take turns: each round is two signals, two waits and two changes of thread.
+/// Two threads on one processor take turns. Each round has two signals, two waits and two thread switches.
 template <class Kit, bool Timed>
 void pingPong(benchmark::State& arState)
 {
@@ -278,7 +278,7 @@ void kit(const char* acRow)
     row("contention", acRow, contend<Kit>)->ThreadRange(1, cMostThreads)->MeasureProcessCPUTime();
 }
 
-int sRuns;  // of the routine; joined before it is read
+int sRuns;  // executions of the routine; read only after the join
 
 void* routine(void*)
 {

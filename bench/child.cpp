@@ -1,2 +1,2 @@
-// A program that does nothing but end with a code that its parent can check.
+// A program that only exits, with a code that its parent can check.
 int main() { return 7; }

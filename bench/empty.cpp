@@ -1,1 +1,1 @@
-// A library with the needs of the layer and nothing in it.
+// An empty library with the same dependencies as the layer.

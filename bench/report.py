@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Makes the table, and the plots, of a run of the benchmarks.
+"""Makes the table and the plots of a benchmark run.
 
     report.py RESULTS LIBRARY               prints the table
     report.py RESULTS LIBRARY --docs DOCS   rewrites the results in DOCS/benchmarks.md and the plots in DOCS/benchmarks
 
-RESULTS holds one file of Google Benchmark's for each group, and the lines that tell the machine.
+RESULTS contains one Google Benchmark file for each group, and a file that describes the machine.
 """
 import argparse
 import datetime
@@ -15,7 +15,8 @@ import statistics
 import subprocess
 import tempfile
 
-# Group: what is done, the row that the goal is a ratio to, the goal, whether it is also to be ahead of every peer.
+# Group: title, the reference row of the goal, the goal as a ratio to it, and whether the layer must also beat every
+# peer.
 FAMILIES = {
     "lock": ("lock + unlock a mutex", "raw", 1.12, False),
     "condition": ("condition ping-pong", "raw", 1.02, False),
@@ -40,7 +41,7 @@ FAMILIES = {
     "load": ("program start, library loaded", "raw", 1.1, False),
 }
 OWN_ROWS = ("raw", "fixed", "OQLinux", "by OsResumeThread", "traced to a file")
-SYSTEM_ROWS = ("fork", "posix_spawn", "POSIX queue")  # of the system; every other row is a peer
+SYSTEM_ROWS = ("fork", "posix_spawn", "POSIX queue")  # system facilities; every other row is a peer
 SIZES = {
     "fifo-by-length": ("FIFO write + read", "message, bytes"),
     "segment-by-length": ("segment send + receive", "message, bytes"),
@@ -53,10 +54,10 @@ BETWEEN = ("<!-- results: written by scripts/bench -->\n", "<!-- end of results 
 
 
 def read(path, clock=False):
-    """{row: {size: [nanoseconds, one for each repetition]}}; the size is None in a row without one.
+    """Returns {row: {size: [nanoseconds for each repetition]}}. The size is None in a row without sizes.
 
-    The time is processor time, of all threads and children where there are any; by the clock if asked for. A row that
-    sleeps is always taken by the clock."""
+    The time is processor time, including threads and children, or clock time if requested. For a row that sleeps it is
+    always clock time."""
     rows = {}
     for run in json.loads(path.read_text())["benchmarks"]:
         if run["run_type"] != "iteration":
@@ -74,7 +75,7 @@ def read(path, clock=False):
 
 
 def clock_ratio(path):
-    """Of the layer to the raw calls, for a group whose rows leave the processor; "" for others."""
+    """Returns the ratio of the layer to the raw calls in clock time; "" for a group without separate clock times."""
     if not re.search(r"/(process|real|manual)_time\"", path.read_text()):
         return ""
     medians = {row: statistics.median(next(iter(sizes.values()))) for row, sizes in read(path, clock=True).items()}
@@ -82,7 +83,7 @@ def clock_ratio(path):
 
 
 def median_rows(path):
-    """{row: (median, half the range of the middle half as a part of it)} of a group whose rows have one size."""
+    """Returns {row: (median, half the interquartile range relative to the median)} for a group with a single size."""
     rows = {}
     for row, sizes in read(path).items():
         values = next(iter(sizes.values()))
@@ -141,14 +142,14 @@ def size_table(groups):
                   "|---|" + "--:|" * len(sizes)]
         for row, values in medians.items():
             lines.append(f"| {row} | " + " | ".join(duration(values[s]) for s in sizes) + " |")
-        if group != "contention":  # who gets a contended lock is chance: a ratio of two such times says nothing
+        if group != "contention":  # the winner of a contended lock is random, so a ratio is meaningless
             lines.append("| **OQLinux, ratio to raw** | "
                          + " | ".join(f"{medians['OQLinux'][s] / medians['raw'][s]:.2f}" for s in sizes) + " |")
     return lines
 
 
 def style(row):
-    """The same row looks the same in every plot."""
+    """Returns the colour and marker of a row, which are the same in every plot."""
     looks = {"OQLinux": ("#c1121f", "o"), "raw": ("#000000", "|"), "fixed": ("#555555", "D"), "std": ("#0072b2", "s"),
              "Boost": ("#e69f00", "^"), "POCO": ("#009e73", "v"), "APR": ("#56b4e9", "<"), "GLib": ("#cc79a7", ">"),
              "spdlog": ("#6a3d9a", "P"), "fork": ("#8c564b", "X"), "posix_spawn": ("#7f7f00", "d")}
@@ -172,7 +173,7 @@ def plots(families, sizes, directory):
                 continue
             colour, marker = style(row)
             ours = row == "OQLinux"
-            # What lies beyond the edges stands on them; peers stand a little lower, not to be hidden.
+            # Values beyond the edges are drawn on the edges. Peers are drawn a little lower, so that they stay visible.
             seen[row.replace(" pipe", "")] = axes.scatter(
                 min(max(time / raw, 0.3), 20), place - 0.1 if ours else place + 0.2, s=70 if ours else 40, color=colour,
                 marker=marker, zorder=4 if ours else 3, linewidths=0, clip_on=False)
