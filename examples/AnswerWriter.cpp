@@ -3,7 +3,7 @@
 void AnswerWriter::append(const std::string& acrText)
 {
     mText += acrText;
-    // A full message waits for more text: it may be the last one, which is marked.
+    // A full message is sent only when more text follows, because the last message has a different kind.
     while (mText.size() > cPayloadSize) {
         send(AK_More, mText.substr(0, cPayloadSize));
         mText.erase(0, cPayloadSize);
@@ -29,7 +29,7 @@ void AnswerWriter::send(AnswerKind aKind, const std::string& acrText)
     ClibMemcpy(lMessage + sizeof lHeader, acrText.data(), static_cast<unsigned int>(acrText.size()));
     const unsigned int lLength = static_cast<unsigned int>(sizeof lHeader + acrText.size());
 
-    unsigned int lWritten = 0;  // keeps this value when the write is cancelled for want of a peer
+    unsigned int lWritten = 0;  // keeps this value if the write is cancelled because a peer is missing
     try {
         OsSharedMemoryWrite(mMailbox, lMessage, lLength, lWritten);
     } catch (const OQCTimeOutEx&) {

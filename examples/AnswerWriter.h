@@ -1,5 +1,5 @@
 /// \file
-/// Sends one answer through the mailbox, in as many messages as it takes.
+/// Sends one answer through the mailbox, in as many messages as necessary.
 #ifndef HOSTD_ANSWER_WRITER_H
 #define HOSTD_ANSWER_WRITER_H
 
@@ -9,12 +9,12 @@
 
 #include "Channel.h"
 
-/// Nobody takes the answer any more, or the daemon is to end: the rest is not sent.
+/// Thrown when the rest of an answer is not sent: no tool reads it any more, or the daemon is ending.
 struct AnswerDropped {
     const char* mReason;
 };
 
-/// Used by one thread, the mailbox's only writer. All operations that send throw AnswerDropped.
+/// For one thread only, the mailbox's only writer. All operations that send can throw AnswerDropped.
 class AnswerWriter
 {
 public:
@@ -23,13 +23,13 @@ public:
     {
     }
 
-    /// Adds text to the answer; sends every message that is full.
+    /// Adds text to the answer. Sends full messages.
     void append(const std::string& acrText);
 
-    /// Sends the last message: the answer is whole.
+    /// Sends the last message of a complete answer.
     void end();
 
-    /// Sends the last message: there is no answer, for this reason.
+    /// Sends a last message with the reason why there is no answer.
     void fail(const std::string& acrReason);
 
 private:

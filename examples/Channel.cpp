@@ -9,7 +9,7 @@ namespace
 
 const char* const cLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 const char* const cDigits = "0123456789";
-const size_t cProcessNameLength = 15;  // the system keeps no more of a process's name
+const size_t cProcessNameLength = 15;  // the system truncates process names to this length
 const unsigned long cMostLines = 100000;
 
 struct Verb {
@@ -38,8 +38,9 @@ bool isLineCount(const std::string& acrNumber)
            std::stoul(acrNumber) <= cMostLines;
 }
 
-/// A hash (FNV-1a) of a path, positive as the layer demands. Two paths with the same hash would share a segment: of two
-/// paths the chance is one in two thousand million. Other users can compute the key, so both sides ask isOwnSegment().
+/// Returns a hash (FNV-1a) of a path. The layer requires a positive key. Two paths with the same hash would share a
+/// segment; for two given paths the probability is one in two thousand million. Other users can compute the key, so
+/// both sides call isOwnSegment().
 key_t keyOf(const std::string& acrPath)
 {
     uint32_t lHash = 2166136261u;
@@ -101,7 +102,7 @@ const char* refusalOf(const std::string& acrVerb, const std::string& acrArgument
     if (!isPlainText(acrArgument)) {
         return "control characters are not allowed";
     }
-    // The name ends up in a shell command: nothing but this pattern gets that far.
+    // The name becomes part of a shell command, so it must match this pattern.
     if ("running" == acrVerb && !isProcessName(acrArgument)) {
         return "a process name is 1 to 15 of A-Z a-z 0-9 . _ - and starts with a letter or a digit";
     }

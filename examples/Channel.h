@@ -1,11 +1,11 @@
 /// \file
-/// What hostd and hostctl agree on: where they meet, how a request reads and how an answer is cut into messages.
+/// The protocol of hostd and hostctl: paths and key, format of a request, and messages of an answer.
 ///
-/// A request is one write of at most 512 bytes into the FIFO: STX, "TOKEN VERB [ARGUMENT]", LF. Writes of that size are
-/// whole or not at all, so those of several tools never mix.
+/// A request is one write of at most 512 bytes into the FIFO: STX, "TOKEN VERB [ARGUMENT]", LF. A write of that size is
+/// complete or does not happen, so requests of several tools never mix.
 ///
-/// An answer is one or more messages in the shared-memory mailbox, each an AnswerHeader and some text. Messages of one
-/// answer carry the token of its request and are counted from 0; the last one is marked.
+/// An answer is one or more messages in the shared-memory mailbox, each an AnswerHeader and some text. Every message
+/// contains the token of the request and a sequence number from 0. The kind of the last message marks the end.
 #ifndef HOSTD_CHANNEL_H
 #define HOSTD_CHANNEL_H
 
@@ -17,16 +17,16 @@
 
 const char cRequestStart = '\x02';
 const char cRequestEnd = '\n';
-const unsigned int cRequestSize = 512;  // bytes of a whole request, start and end included
-const unsigned int cTokenLength = 23;   // letters of a token at most
+const unsigned int cRequestSize = 512;  // bytes of a request, including start and end
+const unsigned int cTokenLength = 23;   // maximum number of characters
 
 enum AnswerKind : uint32_t {
     AK_More = 1,  ///< another message follows
-    AK_End = 2,   ///< the last message: the answer is whole
+    AK_End = 2,   ///< the last message: the answer is complete
     AK_Error = 3  ///< the last message: the text says why there is no answer
 };
 
-/// Starts every message; in host byte order, for both sides run on one host.
+/// The beginning of every message, in host byte order, because both sides run on one host.
 struct AnswerHeader {
     char mToken[cTokenLength + 1];  ///< terminated
     uint32_t mSequence;             ///< 0, 1, 2, ... within one answer
@@ -38,15 +38,15 @@ const unsigned short cSegmentSize = 4096;  // bytes, the layer's header included
 const unsigned int cMessageSize = cSegmentSize - sizeof(OQSSharedMemoryHeader);
 const unsigned int cPayloadSize = cMessageSize - sizeof(AnswerHeader);
 
-/// Where a daemon and its tools meet. Everything follows from a private directory and a name, so that several daemons
-/// run side by side, also those of several users.
+/// The paths and the key that a daemon and its tools use. They are derived from a private directory and a name, so that
+/// several daemons can run side by side, including daemons of different users.
 struct Channel {
     Channel(const std::string& acrDirectory, const std::string& acrName);
 
-    const OQCString mLock;  ///< locked by the daemon as long as it lives; holds its process id once it is ready
-    const OQCString mPipe;  ///< FIFO of the requests
-    const OQCString mTurn;  ///< locked by the tool whose turn it is to ask
-    const key_t mKey;       ///< of the mailbox's segment
+    const OQCString mLock;  ///< the running daemon holds its lock; contains the process id once the daemon is ready
+    const OQCString mPipe;  ///< the FIFO for requests
+    const OQCString mTurn;  ///< the tool that currently sends a request holds its lock
+    const key_t mKey;       ///< key of the mailbox's segment
 };
 
 /// Strict pattern of a daemon's name: 1 to 32 of A-Z a-z 0-9 _ -
@@ -55,21 +55,22 @@ bool isChannelName(const std::string& acrName);
 /// Strict pattern of a token: 1 to 23 of A-Z a-z 0-9 -
 bool isToken(const std::string& acrToken);
 
-/// \return whether no byte is a control character: such a text fits between the start and the end of a request
+/// \return whether the text contains no control character; only such a text is allowed in a request
 bool isPlainText(const std::string& acrText);
 
-/// Whether a verb takes an argument. \return false for an unknown verb
+/// Returns whether a verb takes an argument. \return false for an unknown verb
 bool findVerb(const std::string& acrVerb, bool& arTakesArgument);
 
-/// The rules for a verb and its argument (empty: none given), applied by the tool before it asks and by the daemon
-/// before it believes what it reads. \return null, or what is wrong
+/// Checks a verb and its argument (empty: no argument). The tool checks before it sends, and the daemon checks every
+/// request that it reads. \return null, or a description of the error
 const char* refusalOf(const std::string& acrVerb, const std::string& acrArgument);
 
-/// The system's text for the current errno.
+/// Returns the system's text for the current errno.
 std::string systemError();
 
-/// Tests a condition every 10 ms until it holds. Sleeps are counted, so a clock that is set does not change the bound.
-/// \return whether it held within about so many milliseconds
+/// Tests a condition every 10 ms until it holds. The function counts its sleeps, so setting the clock does not change
+/// the limit.
+/// \return whether the condition held within about the given number of milliseconds
 template <class Condition>
 bool waitUntil(unsigned int aMilliseconds, Condition aCondition)
 {

@@ -24,7 +24,7 @@ bool LockedFile::tryLock(Missing aMissing)
         if (isStillNamed()) {
             return true;
         }
-        // Its last holder removed the file between the open and the lock: this lock would keep nobody out.
+        // The last holder removed the file between the open and the lock. This lock would not exclude other processes.
         release();
     }
 }

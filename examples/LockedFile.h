@@ -1,13 +1,13 @@
 /// \file
-/// A file whose lock says who may go on.
+/// A file whose lock serves as a mutex between processes.
 #ifndef HOSTD_LOCKED_FILE_H
 #define HOSTD_LOCKED_FILE_H
 
 #include "OQLinux.h"
 
-/// Holds at most one descriptor, and with it the lock. The system frees the lock when the process ends, however it
-/// ends. The locks of a file are lost when the process closes any descriptor of it: nobody else in this process opens
-/// the file.
+/// Holds at most one descriptor and with it the lock. The system releases the lock when the process ends in any way.
+/// Closing any descriptor of the file releases the locks of the process, so no other code in this process may open the
+/// file.
 class LockedFile
 {
 public:
@@ -18,15 +18,15 @@ public:
     LockedFile(const LockedFile&) = delete;
     LockedFile& operator=(const LockedFile&) = delete;
 
-    /// Opens and locks the file; does not wait.
-    /// \return false when another process holds the lock. Throws: std::runtime_error when the file cannot be opened, or
-    /// is not one that openOwnFile() accepts.
+    /// Opens and locks the file. Does not wait.
+    /// \return false when another process holds the lock. Throws: std::runtime_error when the file cannot be opened or
+    /// openOwnFile() rejects it.
     bool tryLock(Missing aMissing);
 
-    /// Gives the lock up.
+    /// Releases the lock.
     void release();
 
-    /// \return whether the path still names the locked file: a lock on a removed file keeps nobody out
+    /// \return whether the path still names the locked file; a lock on a removed file does not exclude other processes
     bool isStillNamed() const;
 
     int descriptor() const { return mDescriptor; }

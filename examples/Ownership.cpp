@@ -13,7 +13,7 @@
 namespace
 {
 
-/// \return what is wrong with an open file; empty: nothing
+/// \return a description of what is wrong with an open file; empty if nothing is wrong
 std::string findFault(int aDescriptor, mode_t aKind)
 {
     struct stat lInfo;
@@ -26,7 +26,7 @@ std::string findFault(int aDescriptor, mode_t aKind)
     if (geteuid() != lInfo.st_uid && 0 != lInfo.st_uid) {
         return "belongs to another user";
     }
-    // Another user may have linked one of this user's files to a name in a directory that both can write.
+    // Another user may have created a hard link to one of this user's files in a directory that both can write.
     return lInfo.st_nlink <= 1 ? "" : "has a second name";
 }
 
@@ -36,9 +36,9 @@ std::string privateDirectory()
 {
     const char* const lpRuntime = getenv("XDG_RUNTIME_DIR");
     std::string lPath = NULL == lpRuntime ? "" : lpRuntime;
-    if ('/' != lPath[0]) {  // a relative path would depend on the working directory
+    if ('/' != lPath[0]) {  // a relative path depends on the working directory
         lPath = "/tmp/hostd-" + std::to_string(geteuid());
-        mkdir(lPath.c_str(), 0700);  // what is there already is examined below
+        mkdir(lPath.c_str(), 0700);  // an existing directory is checked below
     }
     const int lDirectory = ClibOpen(lPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0);
     struct stat lInfo;
@@ -82,7 +82,7 @@ bool isNamed(int aDescriptor, const OQCString& acrPath)
 
 bool isOwnSegment(int aId)
 {
-    // The creator stays recorded; the owner is whoever the creator has named.
+    // Compare the creator, which is fixed. The creator can change the owner.
     shmid_ds lState;
     return 0 == shmctl(aId, IPC_STAT, &lState) && geteuid() == lState.shm_perm.cuid;
 }

@@ -1,6 +1,6 @@
 /// \file
-/// Files and segments that no other user can have prepared. The checks accept what belongs to this user or, for files,
-/// to root.
+/// Access only to files and segments that no other user can have prepared. The checks accept files and segments of this
+/// user, and files of root.
 #ifndef HOSTD_OWNERSHIP_H
 #define HOSTD_OWNERSHIP_H
 
@@ -10,23 +10,25 @@
 
 #include "OQLinux.h"
 
-/// The directory of all files of a daemon: $XDG_RUNTIME_DIR or, when that is no absolute path, /tmp/hostd-UID, which is made.
-/// Only this user can write it, so a path below it keeps its meaning from one call to the next.
-/// Throws: std::runtime_error when the directory is not this user's alone.
+/// Returns the directory of all files of a daemon: $XDG_RUNTIME_DIR or, if that is not an absolute path,
+/// /tmp/hostd-UID, which the function creates. Only this user can write to the directory, so no other user can replace
+/// a file in it between two calls. Throws: std::runtime_error when other users have access to the directory.
 std::string privateDirectory();
 
-/// Opens a regular file. Follows no link and does not wait for the peer of a FIFO.
-/// \return the descriptor; negative with errno set when the file cannot be opened
-/// Throws: std::runtime_error when the file is of another kind, belongs to somebody else or has a second name.
+/// Opens a regular file. Does not follow a symbolic link and does not wait for the peer of a FIFO.
+/// \return the descriptor; negative with errno set when the file cannot be opened Throws: std::runtime_error when the
+/// file is of another kind, belongs to another user or has a second name.
 int openOwnFile(const OQCString& acrPath, int aFlags);
 
-/// Throws: std::runtime_error unless the descriptor is open on a FIFO that the path itself names.
+/// Throws: std::runtime_error unless the descriptor refers to a FIFO that the path names directly, not by a symbolic
+/// link.
 void checkOwnFifo(int aDescriptor, const OQCString& acrPath);
 
-/// \return whether the path, which may be no link, names the file that the descriptor is open on
+/// \return whether the path names the open file of the descriptor; false for a symbolic link
 bool isNamed(int aDescriptor, const OQCString& acrPath);
 
-/// \return whether this user made the segment. Its key is no secret, so any user can make one with that key first.
+/// \return whether this user created the segment. The key is not secret, so any user can create a segment with it
+/// first.
 bool isOwnSegment(int aId);
 
 #endif

@@ -7,7 +7,7 @@ namespace
 
 const size_t cTextSize = cRequestSize - 2;  // bytes between the start byte and the end byte
 
-/// Cuts a text at its first blank. \return what stands before it; arRest: what stands behind it
+/// Splits a text at its first blank. \return the text before the blank; arRest receives the text after it
 std::string cutWord(const std::string& acrText, std::string& arRest)
 {
     const size_t lBlank = acrText.find(' ');
@@ -68,7 +68,7 @@ void RequestParser::finish()
 
 void RequestParser::refuse(const char* acReason)
 {
-    // A token counts as read when its end was seen: half a token could be the token of somebody else.
+    // A token is used only if its end was read: part of a token could equal the token of another tool.
     std::string lRest;
     const std::string lToken = cutWord(mText, lRest);
     const bool lWhole = lToken.size() < mText.size() || Between == mState;

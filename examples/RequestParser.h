@@ -1,32 +1,32 @@
 /// \file
-/// Finds requests in the bytes that arrive through the FIFO. No input or output of its own.
+/// Finds requests in the bytes that arrive through the FIFO. The parser itself does no input or output.
 #ifndef HOSTD_REQUEST_PARSER_H
 #define HOSTD_REQUEST_PARSER_H
 
 #include <string>
 
 struct Request {
-    std::string mToken;     ///< chosen by the tool; its answer carries it
-    std::string mVerb;      ///< what is asked
-    std::string mArgument;  ///< may hold blanks; empty: none given
+    std::string mToken;     ///< chosen by the tool; the answer contains it
+    std::string mVerb;      ///< the kind of question
+    std::string mArgument;  ///< may contain blanks; empty: no argument
 };
 
-/// Receives what the parser finds, in the order of the bytes.
+/// Receives the parser's results, in the order of the bytes.
 class RequestSink
 {
 public:
     virtual ~RequestSink() {}
 
-    /// A request that follows all rules.
+    /// Called for a valid request.
     virtual void onRequest(const Request& acrRequest) = 0;
 
-    /// Bytes that are no request.
-    /// \param acrToken token of the refused request; empty when it could not be read
+    /// Called for bytes that are not a valid request.
+    /// \param acrToken token of the refused request; empty if it could not be read
     virtual void onRefused(const std::string& acrToken, const char* acReason) = 0;
 };
 
-/// Takes the bytes in pieces of any size. Whatever was wrong before, a start byte begins a new request: a writer that
-/// died or misbehaved spoils nobody's request but its own.
+/// Accepts the bytes in pieces of any size. A start byte always begins a new request. A writer that died or misbehaved
+/// can therefore spoil only its own request.
 class RequestParser
 {
 public:
@@ -36,9 +36,9 @@ public:
 
 private:
     enum State {
-        Between,     ///< waiting for a start byte; nothing wrong so far
+        Between,     ///< waiting for a start byte; no error so far
         Inside,      ///< collecting a request
-        Discarding,  ///< waiting for a start byte; what was wrong has been said
+        Discarding,  ///< waiting for a start byte; the error has been reported
     };
 
     void take(char aByte);
@@ -47,7 +47,7 @@ private:
 
     RequestSink& mSink;
     State mState;
-    std::string mText;  ///< of the request begun, at most 510 bytes
+    std::string mText;  ///< text of the current request so far, at most 510 bytes
 };
 
 #endif

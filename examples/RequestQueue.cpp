@@ -3,11 +3,11 @@
 namespace
 {
 
-const size_t cRequests = 16;  // tools take turns, so more than one request waits only when somebody breaks the rules
-const size_t cRefusals = 16;  // further room for refusals
+const size_t cRequests = 16;  // tools take turns, so several requests wait only if a tool breaks the rules
+const size_t cRefusals = 16;  // additional room for refusals
 
-/// Holds a mutex for a block. A failed unlock is an OQCHaltEx like a failed lock, and has to reach the same handler, so
-/// the destructor may throw.
+/// Holds a mutex during a block. A failed unlock throws an OQCHaltEx, as a failed lock does. Both must reach the same
+/// handler, so the destructor may throw.
 class Locked
 {
 public:
@@ -39,7 +39,7 @@ RequestQueue::~RequestQueue()
         OsDestroyConditional(mChanged);
         OsDestroyMutex(mMutex);
     } catch (const OQCException&) {
-        // Both are unused by now and hold nothing outside this object.
+        // Mutex and condition are unused now and own no resources outside this object, so errors are ignored.
     }
 }
 

@@ -1,5 +1,5 @@
 /// \file
-/// Hands requests from the thread that reads them to the thread that answers them.
+/// Passes requests from the thread that reads them to the thread that answers them.
 #ifndef HOSTD_REQUEST_QUEUE_H
 #define HOSTD_REQUEST_QUEUE_H
 
@@ -8,13 +8,14 @@
 #include "OQLinux.h"
 #include "RequestParser.h"
 
-/// A request to be answered, or a refusal to be sent: both go through the queue, for the mailbox has one writer.
+/// A request to answer, or a refusal to send. Both go through the queue, because the mailbox has only one writer.
 struct Job {
     Request mRequest;
-    std::string mRefusal;  ///< empty: none
+    std::string mRefusal;  ///< reason of a refusal; empty for a request
 };
 
-/// A bounded queue for one thread that puts and one that takes. Failures of its mutex or condition are OQCHaltEx.
+/// A bounded queue for one thread that puts jobs and one that takes them. Failures of its mutex or condition throw
+/// OQCHaltEx.
 class RequestQueue
 {
 public:
@@ -23,13 +24,13 @@ public:
     RequestQueue(const RequestQueue&) = delete;
     RequestQueue& operator=(const RequestQueue&) = delete;
 
-    /// \return false when the queue is full; refusals still have some room when requests have none
+    /// \return false when the queue is full; refusals have additional room
     bool put(const Job& acrJob);
 
-    /// Waits for a job. \return false once the queue is closed; jobs left in it are then dropped
+    /// Waits for a job. \return false once the queue is closed; remaining jobs are dropped
     bool take(Job& arJob);
 
-    /// Lets the taking thread end.
+    /// Closes the queue, so that the taking thread can end.
     void close();
 
     bool isClosed();

@@ -9,11 +9,12 @@
 namespace
 {
 
-/// The file through which the layer learns whether a process runs. There is one for the whole host.
+/// The result file of isProcessRunning(). All programs of the host share it.
 const char* const cRunningFile = "/tmp/.vyrsyscmd";
-const unsigned int cRunningPatience = 2000;  // milliseconds; less than a tool waits
+const unsigned int cRunningPatience = 2000;  // milliseconds; shorter than a tool waits
 
-/// The lines that a fixed command prints. The layer does not report a command that fails, so silence is taken for it.
+/// Returns the lines that a fixed command prints. The layer does not report a failed command, so empty output counts as
+/// a failure.
 OQCList<OQCString> outputOf(const std::string& acrCommand)
 {
     OQCList<OQCString> lLines;
@@ -36,7 +37,7 @@ void appendAddresses(AnswerWriter& arAnswer)
     OQCList<unsigned int> lAddresses;
     OsGetAllIpAddresses(lAddresses);
     for (const unsigned int lAddress : lAddresses) {
-        char lText[17];  // four numbers of three digits, three dots, the line's end
+        char lText[17];  // four numbers of up to three digits, three dots, line feed, terminating zero
         ClibSprintf(lText, "%u.%u.%u.%u\n", lAddress >> 24, lAddress >> 16 & 255, lAddress >> 8 & 255, lAddress & 255);
         arAnswer.append(lText);
     }
@@ -50,8 +51,8 @@ std::string operatingSystem()
     return std::string(OQOS_Linux == lFamily ? "Linux" : "unknown") + ": " + lRelease.get() + "\n";
 }
 
-/// All callers of the host share one result file, so the file itself is locked while it is in use. Another user's file
-/// would carry that user's answer: LockedFile does not open it.
+/// All callers of the host share one result file, so this function locks the file during use. LockedFile does not open
+/// another user's file, because that user could determine the result.
 std::string processState(const std::string& acrName)
 {
     LockedFile lTurn(cRunningFile);
@@ -61,8 +62,8 @@ std::string processState(const std::string& acrName)
     if (1 == isProcessRunning(acrName.c_str())) {
         return acrName + " is running\n";
     }
-    // The result is 0 also when pgrep cannot be run or the disk is full. The pattern "." matches every process, and this
-    // one runs.
+    // The result is also 0 when pgrep cannot be run or the disk is full. This check finds out: the pattern "." matches
+    // every process, and at least this one runs.
     if (1 != isProcessRunning(".")) {
         throw std::runtime_error(std::string("pgrep cannot be run, or cannot write ") + cRunningFile);
     }

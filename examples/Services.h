@@ -1,22 +1,21 @@
 /// \file
-/// The answers themselves.
+/// Computes the answers.
 #ifndef HOSTD_SERVICES_H
 #define HOSTD_SERVICES_H
 
 #include "AnswerWriter.h"
 #include "RequestParser.h"
 
-/// Answers requests, on one thread: the host's addresses and the question for a running process have to be serialised.
+/// Answers requests on one thread, because requests for addresses and for running processes must be serialised.
 class Services
 {
 public:
     Services();
 
-    /// Appends the answer to a request that the parser let through.
-    /// Throws: what the layer throws, std::runtime_error, AnswerDropped.
+    /// Appends the answer to a valid request. Throws: the layer's exceptions, std::runtime_error, AnswerDropped.
     void answer(const Request& acrRequest, AnswerWriter& arAnswer);
 
-    /// Counts a request whose answer went out whole.
+    /// Counts a request whose answer was sent completely.
     void countServed() { ++mServed; }
 
 private:

@@ -1,5 +1,5 @@
 /// \file
-/// What hostd and hostctl do first.
+/// Startup code that hostd and hostctl share.
 #ifndef HOSTD_STARTUP_H
 #define HOSTD_STARTUP_H
 
@@ -7,21 +7,21 @@
 #include <vector>
 
 struct Options {
-    std::string mName = "hostd";  ///< --name: decides all paths and the segment's key
-    bool mTrace = false;          ///< --trace: every log line, not only the important ones
-    std::string mLogFile;         ///< --log: where the daemon's lines go; empty: standard error
+    std::string mName = "hostd";  ///< --name: determines all paths and the segment's key
+    bool mTrace = false;          ///< --trace: writes all log lines, including trace lines
+    std::string mLogFile;         ///< --log: file for the daemon's log lines; empty: standard error
     bool mDetach = false;         ///< --detach: the daemon leaves its starter's session
-    bool mHelp = false;           ///< --help: the usage is printed, and nothing else is done
+    bool mHelp = false;           ///< --help: only prints the usage
 };
 
 typedef std::vector<std::string> Words;
 
-/// Takes the options that stand before the first other word out of the words.
-/// \return what is wrong with them; empty: nothing
+/// Removes the options before the first other word from the words.
+/// \return a description of the error; empty if there is none
 std::string takeOptions(Words& arWords, Options& arOptions);
 
-/// Makes sure that descriptors 0 to 2 are in use: a starter may have closed some, and the next file opened would then
-/// receive what is meant for standard error.
+/// Ensures that descriptors 0 to 2 are open. The parent process may have closed some. The next opened file would then
+/// get such a number and receive the program's standard error.
 void keepStandardDescriptors();
 
 #endif

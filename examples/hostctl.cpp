@@ -1,6 +1,6 @@
-// hostctl: starts hostd, asks it, stops it.
+// hostctl: starts hostd, sends it requests, stops it.
 //
-// Exit status: 0 done, and an answer came whole; 1 not done, and one line on standard error says why; 2 wrong words.
+// Exit status: 0 success, with a complete answer; 1 failure, with one line on standard error; 2 wrong arguments.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -24,37 +24,38 @@ namespace
 
 const unsigned int cStartPatience = 5000;  // milliseconds until a daemon is ready
 const unsigned int cStopPatience = 10000;  // milliseconds until a daemon has ended
-const unsigned int cTurnPatience = 30000;  // milliseconds until it is this tool's turn to ask
+const unsigned int cTurnPatience = 30000;  // milliseconds until this tool gets its turn
 const unsigned int cPipePatience = 1000;   // milliseconds until there is room in the FIFO
 const unsigned int cAnswerPatience = 5;    // seconds until the next message of an answer
 
 const char* const cUsage =
     "usage: hostctl [--name NAME] [--trace] COMMAND\n"
-    "  start [--log FILE]  start hostd; with --trace it traces, too\n"
-    "  stop                end hostd\n"
-    "  ask echo TEXT       the text\n"
+    "  start [--log FILE]  start hostd; with --trace it also writes trace lines\n"
+    "  stop                stop hostd\n"
+    "  ask echo TEXT       the same text\n"
     "  ask status          uptime, requests served, threads of hostd\n"
     "  ask os              the operating system\n"
     "  ask addresses       the host's addresses\n"
-    "  ask disks           what df says\n"
-    "  ask load            the load\n"
+    "  ask disks           the output of df\n"
+    "  ask load            the load average\n"
     "  ask running NAME    whether a process of that name runs\n"
-    "  ask lines N         so many numbered lines\n";
+    "  ask lines N         N numbered lines\n";
 
-/// Why a command was not done: one line.
+/// The reason why a command failed, in one line.
 struct Failure : std::runtime_error {
     explicit Failure(const std::string& acrText) : std::runtime_error(acrText) {}
 };
 
-// ---- The daemon as seen from outside --------------------------------------------------------------------------------
+// ---- Finding the daemon ---------------------------------------------------------------------------------------------
 
 struct Daemon {
-    int mPid;     ///< 0: none lives
+    int mPid;     ///< 0: no daemon is running
     bool mReady;  ///< serves requests
 };
 
-/// The lock says whether a daemon lives, whatever a killed one has left in the file, and the system says who holds it:
-/// the number in the file alone could be that of any process.
+/// Finds the daemon by the lock, which the system releases when a daemon dies. The kernel reports which process holds
+/// the lock. The number in the file alone is not reliable: a killed daemon may have left it, and it may now belong to
+/// another process.
 Daemon findDaemon(const Channel& acrChannel)
 {
     const char* const lpPath = acrChannel.mLock.get();
@@ -97,13 +98,13 @@ Daemon findReadyDaemon(const Channel& acrChannel)
 
 // ---- start ----------------------------------------------------------------------------------------------------------
 
-/// hostd stands beside this program.
+/// Returns the path of hostd, which is in the same directory as this program.
 std::string daemonPath()
 {
     char lPath[4096];
     const ssize_t lLength = readlink("/proc/self/exe", lPath, sizeof lPath);
     if (lLength < 0 || sizeof lPath == static_cast<size_t>(lLength)) {
-        throw Failure("cannot tell where this program is: " + systemError());
+        throw Failure("cannot determine the path of this program: " + systemError());
     }
     const std::string lSelf(lPath, static_cast<size_t>(lLength));
     return lSelf.substr(0, lSelf.rfind('/')) + "/hostd";
@@ -133,7 +134,7 @@ int createDaemon(const Options& acrOptions)
         if (getpid() == lSelf) {
             throw Failure(std::string("cannot make a process: ") + acrFailure.what());
         }
-        // This is the child, a copy of this program: it has one thing to say and must not do anything else twice.
+        // This is the child, a copy of this program. It only prints the reason: nothing else may happen twice.
         fprintf(stderr, "hostctl: cannot run %s: %s\n", lPath.c_str(), acrFailure.what());
         _exit(127);
     }
@@ -153,7 +154,7 @@ int start(const Options& acrOptions)
     const bool lKnown = waitUntil(cStartPatience, [&] {
         const Daemon lNow = findDaemon(lChannel);
         lReady = lChild == lNow.mPid && lNow.mReady;
-        // The layer waits for a child without a bound only; this asks, and does not wait.
+        // The layer offers only an unlimited wait for a child. This call polls.
         lEnded = !lReady && lChild == waitpid(lChild, &lStatus, WNOHANG);
         return lReady || lEnded;
     });
@@ -166,7 +167,7 @@ int start(const Options& acrOptions)
         if (WIFSIGNALED(lStatus)) {
             throw Failure("hostd was ended by signal " + std::to_string(WTERMSIG(lStatus)) + " while it started");
         }
-        return 1;  // the child has said why
+        return 1;  // the child has printed the reason
     }
     printf("hostd is running, process %d\n", lChild);
     return 0;
@@ -192,7 +193,7 @@ int stop(const Options& acrOptions)
 
 // ---- ask ------------------------------------------------------------------------------------------------------------
 
-/// The tool's side of the mailbox.
+/// The client side of the mailbox.
 class Mailbox
 {
 public:
@@ -214,7 +215,7 @@ public:
     Mailbox(const Mailbox&) = delete;
     Mailbox& operator=(const Mailbox&) = delete;
 
-    /// \return whether a message came within a second
+    /// \return whether a message arrived within a second
     bool wait() const
     {
         try {
@@ -225,7 +226,7 @@ public:
         }
     }
 
-    /// Takes the message that is there. \return false when there is none, or it is too short to be one
+    /// Takes the message out of the mailbox. \return false if there is no message, or if it is too short
     bool read(AnswerHeader& arHeader, std::string& arText)
     {
         unsigned char lMessage[cMessageSize];
@@ -249,14 +250,14 @@ private:
         try {
             OsSharedMemoryClose(mSegment, OQCM_Client);
         } catch (const OQCException&) {
-            // The process is about to end, which detaches the segment.
+            // Ignored: the process ends soon, which detaches the segment.
         }
     }
 
     OQShmDesc mSegment;
 };
 
-/// Unlike any other token of this host: the process id is this tool's, and it asks once.
+/// Returns a token that is unique on this host: it contains this tool's process id, and each tool sends one request.
 std::string makeToken()
 {
     long lSeconds;
@@ -267,17 +268,17 @@ std::string makeToken()
     return lToken;
 }
 
-/// Writes the request in one piece: all of it goes in, or nothing.
+/// Writes the request with one call: it is written completely or not at all.
 void sendRequest(const Channel& acrChannel, const std::string& acrRequest)
 {
-    int lPipe = -1;  // keeps this value when the FIFO cannot be opened
+    int lPipe = -1;  // keeps this value if the FIFO cannot be opened
     OsNamedPipeOpen(lPipe, acrChannel.mPipe, OQFM_Mode1, OQPS_NonBlocking, OQCM_Client);
     if (lPipe < 0) {
         throw Failure(std::string("cannot open ") + acrChannel.mPipe.get() + ": " + systemError());
     }
     checkOwnFifo(lPipe, acrChannel.mPipe);
     const bool lSent = waitUntil(cPipePatience, [&] {
-        unsigned int lDone = 0;  // keeps this value when there is no room
+        unsigned int lDone = 0;  // keeps this value if the FIFO has no room
         OsNamedPipeWrite(lPipe, reinterpret_cast<const unsigned char*>(acrRequest.data()),
                          static_cast<unsigned int>(acrRequest.size()), lDone);
         return acrRequest.size() == lDone;
@@ -288,7 +289,7 @@ void sendRequest(const Channel& acrChannel, const std::string& acrRequest)
     }
 }
 
-/// Waits for the next message, as long as the daemon that was asked lives.
+/// Waits for the next message. Fails when the daemon that received the request ends.
 void waitForMessage(const Channel& acrChannel, const Daemon& acrDaemon, const Mailbox& acrMailbox)
 {
     for (unsigned int lSecond = 0; lSecond < cAnswerPatience; ++lSecond) {
@@ -303,8 +304,8 @@ void waitForMessage(const Channel& acrChannel, const Daemon& acrDaemon, const Ma
                   ", has not answered for 5 seconds; is it stopped?");
 }
 
-/// Collects the messages of one answer. It is printed only when it is whole, so a slow reader of the output keeps
-/// neither the daemon nor the next tool waiting.
+/// Collects the messages of one answer. The caller prints the answer only when it is complete, so a slow reader of the
+/// output delays neither the daemon nor the next tool.
 std::string receiveAnswer(const Channel& acrChannel, const Daemon& acrDaemon, Mailbox& arMailbox,
                           const std::string& acrToken)
 {
@@ -315,7 +316,7 @@ std::string receiveAnswer(const Channel& acrChannel, const Daemon& acrDaemon, Ma
         AnswerHeader lHeader;
         std::string lText;
         if (!arMailbox.read(lHeader, lText) || 0 != strncmp(lHeader.mToken, acrToken.c_str(), sizeof lHeader.mToken)) {
-            continue;  // meant for a tool that is gone
+            continue;  // for a tool that has ended
         }
         if (AK_Error == lHeader.mKind) {
             throw Failure("hostd answered: " + lText);
@@ -336,13 +337,13 @@ int ask(const Options& acrOptions, const std::string& acrVerb, const std::string
     findReadyDaemon(lChannel);
     LockedFile lTurn(lChannel.mTurn);
     if (!waitUntil(cTurnPatience, [&] { return lTurn.tryLock(LockedFile::Refuse); })) {
-        throw Failure("others have been asking hostd for 30 seconds");
+        throw Failure("other tools have used hostd for 30 seconds");
     }
-    const Daemon lDaemon = findReadyDaemon(lChannel);  // it may be another one by now, or none
+    const Daemon lDaemon = findReadyDaemon(lChannel);  // meanwhile another daemon may have started, or none may run
     Mailbox lMailbox(lChannel.mKey);
     const std::string lToken = makeToken();
     const std::string lBlank = acrArgument.empty() ? "" : " ";
-    // What a tool that died has left in the mailbox is taken out by the search for this token.
+    // receiveAnswer() discards messages with other tokens, such as those for a tool that died.
     sendRequest(lChannel, cRequestStart + lToken + " " + acrVerb + lBlank + acrArgument + cRequestEnd);
     const std::string lAnswer = receiveAnswer(lChannel, lDaemon, lMailbox, lToken);
     lTurn.release();
@@ -366,12 +367,12 @@ int wrongWords(const std::string& acrReason)
     return 2;
 }
 
-/// \return what is wrong with the words behind "ask"; empty: nothing
+/// \return a description of what is wrong with the words after "ask"; empty if nothing is wrong
 std::string checkQuestion(const Words& acrWords)
 {
     bool lTakesArgument = false;
     if (acrWords.empty()) {
-        return "ask what?";
+        return "ask needs a question";
     }
     if (!findVerb(acrWords[0], lTakesArgument)) {
         return "cannot ask " + acrWords[0];
@@ -405,13 +406,13 @@ int run(Words& arWords)
     }
     const std::string lCommand = arWords.front();
     arWords.erase(arWords.begin());
-    lWrong = takeOptions(arWords, lOptions);  // options may stand behind the command as well
+    lWrong = takeOptions(arWords, lOptions);  // options may also follow the command
     if (lWrong.empty() && lOptions.mHelp) {
         return usage();
     }
     const bool lStart = "start" == lCommand;
     if (lWrong.empty() && (lOptions.mDetach || (!lStart && !lOptions.mLogFile.empty()))) {
-        lWrong = "this option is not for " + lCommand;
+        lWrong = "this option is not valid for " + lCommand;
     }
     if (lWrong.empty()) {
         if ("ask" == lCommand) {
@@ -419,13 +420,13 @@ int run(Words& arWords)
         } else if (!lStart && "stop" != lCommand) {
             lWrong = "unknown command " + lCommand;
         } else if (!arWords.empty()) {
-            lWrong = lCommand + " takes no further words";
+            lWrong = lCommand + " takes no further arguments";
         }
     }
     if (!lWrong.empty()) {
         return wrongWords(lWrong);
     }
-    // A failure is told in one line of this program; the layer's own lines are for those who want to see them all.
+    // This program prints one line for a failure. The layer's own log lines appear only with --trace.
     SetLogLevels(lOptions.mTrace ? OQLL_Halt | OQLL_Error | OQLL_Information | OQLL_Trace : 0);
     return lStart               ? start(lOptions)
            : "stop" == lCommand ? stop(lOptions)
@@ -446,7 +447,7 @@ int main(int aCount, char** apWords)
     Words lWords(apWords + 1, apWords + aCount);
     try {
         const int lStatus = run(lWords);
-        // A full disk shows when the output is flushed.
+        // The flush detects a full disk.
         if (0 == lStatus && 0 != fflush(stdout)) {
             return fail(("cannot print: " + systemError()).c_str());
         }

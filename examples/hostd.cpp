@@ -1,8 +1,8 @@
 // hostd: a small daemon that answers questions about its host.
 //
-// The main thread reads requests from a FIFO and puts them into a queue; one worker thread takes them out and sends the
-// answers through a shared-memory mailbox. Everything the daemon makes is owned by an object whose destructor removes
-// it: what was made last goes first, on a failed start as on an ordered end.
+// The main thread reads requests from a FIFO and puts them into a queue. One worker thread takes them out and sends the
+// answers through a shared-memory mailbox. An object owns each resource, and its destructor removes the resource.
+// Resources are therefore removed in reverse order, after a failed start as well as at a normal end.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -36,19 +36,19 @@ namespace
 
 const unsigned int cUsualLevels = OQLL_Halt | OQLL_Error | OQLL_Information;
 const unsigned int cAllLevels = cUsualLevels | OQLL_Trace;
-const unsigned int cIdleSeconds = 1;  // how long an end that was asked for may go unnoticed
-const unsigned int cMostErrors = 30;  // error lines of one minute
+const unsigned int cIdleSeconds = 1;  // longest delay until a requested end is noticed
+const unsigned int cMostErrors = 30;  // error lines per minute
 
 const char* const cUsage = "usage: hostd [--name NAME] [--trace] [--log FILE] [--detach]\n";
 
 // ---- Log ------------------------------------------------------------------------------------------------------------
 
-std::atomic<unsigned int> sErrors(0);  // error lines of this minute
+std::atomic<unsigned int> sErrors(0);  // error lines in the current minute
 
 unsigned int levelsOf(const Options& acrOptions) { return acrOptions.mTrace ? cAllLevels : cUsualLevels; }
 
-/// Requests and garbage come at any rate, but lines about them must not fill the disk. The levels silence the layer's
-/// own lines as well.
+/// Limits the error lines per minute. Valid and invalid requests can arrive at any rate, and lines about them must not
+/// fill the disk. The log levels also silence the layer's own lines.
 void countError()
 {
     if (cMostErrors == ++sErrors) {
@@ -58,7 +58,7 @@ void countError()
     }
 }
 
-/// Begins a new minute when the last one is over; on the main thread.
+/// Begins a new minute when the last one is over. Called on the main thread.
 void resumeLog(const Options& acrOptions)
 {
     typedef std::chrono::steady_clock Clock;
@@ -70,13 +70,14 @@ void resumeLog(const Options& acrOptions)
     }
 }
 
-/// A write to the log or to standard error never waits, not even one by a command of the daemon: a reader that stalls
-/// misses lines, and the daemon still ends when it is asked to.
+/// Makes writes to the log and to standard error non-blocking, also for the commands that the daemon runs. A reader
+/// that stalls misses lines, but the daemon can still end when requested.
 void openLog(const Options& acrOptions)
 {
     const int lFlags = O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    if (!acrOptions.mDetach) {  // a detached daemon gives standard error up as soon as it is ready
-        // The flag belongs to the open file, which the starter shares. Only a socket cannot be opened again.
+    if (!acrOptions.mDetach) {  // a detached daemon closes standard error once it is ready
+        // The flag belongs to the open file description, which the starting process shares, so the file is opened
+        // again. Sockets are the only files that cannot be opened again.
         const int lOwn = ClibOpen("/proc/self/fd/2", lFlags, 0);
         if (0 <= lOwn) {
             dup2(lOwn, STDERR_FILENO);
@@ -104,12 +105,13 @@ volatile sig_atomic_t sEndRequested = 0;
 
 void requestEnd(int) { sEndRequested = 1; }
 
-/// A signal that must not end the process but is to have its usual effect on the commands that the daemon runs: unlike
-/// an ignored signal, a handled one is not handed on to another program.
+/// Handler for signals that must not end the daemon. The signals keep their default effect on the commands that the
+/// daemon runs: a new program inherits ignored signals but not handlers.
 void takeNote(int) {}
 
-/// Signals end calls of the thread they hit, and those are not restarted. Only the main thread, which expects it, is to
-/// be hit: it blocks them while it starts the worker, which inherits that, and lets them in when all is set up.
+/// Blocks or unblocks signals. A signal interrupts a call of the thread that receives it, and the call is not
+/// restarted. Only the main thread is prepared for that. It blocks the signals while it starts the worker, which
+/// inherits the blocked signals, and unblocks them when everything is set up.
 void setSignalsBlocked(bool aBlocked)
 {
     sigset_t lSignals;
@@ -121,8 +123,8 @@ void setSignalsBlocked(bool aBlocked)
 
 // ---- What the daemon owns -------------------------------------------------------------------------------------------
 
-/// The lock that keeps a second daemon of this name out. Whoever holds the lock on the named file owns all files of the
-/// name, and the segment.
+/// The lock that excludes a second daemon of this name. The process that holds the lock on the named file owns all
+/// files of that name, and the segment.
 class Instance
 {
 public:
@@ -131,13 +133,14 @@ public:
         if (!mLock.tryLock(LockedFile::Create)) {
             throw std::runtime_error("another hostd of this name is running");
         }
-        // The file of a daemon that was killed still names that daemon.
+        // The file of a killed daemon still contains that daemon's process id.
         if (ftruncate(mLock.descriptor(), 0) < 0) {
             throw std::runtime_error(std::string("cannot empty ") + mPath.get() + ": " + systemError());
         }
     }
 
-    /// Removed while it is locked: whoever opened it before finds, once it has the lock, that the name is gone.
+    /// Removes the file while it is locked. A process that opened it earlier finds, once it gets the lock, that the
+    /// name is gone.
     ~Instance()
     {
         if (ownsName()) {
@@ -150,21 +153,21 @@ public:
 
     bool isNamed() const { return mLock.isStillNamed(); }
 
-    /// Whether the files are still this daemon's to remove. When a cleaner has removed the lock file, a second daemon may
-    /// have started and made its own: unless it holds the new lock, this one takes it.
+    /// Returns whether this daemon may still remove the files. If a cleanup program has removed the lock file, a second
+    /// daemon may have started with a new lock file. If no process holds the new lock, this daemon takes it.
     bool ownsName()
     {
         if (mOwned && !mLock.isStillNamed()) {
             try {
                 mOwned = mLock.tryLock(LockedFile::Create);
             } catch (const std::runtime_error&) {
-                // The directory is gone, so there is no second daemon.
+                // The directory is gone, so no second daemon exists.
             }
         }
         return mOwned;
     }
 
-    /// Tells everybody the process id, and thereby that requests are served.
+    /// Writes the process id into the file, which tells the tools that the daemon is ready.
     void markReady() const
     {
         char lLine[32];
@@ -180,7 +183,7 @@ private:
     bool mOwned;
 };
 
-/// The file by whose lock tools take turns. The daemon only makes and removes it.
+/// The file whose lock gives tools their turns. The daemon only creates and removes it.
 class TurnFile
 {
 public:
@@ -206,7 +209,7 @@ private:
     Instance& mInstance;
 };
 
-/// The FIFO through which requests come.
+/// The FIFO for requests.
 class RequestPipe
 {
 public:
@@ -217,7 +220,7 @@ public:
         } catch (const OQCCreateFailedEx& acrFailure) {
             throw std::runtime_error(std::string("cannot make ") + mPath.get() + ": " + acrFailure.what());
         }
-        // That call accepts any existing file. Only a FIFO can be one that a killed daemon has left.
+        // OsNamedPipeCreate accepts any existing file. Only a FIFO can be the file that a killed daemon left.
         struct stat lInfo;
         if (lstat(mPath.get(), &lInfo) < 0 || !S_ISFIFO(lInfo.st_mode)) {
             throw std::runtime_error(std::string(mPath.get()) + " exists and is no FIFO");
@@ -229,7 +232,7 @@ public:
             throw std::runtime_error(std::string("cannot open ") + mPath.get() + ": " + lError);
         }
         checkOwnFifo(mPipe, mPath);
-        fcntl(mPipe, F_SETFD, FD_CLOEXEC);  // commands that the daemon runs have no business with it
+        fcntl(mPipe, F_SETFD, FD_CLOEXEC);  // the commands that the daemon runs must not inherit it
     }
     ~RequestPipe()
     {
@@ -243,13 +246,13 @@ public:
 
     bool isNamed() const { return ::isNamed(mPipe, mPath); }
 
-    /// Waits for bytes and hands them to the parser; returns without any when none come within the idle time.
+    /// Waits for bytes and passes them to the parser. Returns when no bytes arrive within the idle time.
     void read(RequestParser& arParser) const
     {
         try {
             OsNamedPipeWaitForActivity(mPipe, cIdleSeconds);
         } catch (const OQCTimeOutEx&) {
-            return;  // nobody asks anything: the usual case
+            return;  // no request: the usual case
         }
         unsigned char lBytes[4096];
         unsigned int lDone = 0;
@@ -263,7 +266,7 @@ private:
     int mPipe;
 };
 
-/// The segment through which answers go.
+/// The segment for answers.
 class Mailbox
 {
 public:
@@ -275,8 +278,8 @@ public:
         try {
             OsSharedMemoryOpen(mSegment, OQCM_Server);
         } catch (const OQCException& acrFailure) {
-            // A failed open undoes nothing: the segment may have been made, and then it is to be removed. The layer
-            // removes only segments that were opened.
+            // A failed open does not undo its steps. The segment may already exist and must then be removed here,
+            // because the layer removes only segments that were opened.
             if (isOwnSegment(mSegment.shm_id)) {
                 shmctl(mSegment.shm_id, IPC_RMID, NULL);
             } else if (0 <= mSegment.shm_id) {
@@ -284,7 +287,7 @@ public:
             }
             throw std::runtime_error(std::string("cannot open the mailbox: ") + acrFailure.what());
         }
-        if (!isOwnSegment(mSegment.shm_id)) {  // root's open accepts every segment
+        if (!isOwnSegment(mSegment.shm_id)) {  // an open by root accepts every segment
             OsSharedMemoryClose(mSegment, OQCM_Client);
             throw std::runtime_error(cForeign);
         }
@@ -292,7 +295,7 @@ public:
     ~Mailbox()
     {
         try {
-            // A client's close leaves the segment in place.
+            // A close as client does not remove the segment.
             OsSharedMemoryClose(mSegment, mInstance.ownsName() ? OQCM_Server : OQCM_Client);
         } catch (const OQCException& acrFailure) {
             HOSTD_ERROR("cannot close the mailbox: %s", acrFailure.what());
@@ -313,7 +316,7 @@ private:
 
 // ---- The two threads ------------------------------------------------------------------------------------------------
 
-/// Answers what is in the queue, on a thread of its own. Nobody else writes into the mailbox.
+/// Answers the queued requests on a separate thread. Only this thread writes into the mailbox.
 class Worker
 {
 public:
@@ -338,7 +341,7 @@ public:
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    /// Whether the worker has met a failure after which the daemon is to end.
+    /// Returns whether a failure of the worker requires the daemon to end.
     bool isHalted() const { return mHalted; }
 
 private:
@@ -361,12 +364,12 @@ private:
 
     void halt(const char* acReason)
     {
-        SetLogLevels(cUsualLevels);  // many errors may have silenced the log
+        SetLogLevels(cUsualLevels);  // the error limit may have silenced the log
         HOSTD_ERROR("the worker halts: %s", acReason);
         mHalted = true;
     }
 
-    /// One answer. Only failures of the halt family, or exhausted memory, get out of here.
+    /// Answers one request. Only OQCHaltEx and memory exhaustion leave this function.
     void serve(const Job& acrJob)
     {
         const char* const lpToken = acrJob.mRequest.mToken.c_str();
@@ -403,7 +406,7 @@ private:
     unsigned long mThread;
 };
 
-/// Puts what the parser finds into the queue; on the main thread.
+/// Puts the parser's results into the queue. Runs on the main thread.
 class Intake : public RequestSink
 {
 public:
@@ -430,7 +433,7 @@ private:
 
 // ---- Start and end --------------------------------------------------------------------------------------------------
 
-/// Lets go of what belongs to the starter, which may be waiting for the end of this process's output.
+/// Closes the standard streams of the starting process, which may be waiting for the end of this process's output.
 void detachDescriptors(int aNull)
 {
     for (const int lDescriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -442,21 +445,21 @@ void detachDescriptors(int aNull)
 int serve(const Options& acrOptions)
 {
     setSignalsBlocked(true);
-    // Until the daemon is ready, its starter gets one line that says what went wrong. Log lines on standard error would
-    // only repeat it.
+    // Until the daemon is ready, it reports a failure by one line on standard error. Log lines there would only repeat
+    // the failure.
     SetLogLevels(0);
     RegisterSignalHandler(SIGTERM, requestEnd);
     RegisterSignalHandler(SIGINT, requestEnd);
-    RegisterSignalHandler(SIGPIPE, takeNote);  // a log that nobody reads any more
-    RegisterSignalHandler(SIGXFSZ, takeNote);  // a log that is as large as a file may become
+    RegisterSignalHandler(SIGPIPE, takeNote);  // a log whose reader has gone
+    RegisterSignalHandler(SIGXFSZ, takeNote);  // a log at the size limit of files
     openLog(acrOptions);
     const int lNull = ClibOpen("/dev/null", O_RDWR | O_CLOEXEC, 0);
     if (lNull < 0) {
         throw std::runtime_error("cannot open /dev/null: " + systemError());
     }
     if (acrOptions.mDetach) {
-        setsid();              // fails for the leader of a group, which nobody started to be detached
-        if (chdir("/") < 0) {  // the starter's directory is not kept in use
+        setsid();              // fails for a process-group leader, which was not started as a detached daemon
+        if (chdir("/") < 0) {  // do not keep the starter's directory in use
             throw std::runtime_error("cannot change to /: " + systemError());
         }
     }

@@ -1,5 +1,5 @@
-// Two processes talk through a shared-memory mailbox: this program starts itself again as the client, which sends one
-// message; the server waits for it, prints it and removes the mailbox.
+// Two processes communicate through a shared-memory mailbox. This program is the server and starts itself again as the
+// client. The client sends one message. The server waits for the message, prints it and removes the mailbox.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -11,10 +11,10 @@
 
 static int client(key_t aKey)
 {
-    OQShmDesc lMailbox = {aKey, 256, -1, NULL};  // the same key and size on both sides
+    OQShmDesc lMailbox = {aKey, 256, -1, NULL};  // both sides use the same key and size
     OsSharedMemoryOpen(lMailbox, OQCM_Client);
     const unsigned char cMessage[] = "hello from the other process";
-    unsigned int lWritten = 0;  // stays 0 when the write is cancelled because a side is missing
+    unsigned int lWritten = 0;  // stays 0 if the write is cancelled because a side is missing
     OsSharedMemoryWrite(lMailbox, cMessage, sizeof cMessage, lWritten);
     OsSharedMemoryClose(lMailbox, OQCM_Client);
     return sizeof cMessage == lWritten ? 0 : 1;
@@ -30,7 +30,7 @@ static int startClient(key_t aKey)
         return ProcessCreate("/proc/self/exe", lArguments, environ);
     } catch (const OQCProcessCreationFailedEx&) {
         if (getpid() != lServer) {
-            _exit(127);  // a program that cannot be run fails in the child, which must not go on as a second server
+            _exit(127);  // the child could not run the program and must not continue as a second server
         }
         throw;
     }
@@ -39,7 +39,7 @@ static int startClient(key_t aKey)
 static void receive(OQShmDesc& arMailbox)
 {
     OsSharedMemoryWaitForActivity(arMailbox, 5);
-    unsigned char lMessage[250];  // the segment less the layer's header of 6 bytes
+    unsigned char lMessage[250];  // the segment without the 6-byte header
     unsigned int lLength = 0;
     OsSharedMemoryRead(arMailbox, lMessage, sizeof lMessage, lLength);
     printf("%.*s\n", static_cast<int>(lLength), reinterpret_cast<char*>(lMessage));
@@ -51,7 +51,7 @@ static int server(key_t aKey)
     try {
         OsSharedMemoryOpen(lMailbox, OQCM_Server);
     } catch (const OQCException&) {
-        shmctl(lMailbox.shm_id, IPC_RMID, NULL);  // an open that fails leaves the segment that it has made
+        shmctl(lMailbox.shm_id, IPC_RMID, NULL);  // a failed open does not remove the segment that it created
         throw;
     }
     int lStatus = 1;
@@ -62,7 +62,7 @@ static int server(key_t aKey)
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "quickstart: %s\n", acrFailure.what());
     }
-    OsSharedMemoryClose(lMailbox, OQCM_Server);  // removes the segment, also after a failure
+    OsSharedMemoryClose(lMailbox, OQCM_Server);  // removes the segment, even after a failure
     return lStatus;
 }
 

@@ -1,4 +1,4 @@
-// noted DIRECTORY: adds what is written into DIRECTORY/in to DIRECTORY/notes, until it is asked to end (SIGTERM).
+// noted DIRECTORY: copies data from the FIFO DIRECTORY/in to the file DIRECTORY/notes. Ends on SIGTERM.
 
 #include <OQLinux.h>
 #include <fcntl.h>
@@ -14,28 +14,28 @@ static volatile sig_atomic_t sEndRequested = 0;
 
 static void requestEnd(int) { sEndRequested = 1; }
 
-/// What the layer reports only by a value becomes an exception here, with the text of errno.
+/// Returns the descriptor. Throws OQCOpenFailedEx with the text of errno if the descriptor is negative.
 static int opened(int aDescriptor)
 {
     if (aDescriptor < 0) {
         char lText[256];
         throw OQCOpenFailedEx(ClibStrerror(lText, sizeof lText), OQErrorCode<OQCOpenFailedEx>::value);
     }
-    fcntl(aDescriptor, F_SETFD, FD_CLOEXEC);  // not for programs that are started
+    fcntl(aDescriptor, F_SETFD, FD_CLOEXEC);  // started programs do not inherit it
     return aDescriptor;
 }
 
-/// The FIFO, made on the way in and removed on the way out, also when it cannot be opened.
+/// The FIFO. The constructor creates it and the destructor removes it. It is also removed when it cannot be opened.
 class Pipe
 {
 public:
     explicit Pipe(const std::string& acrPath) : mPath(acrPath.c_str()), mPipe(-1)
     {
-        OsNamedPipeCreate(mPath, mPipe);  // whatever has that name is left as it is
+        OsNamedPipeCreate(mPath, mPipe);  // leaves an existing file unchanged
         struct stat lInfo;
         ClibStat(mPath.get(), &lInfo);
         if (!S_ISFIFO(lInfo.st_mode)) {
-            throw OQCCreateFailedEx("the file is there and is no FIFO", OQErrorCode<OQCCreateFailedEx>::value);
+            throw OQCCreateFailedEx("the file exists and is not a FIFO", OQErrorCode<OQCCreateFailedEx>::value);
         }
         OsNamedPipeOpen(mPipe, mPath, OQFM_Mode1, OQPS_NonBlocking, OQCM_Server);
         try {
@@ -53,7 +53,7 @@ public:
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
 
-    /// \return how many bytes came within a second
+    /// Waits up to one second for data. \return the number of bytes read
     unsigned int read(unsigned char* apBuffer, unsigned int aSize) const
     {
         unsigned int lLength = 0;
@@ -61,7 +61,7 @@ public:
             OsNamedPipeWaitForActivity(mPipe, 1);
             OsNamedPipeRead(mPipe, apBuffer, aSize, lLength);
         } catch (const OQCTimeOutEx&) {
-            // nobody writes: the usual case
+            // no data: the usual case
         }
         return lLength;
     }
@@ -74,7 +74,7 @@ private:
 static void serve(const std::string& acrDirectory)
 {
     const int lNotes = opened(ClibOpen((acrDirectory + "/notes").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640));
-    OsLockFile(lNotes);  // one daemon a directory; the system frees the lock when this process ends
+    OsLockFile(lNotes);  // one daemon per directory; the system releases the lock when this process ends
     const Pipe lPipe(acrDirectory + "/in");
     NOTED_LOG(OQLL_Information, "-I-", "ready");
     while (0 == sEndRequested) {
@@ -99,7 +99,7 @@ int main(int aCount, char** apWords)
         serve(apWords[1]);
         return 0;
     } catch (const OQCFileLockFailedEx&) {
-        fprintf(stderr, "noted: another one serves %s\n", apWords[1]);
+        fprintf(stderr, "noted: another process serves %s\n", apWords[1]);
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "noted: %s (%u)\n", acrFailure.what(), acrFailure.code());
     }

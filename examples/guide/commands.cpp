@@ -1,4 +1,4 @@
-// Runs a command. Its exit status is not reported and a last line without a newline is lost, so the command tells both.
+// Runs a command. OsExecute reports no exit status and drops a last line without a newline. The command prints both.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -7,7 +7,7 @@
 
 static bool run(const std::string& acrCommand)
 {
-    // The blank line ends whatever the command left unended; the last line is its status.
+    // The added newline completes an unfinished last line. The last line printed is the exit status.
     OQCList<OQCString> lLines;
     OsExecute(("(" + acrCommand + "\n) 2>&1; printf '\\n%d\\n' $?").c_str(), lLines);
     std::string lStatus = "no shell";  // a command that could not be started adds no line

@@ -1,4 +1,4 @@
-// Wait in a loop that tests the predicate under the mutex; after a time-out the mutex is held, as after every wait.
+// Wait in a loop that tests the predicate under the mutex. After every wait, even a time-out, the mutex is held.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -16,7 +16,7 @@ static void* openDoor(void* apDoor)
     try {
         OsLockMutex(lrDoor.mMutex);
         lrDoor.mOpen = true;
-        OsSignal(lrDoor.mChanged);  // wakes one waiter; there is no operation that wakes all
+        OsSignal(lrDoor.mChanged);  // wakes one waiter; no operation wakes all waiters
         OsUnlockMutex(lrDoor.mMutex);
     } catch (const OQCHaltEx& acrFailure) {
         fprintf(stderr, "the door cannot be opened, halting: %s\n", acrFailure.what());
@@ -29,11 +29,11 @@ static bool waitUntilOpen(Door& arDoor, unsigned int aSeconds)
 {
     OsLockMutex(arDoor.mMutex);
     try {
-        while (!arDoor.mOpen) {  // a wake-up may be spurious; each call waits the full time anew
+        while (!arDoor.mOpen) {  // a wake-up may be spurious; each call waits the full time again
             OsConditionalTimedWait(arDoor.mChanged, arDoor.mMutex, aSeconds);
         }
     } catch (const OQCTimeOutEx&) {
-        // Nobody came. The mutex is held here, too.
+        // The door stayed shut. The mutex is held here, too.
     }
     const bool lOpen = arDoor.mOpen;
     OsUnlockMutex(arDoor.mMutex);

@@ -1,10 +1,10 @@
-// Who the host is. A host may have no address but loopback: that is an exception, not an address of 0.
+// The identity of the host. A host may have only loopback addresses. That is an exception, not an address of 0.
 
 #include <OQCompanionSettings.h>
 #include <OQLinux.h>
 #include <stdio.h>
 
-static void tellAddress()
+static void printAddress()
 {
     unsigned int lAddress = 0;
     try {
@@ -17,13 +17,13 @@ static void tellAddress()
 
 int main()
 {
-    SetLogLevels(0);  // this program tells failures itself
+    SetLogLevels(0);  // this program prints failures itself
     try {
         OQEOperatingSystem lSystem = OQOS_Linux;
         OQCString lRelease("");
         OsGetOsName(lSystem, lRelease);
         printf("system: %d\nrelease: %s\n", lSystem, lRelease.get());
-        tellAddress();
+        printAddress();
         return 0;
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "host: %s (%u)\n", acrFailure.what(), acrFailure.code());

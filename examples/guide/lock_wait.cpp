@@ -1,4 +1,4 @@
-// Waits for a file lock. A failed OsLockFile logs an error line, so this asks first and locks what reads as unlocked.
+// Waits for a file lock. A failed OsLockFile logs an error line, so the program calls it only if the file is unlocked.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 /// \param[in] aFile open for writing
-/// \return whether this process got the lock within so many milliseconds
+/// \return whether this process got the lock within aMilliseconds
 static bool lockWithin(int aFile, unsigned int aMilliseconds)
 {
     for (unsigned int lWaited = 0;; ++lWaited) {
@@ -17,17 +17,17 @@ static bool lockWithin(int aFile, unsigned int aMilliseconds)
                 OsLockFile(aFile);
                 return true;
             } catch (const OQCFileLockFailedEx&) {
-                // Another process was quicker: one error line.
+                // Another process was faster. This logs one error line.
             }
         }
-        if (aMilliseconds <= lWaited) {  // a closed descriptor reads as locked for ever
+        if (aMilliseconds <= lWaited) {  // a closed descriptor is always reported as locked
             return false;
         }
         ClibSleepMS(1);
     }
 }
 
-/// The other process: holds the lock until the pipe from its parent ends.
+/// The other process: holds the lock until the parent closes its end of the pipe.
 [[noreturn]] static void holdLock(int aFile, int aReady, int aEnd)
 {
     OsLockFile(aFile);

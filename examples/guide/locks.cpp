@@ -1,4 +1,4 @@
-// A file lock keeps other processes out, not other threads; it goes with the first descriptor of the file that closes.
+// A file lock excludes other processes, not other threads. Closing any descriptor of the file releases the lock.
 
 #include <OQLinux.h>
 #include <fcntl.h>
@@ -7,12 +7,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// What another process finds: it asks, and tells by its exit code.
+/// Returns the lock status that another process sees. A child gets the status and returns it as its exit code.
 static const char* seenByOthers(int aDescriptor)
 {
     const pid_t lChild = fork();
     if (lChild < 0) {
-        return "not to be told: no child";
+        return "unknown: no child";
     }
     if (0 == lChild) {
         OQEFileLockStatus lStatus = OQFLS_Locked;
@@ -31,12 +31,12 @@ int main()
         return 1;
     }
     try {
-        OsLockFile(lFile);  // does not wait: OQCFileLockFailedEx when another process was quicker
+        OsLockFile(lFile);  // does not wait; throws OQCFileLockFailedEx if another process holds the lock
         printf("held: %s\n", seenByOthers(lFile));
         OQEFileLockStatus lStatus = OQFLS_Locked;
         OsFileLockStatus(lFile, lStatus);
         printf("seen by its holder: %s\n", OQFLS_Locked == lStatus ? "locked" : "unlocked");
-        close(open(lPath, O_RDONLY));  // somebody else in this process looks into the file
+        close(open(lPath, O_RDONLY));  // other code in this process reads the file
         printf("after a look into the file: %s\n", seenByOthers(lFile));
         OsUnlockFile(lFile);
     } catch (const OQCException& acrFailure) {

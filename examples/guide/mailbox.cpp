@@ -1,4 +1,4 @@
-// The states of a mailbox, both sides in one program: what a write and a read do in each.
+// What a write and a read do in each state of a mailbox. Both sides are in one program.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -28,11 +28,11 @@ static void take(OQShmDesc& arSide)
 
 int main()
 {
-    OQShmDesc lServer = {getpid(), 64, -1, NULL};  // key and size are agreed on; 64 bytes, 6 of them the header
+    OQShmDesc lServer = {getpid(), 64, -1, NULL};  // the same key and size on both sides; 6 of 64 bytes: header
     OQShmDesc lClient = lServer;
     try {
         OsSharedMemoryOpen(lServer, OQCM_Server);
-        put(lServer);  // cancelled: there is no client yet
+        put(lServer);  // cancelled: no client has opened the mailbox yet
         OsSharedMemoryOpen(lClient, OQCM_Client);
         take(lClient);  // Empty
         put(lServer);
@@ -45,7 +45,7 @@ int main()
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "mailbox: %s (%u)\n", acrFailure.what(), acrFailure.code());
         if (0 <= lServer.shm_id) {
-            shmctl(lServer.shm_id, IPC_RMID, NULL);  // a failed open leaves the segment that it made
+            shmctl(lServer.shm_id, IPC_RMID, NULL);  // a failed open does not remove the segment that it created
         }
         return 1;
     }

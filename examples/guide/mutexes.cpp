@@ -1,4 +1,4 @@
-// A try-lock has no busy result: a mutex that is held is an exception, and it is also an OQCHaltEx.
+// A try-lock has no result value for a busy mutex. It throws an exception that is also an OQCHaltEx.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -26,7 +26,7 @@ int main()
         OsDestroyMutex(lMutex);
         return 0;
     } catch (const OQCHaltEx& acrFailure) {
-        fprintf(stderr, "a lock cannot be relied on, halting: %s\n", acrFailure.what());
+        fprintf(stderr, "a lock is unreliable, halting: %s\n", acrFailure.what());
         return 2;
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "%s (%u)\n", acrFailure.what(), acrFailure.code());

@@ -1,5 +1,5 @@
-// A companion runtime of the host's own: every name that the layer leaves unresolved, and nothing else. Its log is one
-// short line on standard output, without trace lines.
+// A host's own companion runtime. It defines every name that the layer leaves unresolved, and nothing else. It logs
+// short lines to standard output and skips trace lines.
 
 #include <OQLinux.h>
 #include <arpa/inet.h>
@@ -13,13 +13,13 @@
 
 #include <fstream>
 
-// ---- The log: keeps errno, throws nothing, holds no lock, is one write a line ---------------------------------------
+// ---- The log: preserves errno, throws nothing, takes no lock, writes each line with one call ------------------------
 
 void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int, const char* acFunction,
                                   const char*, const char* acFormat, ...)
 {
     if (OQLL_Trace == aLevel) {
-        return;  // first of all: a traced operation asks this twice and more
+        return;  // tested first, because a traced operation logs at least two trace lines
     }
     const int lErrno = errno;
     char lLine[1024];
@@ -28,7 +28,7 @@ void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsign
     va_start(lArguments, acFormat);
     vsnprintf(lLine + lStart, sizeof lLine - static_cast<size_t>(lStart), acFormat, lArguments);
     va_end(lArguments);
-    size_t lLength = strcspn(lLine, "\n");  // assertion lines bring a line feed; a cut line has none
+    size_t lLength = strcspn(lLine, "\n");  // assertion messages end with a line feed; a truncated line has none
     lLine[lLength++] = '\n';
     const ssize_t lIgnored = write(STDOUT_FILENO, lLine, lLength);
     static_cast<void>(lIgnored);
@@ -37,8 +37,8 @@ void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsign
 
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
-    const int lErrno = errno;  // kept: the layer takes the text, logs a line and takes the text again
-    const char* const lpText = strerrordesc_np(lErrno);  // not strerror(): that may take a lock
+    const int lErrno = errno;  // preserved: the layer gets the text, logs a line and gets the text again
+    const char* const lpText = strerrordesc_np(lErrno);  // not strerror(), which may take a lock
     if (NULL != lpText) {
         snprintf(apBuffer, aSize, "%s", lpText);
     } else {
@@ -52,7 +52,7 @@ char* ClibStrerror(char* apBuffer, unsigned int aSize)
 
 OQCException::OQCException(const char* acMessage, unsigned int aCode) noexcept : mCode(aCode)
 {
-    snprintf(mMessage, sizeof mMessage, "%s", acMessage);  // cuts at 255 characters
+    snprintf(mMessage, sizeof mMessage, "%s", acMessage);  // truncates to 255 characters
 }
 OQCException::~OQCException() {}
 
@@ -61,20 +61,20 @@ OQCReferenceCount::~OQCReferenceCount() {}
 void OQCReferenceCount::increment() { ++mCount; }
 unsigned int OQCReferenceCount::decrement() { return --mCount; }
 
-// ---- Wrappers. Two throw; the others report as the functions that they wrap -----------------------------------------
+// ---- Wrappers. Two throw; the others report failures as the wrapped functions do ------------------------------------
 
 template <class Leaf>
 [[noreturn]] static void throwErrorText()
 {
     char lText[512];
-    const char* const lpText = ClibStrerror(lText, sizeof lText);  // "throw" allocates, which may change errno
+    const char* const lpText = ClibStrerror(lText, sizeof lText);  // before the throw, which may change errno
     throw Leaf(lpText, OQErrorCode<Leaf>::value);
 }
 
 unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream)
 {
     const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
-    if (0 != ferror(apStream)) {  // also when items arrived before the error
+    if (0 != ferror(apStream)) {  // even if items arrived before the error
         throwErrorText<OQCReadFailedEx>();
     }
     return static_cast<unsigned int>(lItems);
@@ -139,7 +139,7 @@ int ClibSprintf(char* apBuffer, const char* acFormat, ...)
 
 char* ClibStrcpy(char* apDestination, const char* acSource)
 {
-    memmove(apDestination, acSource, strlen(acSource) + 1);  // the two may be one
+    memmove(apDestination, acSource, strlen(acSource) + 1);  // the layer may pass the same address twice
     return apDestination;
 }
 

@@ -1,11 +1,11 @@
-// A host that carries its own companion runtime (own_companion.cpp) and is linked with libOQLinux.so alone.
+// A host that contains its own companion runtime (own_companion.cpp) and links only libOQLinux.so.
 
 #include <OQLinux.h>
 #include <stdio.h>
 
 int main()
 {
-    setvbuf(stdout, NULL, _IONBF, 0);  // this program's lines and those of its log, in their order
+    setvbuf(stdout, NULL, _IONBF, 0);  // unbuffered, so that output and log lines appear in order
     try {
         OsWaitForActivity(-2, 0);
     } catch (const OQCPipeWaitFailedEx& acrFailure) {

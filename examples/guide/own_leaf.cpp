@@ -1,4 +1,4 @@
-// An exception class of the host's own, below a family of the layer: handlers for the family and the root catch it, too.
+// A host's own exception class below a family of the layer. Handlers for the family and for the root also catch it.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -18,7 +18,7 @@ static void readSettings(const char* acPath)
     FILE* const lpFile = fopen(acPath, "r");
     if (NULL == lpFile) {
         char lBuffer[256];
-        const char* const lpText = ClibStrerror(lBuffer, sizeof lBuffer);  // first: "throw" may change errno
+        const char* const lpText = ClibStrerror(lBuffer, sizeof lBuffer);  // before the throw, which may change errno
         throw SettingsFailedEx(lpText);
     }
     fclose(lpFile);

@@ -1,4 +1,4 @@
-// Pipes tell failures by what they leave untouched: a descriptor of -1, a count of 0.
+// A failed pipe operation leaves its out-parameter unchanged. Initialise a descriptor to -1 and a count to 0.
 
 #include <OQLinux.h>
 #include <fcntl.h>
@@ -16,7 +16,7 @@ static bool talk(const OQCString& acrPath)
         perror("pipes: open");  // errno is that of the open
         return false;
     }
-    fcntl(lPipe, F_SETFD, FD_CLOEXEC);  // or programs that are started inherit it
+    fcntl(lPipe, F_SETFD, FD_CLOEXEC);  // otherwise started programs inherit it
     const unsigned char cMessage[] = "a message";
     unsigned int lWritten = 0;
     OsNamedPipeWrite(lPipe, cMessage, sizeof cMessage, lWritten);
@@ -25,7 +25,7 @@ static bool talk(const OQCString& acrPath)
         OsNamedPipeWaitForActivity(lPipe, 5);
         unsigned char lBuffer[64];
         unsigned int lRead = 0;
-        OsNamedPipeRead(lPipe, lBuffer, sizeof lBuffer, lRead);  // at most 64 bytes; perhaps fewer than were sent
+        OsNamedPipeRead(lPipe, lBuffer, sizeof lBuffer, lRead);  // at most 64 bytes; possibly fewer than were sent
         printf("%u of %u bytes: %s\n", lRead, lWritten, reinterpret_cast<char*>(lBuffer));
         OsNamedPipeWaitForActivity(lPipe, 0);  // a poll
     } catch (const OQCTimeOutEx& acrFailure) {
@@ -34,13 +34,13 @@ static bool talk(const OQCString& acrPath)
         fprintf(stderr, "pipes: %s (%u)\n", acrFailure.what(), acrFailure.code());
         lGood = false;
     }
-    OsNamedPipeClose(lPipe, OQCM_Server);  // the variable keeps the number, which is another file's sooner or later
+    OsNamedPipeClose(lPipe, OQCM_Server);  // the variable keeps the number, which another file will get later
     return lGood;
 }
 
 int main()
 {
-    char lDirectory[] = "/tmp/pipes-XXXXXX";  // of this user alone: nobody else plants a file there
+    char lDirectory[] = "/tmp/pipes-XXXXXX";  // private, so that no other user can create files in it
     if (NULL == mkdtemp(lDirectory)) {
         perror("pipes: mkdtemp");
         return 1;

@@ -1,22 +1,22 @@
-// A segment is made for everybody. A server that wants fewer peers takes the rights away before it tells anyone its key.
+// All users may access a new segment. A server that needs a private one restricts its mode before it shares the key.
 
 #include <OQLinux.h>
 #include <stdio.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
-/// \return whether the segment is this user's own, and nobody else is in it or can come
+/// \return whether this user owns the segment, and no other user has it attached or can attach it
 static bool makePrivate(const OQShmDesc& acrMailbox)
 {
     shmid_ds lState;
     if (shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0 || geteuid() != lState.shm_perm.cuid) {
-        return false;  // another user made it first, and a privileged server may open that
+        return false;  // another user created it; a privileged server may open it all the same
     }
     lState.shm_perm.mode = 0600;
     if (shmctl(acrMailbox.shm_id, IPC_SET, &lState) < 0 || shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0) {
         return false;
     }
-    return 1 == lState.shm_nattch;  // another one came in before the rights were gone, and would stay
+    return 1 == lState.shm_nattch;  // more than 1: a peer attached before the mode changed, and stays attached
 }
 
 int main()
@@ -27,8 +27,8 @@ int main()
         OsSharedMemoryOpen(lServer, OQCM_Server);
         const bool lPrivate = makePrivate(lServer);
         if (lPrivate) {
-            OsSharedMemoryOpen(lClient, OQCM_Client);  // the same user's programs still may
-            printf("private, and a client of the same user is in\n");
+            OsSharedMemoryOpen(lClient, OQCM_Client);  // programs of the same user still may attach
+            printf("private, and a client of the same user has it open\n");
             OsSharedMemoryClose(lClient, OQCM_Client);
         }
         OsSharedMemoryClose(lServer, OQCM_Server);

@@ -11,9 +11,9 @@ static int start(const char* acPath, char* const* apArguments)
         return ProcessCreate(acPath, apArguments, environ);
     } catch (const OQCProcessCreationFailedEx&) {
         if (getpid() != lSelf) {
-            _exit(127);  // the child: nothing else of this program may run twice
+            _exit(127);  // the child: no other code of this program may run twice
         }
-        throw;  // this program: no child could be made
+        throw;  // the parent: no child could be created
     }
 }
 
@@ -28,7 +28,7 @@ int main()
         printf("one that is not there: %d\n", ProcessWait(start("/no/such/program", lArguments), 0));
         const int lChild = start("/bin/sh", lArguments);
         printf("the same child, once: %d\n", ProcessWait(lChild, 0));
-        ProcessWait(lChild, 0);  // it was collected: throws
+        ProcessWait(lChild, 0);  // throws: the child has already been reaped
         return 1;
     } catch (const OQCProcessWaitFailedEx& acrFailure) {
         printf("and a second time: %s (%u)\n", acrFailure.what(), acrFailure.code());

@@ -1,4 +1,4 @@
-// A tool whose standard error is for failures alone: information lines, which are written by default, are switched off.
+// A tool that writes only failures to standard error. It disables information lines, which are enabled by default.
 
 #include <OQCompanionSettings.h>
 #include <OQLinux.h>
@@ -10,9 +10,9 @@ static void ignore(int) {}
 int main()
 {
     SetLogLevels(OQLL_Halt | OQLL_Error);
-    RegisterSignalHandler(SIGTERM, ignore);  // its "-I-" line is not written
+    RegisterSignalHandler(SIGTERM, ignore);  // writes no "-I-" line
     try {
-        OsLockFile(-1);  // its "-E-" line is
+        OsLockFile(-1);  // writes an "-E-" line
     } catch (const OQCFileLockFailedEx& acrFailure) {
         printf("no lock: %s\n", acrFailure.what());
     }

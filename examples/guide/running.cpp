@@ -1,4 +1,5 @@
-// Asks whether a program runs. The name reaches a shell and a buffer of fixed size: only a strict pattern may pass.
+// Checks whether a program runs. The name goes to a shell and into a fixed-size buffer, so it must match a strict
+// pattern.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -13,7 +14,7 @@ static bool isPlainName(const char* acName)
     return 0 != strspn(acName, cLetters) && strlen(acName) <= 15 && strspn(acName, cAllowed) == strlen(acName);
 }
 
-static void tell(const char* acName)
+static void report(const char* acName)
 {
     if (!isPlainName(acName)) {
         printf("%s: not asked\n", acName);
@@ -26,7 +27,7 @@ int main()
 {
     try {
         for (const char* lpName : {"guide_running", "no-such-program", "x; reboot", "-v"}) {
-            tell(lpName);
+            report(lpName);
         }
         return 0;
     } catch (const OQCException& acrFailure) {

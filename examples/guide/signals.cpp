@@ -1,4 +1,4 @@
-// A handler interrupts waits of the whole process. A thread that must not be interrupted blocks its signals.
+// A signal handler can interrupt a wait in any thread. A thread that must not be interrupted blocks signals.
 
 #include <OQLinux.h>
 #include <signal.h>
@@ -7,7 +7,7 @@
 
 static volatile sig_atomic_t sAsked = 0;
 
-static void askToEnd(int) { sAsked = 1; }  // a handler notes and returns: little else is safe in it
+static void askToEnd(int) { sAsked = 1; }  // sets a flag and returns: little else is safe in a handler
 
 class SignalsBlocked
 {
@@ -28,13 +28,13 @@ int main()
 {
     char lShell[] = "sh";
     char lOption[] = "-c";
-    char lScript[] = "kill -TERM $PPID; exit 3";  // a child that signals its parent while that waits for it
+    char lScript[] = "kill -TERM $PPID; exit 3";  // a child that signals its waiting parent
     char* lArguments[] = {lShell, lOption, lScript, NULL};
     const pid_t lSelf = getpid();
     try {
         RegisterSignalHandler(SIGTERM, askToEnd);
         const int lChild = ProcessCreate("/bin/sh", lArguments, environ);
-        const SignalsBlocked lBlocked;  // from here on; a child that inherited it could not be ended by them
+        const SignalsBlocked lBlocked;  // after the start, so that the child does not inherit the blocked signals
         printf("the child's exit code: %d\n", ProcessWait(lChild, 0));
     } catch (const OQCException& acrFailure) {
         if (getpid() != lSelf) {

@@ -1,4 +1,4 @@
-// A thread takes its work, and hands back its result, through its argument. No exception may leave its routine.
+// A thread gets its work and returns its result through its argument. No exception may leave its routine.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -6,7 +6,7 @@
 struct Work {
     unsigned int mUpTo;
     unsigned int mSum;
-    bool mDone;  // stays false when the routine failed
+    bool mDone;  // stays false if the routine fails
 };
 
 static void* add(void* apWork)
@@ -21,7 +21,7 @@ static void* add(void* apWork)
             lrWork.mSum += lNumber;
         }
         lrWork.mDone = true;
-    } catch (const OQCException& acrFailure) {  // not catch (...): that would also catch a request to end
+    } catch (const OQCException& acrFailure) {  // not catch (...), which would also catch a cancellation
         fprintf(stderr, "adding failed: %s\n", acrFailure.what());
     }
     return NULL;
@@ -33,7 +33,7 @@ int main()
     try {
         unsigned long lThread = 0;
         OsStartThread(lThread, &lWork, add);
-        OsWaitForExit(lThread);  // once for every thread; what it wrote may be read from here on
+        OsWaitForExit(lThread);  // exactly once per thread; its results may be read afterwards
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "%s (%u)\n", acrFailure.what(), acrFailure.code());
         return 1;

@@ -1,4 +1,4 @@
-// Two waits for the same pipe, one that finds nothing and one that finds data, with the trace on.
+// Two waits on the same pipe with the trace enabled. The first finds no data; the second finds data.
 
 #include <OQCompanionSettings.h>
 #include <OQLinux.h>
@@ -21,7 +21,7 @@ int main()
     }
     try {
         OsNamedPipeWaitForActivity(lEnds[0], 0);
-        OsLockFile(lEnds[0]);  // only what is open for writing can be locked
+        OsLockFile(lEnds[0]);  // fails: only a descriptor open for writing can be locked
     } catch (const OQCFileLockFailedEx& acrFailure) {
         printf("thrown: %s (%u)\n", acrFailure.what(), acrFailure.code());
     } catch (const OQCException& acrFailure) {

@@ -1,4 +1,4 @@
-// The value types: a text that is copied deeply, a list that is filled by the layer, a pointer that counts its holders.
+// The value types: a string with deep copies, a list that the layer fills, a pointer that counts its holders.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -19,7 +19,7 @@ int main()
             printf("%s\n", acrText.get());
         }
 
-        // What new finds no memory for is null, and the constructor says so: OQCNoMemoryEx.
+        // If the allocation fails, new returns null and the constructor throws OQCNoMemoryEx.
         Pointer<Part> lFirst(new (std::nothrow) Part, OQPST_Individual, OQPMT_New);
         {
             const Pointer<Part> lSecond(lFirst);

@@ -1,4 +1,4 @@
-// Waits for whatever has a descriptor. Every wait is bounded; 0 seconds is a poll.
+// Waits for any kind of descriptor. Every wait has a time limit; 0 seconds polls.
 
 #include <OQLinux.h>
 #include <stdio.h>
@@ -35,7 +35,7 @@ int main()
         perror("waiting: read");
         return 1;
     }
-    look(lEnds[0]);  // end of file is readable, too: the next read gives 0 bytes
+    look(lEnds[0]);  // end of file is readable: the next read returns 0 bytes
     close(lEnds[0]);
     look(lEnds[0]);
     return 0;
