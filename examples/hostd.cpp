@@ -458,7 +458,7 @@ int serve(const Options& acrOptions)
         throw std::runtime_error("cannot open /dev/null: " + systemError());
     }
     if (acrOptions.mDetach) {
-        setsid();              // fails for a process-group leader, which was not started as a detached daemon
+        setsid();              // fails only for a process-group leader, which a child of hostctl never is
         if (chdir("/") < 0) {  // do not keep the starter's directory in use
             throw std::runtime_error("cannot change to /: " + systemError());
         }

@@ -370,8 +370,8 @@ OQ_EXPORT void OsNamedPipeClose(int& arPipe, OQEConnectionMode aSide);
 ///
 /// | State    | data_ready | segment_free | write                        | read                  |
 /// |----------|------------|--------------|------------------------------|-----------------------|
-/// | Empty    | 0          | 1            | proceeds; state becomes Full | OQCTryAgainEx         |
-/// | Full     | 1          | 0            | waits at most 3 seconds      | proceeds; state becomes Empty |
+/// | Empty    | 0          | 1            | proceeds, becomes Full       | OQCTryAgainEx         |
+/// | Full     | 1          | 0            | waits at most 3 seconds      | proceeds, becomes Empty |
 /// | Changing | 0          | 0            | waits at most 3 seconds      | OQCTryAgainEx         |
 ///
 /// Every write and every read passes through Changing. If a process dies there, the mailbox stays in Changing until a
