@@ -9,13 +9,14 @@
 ///     2026-03-01T12:00:00.123456Z 4711 140245 -E- OsLockFile (.//MiscLinux:88) Failed to lock file, error: ...
 ///
 /// Its fields are: time (UTC), process id, handle of the writing thread as OsStartThread returns it, tag, function,
-/// file and line of the call, message. The runtime formats the line on the stack (about 9 KB) and writes it with one write(). Lines
-/// of several threads do not mix. Lines of several processes do not mix if the file is opened with O_APPEND. On a pipe,
-/// lines of up to 4096 bytes do not mix. A line feed inside the message is written as a blank, so one call gives one
-/// line. A line of more than 8192 bytes is truncated. A line that cannot be written (disk full, descriptor closed) is
-/// dropped silently, and so is the rest of a line that was written in part. errno is always preserved. After a partly
-/// written line, the next line of this process to the same descriptor begins with a line feed. A line that another
-/// thread writes at the same moment may still be appended to the partial line, or be followed by an empty line.
+/// file and line of the call, message. The runtime formats the line on the stack (about 9 KB) and writes it with
+/// one write(). Lines of several threads do not mix. Lines of several processes do not mix if the file is opened
+/// with O_APPEND. On a pipe, lines of up to 4096 bytes do not mix. A line feed inside the message is written as a
+/// blank, so one call gives one line. A line of more than 8192 bytes is truncated. A line that cannot be written
+/// (disk full, descriptor closed) is dropped silently, and so is the rest of a line that was written in part. errno
+/// is always preserved. After a partly written line, the next line of this process to the same descriptor begins
+/// with a line feed. A line that another thread writes at the same moment may still be appended to the partial
+/// line, or be followed by an empty line.
 ///
 /// A write to a pipe whose reader has gone raises SIGPIPE. A write to a file at the process's limit of file sizes
 /// (RLIMIT_FSIZE) raises SIGXFSZ. Both signals end the process unless it handles or ignores them; the line is then
