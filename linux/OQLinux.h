@@ -274,8 +274,9 @@ OQ_EXPORT void OsNamedPipeDestroy(const OQCString& acrPath, int& arPipe);
 /// \logs Traced; "Opening %s with %d flags". A refused mode logs "Invalid flags %d passed to open file", then "Left",
 /// before the throw. A file that cannot be opened adds no line.
 /// \threads Any. A cancellation point.
-/// \trap A failed open is not reported. Set arPipe to -1 before the call and test 0 <= arPipe after it. An open that waits
-/// for a peer also fails when a signal handler interrupts it. A wait on descriptor -1 does not fail; it times out.
+/// \trap A failed open is not reported. Set arPipe to -1 before the call and test 0 <= arPipe after it. An open
+/// that waits for a peer also fails when a signal handler interrupts it. A wait on descriptor -1 does not fail; it
+/// times out.
 OQ_EXPORT void OsNamedPipeOpen(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState,
                                OQEConnectionMode aSide);
 
@@ -374,10 +375,10 @@ OQ_EXPORT void OsNamedPipeClose(int& arPipe, OQEConnectionMode aSide);
 /// | Full     | 1          | 0            | waits at most 3 seconds      | proceeds, becomes Empty |
 /// | Changing | 0          | 0            | waits at most 3 seconds      | OQCTryAgainEx         |
 ///
-/// Every write and every read passes through Changing. If a process dies there, the mailbox stays in Changing until a
-/// server opens the segment again. A server that opens the segment again while a client writes can leave both flags set,
-/// or the state Full, with data_length 0. The next read then returns 0 bytes. When both flags are set, a write also
-/// proceeds and replaces the message.
+/// Every write and every read passes through Changing. If a process dies there, the mailbox stays in Changing until
+/// a server opens the segment again. A server that opens the segment again while a client writes can leave both
+/// flags set, or the state Full, with data_length 0. The next read then returns 0 bytes. When both flags are set, a
+/// write also proceeds and replaces the message.
 /// @{
 
 /// The first 6 bytes of every segment, in the host's byte order. The message follows directly. Two processes share the
@@ -425,8 +426,8 @@ OQ_EXPORT void OsSharedMemoryOpen(OQShmDesc& arShmDesc, OQEConnectionMode aSide)
 /// \throws OQCFileUnLockFailedEx 331, for the server, when the segment cannot be unlocked
 /// \logs Traced; no line before a throw.
 /// \threads Any, one at a time for one OQShmDesc.
-/// \trap When a server's call fails, the segment stays attached. After a server's close, a client that is still attached
-/// keeps a segment that no other process can open.
+/// \trap When a server's call fails, the segment stays attached. After a server's close, a client that is still
+/// attached keeps a segment that no other process can open.
 OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide);
 
 /// Waits until a message is in the slot. Tests the flag at once and then after every millisecond.
@@ -454,10 +455,10 @@ OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigne
 /// \logs Traced. The lines of the wait are logged as "sTimedWaitOnFlag". A cancelled write logs "Both Peers not ready..
 /// write would be canceled" (64, "-I-"). A time-out logs no "Left".
 /// \threads Any, one at a time for one OQShmDesc. A cancellation point.
-/// \trap A cancelled write throws nothing. Set arWritten to 0 before the call. A peer that has gone still counts as ready,
-/// because its flag is never cleared. Setting the clock changes the 3 seconds, as described for
-/// OsSharedMemoryWaitForActivity. With a shm_size below 6, the check of the length never fails, and the caller writes
-/// past the segment.
+/// \trap A cancelled write throws nothing. Set arWritten to 0 before the call. A peer that has gone still counts as
+/// ready, because its flag is never cleared. Setting the clock changes the 3 seconds, as described for
+/// OsSharedMemoryWaitForActivity. With a shm_size below 6, the check of the length never fails, and the caller
+/// writes past the segment.
 OQ_EXPORT void OsSharedMemoryWrite(OQShmDesc& arShmDesc, const unsigned char* acData, unsigned int acLength,
                                    unsigned int& arWritten);
 
@@ -573,13 +574,13 @@ OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 /// throws nothing else.
 /// \logs Traced; "Process '%s' is running" or "Process '%s' is not running".
 /// \threads One at a time, also across processes, because all callers share the result file. A cancellation point.
-/// \trap **The function passes the pattern to the shell unquoted and copies it unchecked into a buffer of 256 bytes.**
-/// Check names against a strict pattern first, such as 1 to 15 letters, digits, dots, underscores and hyphens, not
-/// starting with a hyphen. A part of a name also matches. Longer names match nothing; a dot matches any character. Error
-/// messages of the shell and of pgrep go to the host's standard error. If the caller cannot rewrite the result file, the
-/// existing file determines the result, so whoever can write the file decides the result. If the file is a FIFO, the
-/// call waits, possibly for ever, until a process reads from it. Examine the file with lstat() first, and call only when
-/// it is missing or a regular file.
+/// \trap **The function passes the pattern to the shell unquoted and copies it unchecked into a buffer of 256
+/// bytes.** Check names against a strict pattern first, such as 1 to 15 letters, digits, dots, underscores and
+/// hyphens, not starting with a hyphen. A part of a name also matches. Longer names match nothing; a dot matches
+/// any character. Error messages of the shell and of pgrep go to the host's standard error. If the caller cannot
+/// rewrite the result file, the existing file determines the result, so whoever can write the file decides the
+/// result. If the file is a FIFO, the call waits, possibly for ever, until a process reads from it. Examine the
+/// file with lstat() first, and call only when it is missing or a regular file.
 OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 
 /// @}
