@@ -1395,7 +1395,8 @@ TEST_F(Trouble, AnotherUsersLockFileIsRefused)
 TEST_F(Trouble, ADirectoryThatOthersMayEnterIsRefused)
 {
     const std::string lDirectory = mHost.directory() + "/shared";
-    ASSERT_EQ(0, mkdir(lDirectory.c_str(), 0755));
+    ASSERT_EQ(0, mkdir(lDirectory.c_str(), 0700));
+    ASSERT_EQ(0, chmod(lDirectory.c_str(), 0755));  // whatever the umask
     const auto lExpect = [&](const std::string& acrPath, const std::string& acrLine) {
         const auto lPrepare = [&] { setenv("XDG_RUNTIME_DIR", acrPath.c_str(), 1); };
         Host::expectFailed("hostctl: " + acrLine, Process(mHost.words({"stop"}), NULL, lPrepare).finish());
