@@ -109,7 +109,7 @@ TEST_F(KitTest, EventsOfAChildAreThereWhenItIsKilled)
     if (0 == lChild) {
         const Recording lRecording;
         pthread_mutex_lock(&mMutex);
-        kill(getpid(), SIGKILL);
+        raise(SIGKILL);
     }
     waitpid(lChild, &lStatus, 0);
     recordEnd(lStatus);
@@ -188,7 +188,7 @@ TEST_F(KitTest, CallsOfTheRuntimeAreNeitherRecordedNorMadeToFail)
     substitute::pthread_mutex_lock.fail(EINVAL, EXDEV);
     {
         const Recording lRecording;
-        const WithoutMemory lWithoutMemory;
+        const FailingMemory lFailingMemory;
         try {
             throw 1;  // from the runtime's reserve, which a mutex guards
         } catch (int) {
@@ -199,9 +199,9 @@ TEST_F(KitTest, CallsOfTheRuntimeAreNeitherRecordedNorMadeToFail)
 
 TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
 {
-#if OQ_SANITIZED
-    GTEST_SKIP() << "the sanitizer brings its own allocator";
-#endif
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
     void* volatile lpHere = nullptr;
     void* volatile lpThere = nullptr;
     std::promise<void> lGo;
@@ -210,7 +210,7 @@ TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
         lpThere = malloc(1);
     });
     {
-        const WithoutMemory lWithoutMemory;
+        const FailingMemory lFailingMemory;
         lpHere = malloc(1);
         lGo.set_value();
         lThread.join();
@@ -221,13 +221,133 @@ TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
     free(lpHere);
 }
 
+// Children, names and memory
+
+TEST_F(KitTest, EventsOfChildrenAreInTheSequenceOfTheirParent)
+{
+    nameText("program", "/nowhere");
+    char* lNone[] = {nullptr};
+    substitute::pthread_mutex_init.hide();
+    substitute::pthread_mutex_lock.hide();
+    substitute::ClibStrerror.instead([](char* apBuffer, unsigned int) { return strcpy(apBuffer, "text"); });
+    const pid_t lTest = getpid();
+    const Recording lRecording;
+    try {
+        ProcessWait(ProcessCreate("/nowhere", lNone, lNone), 0);
+    } catch (const OQCException&) {
+        if (getpid() != lTest) {
+            endChild();
+        }
+        ADD_FAILURE() << "the parent threw";
+    }
+    Recording::end();
+    EXPECT_EQ(R"(Entered
+fflush(stdin) = 0
+vfork()
+child 1: execve(program, memory, memory) = -1 ENOENT
+waitpid(child 1, null, 0) = child 1
+fork() = child 2
+child 2: ClibStrerror(local, 512) = "text"
+child 2: -E- "Failed to exec child :%s" "text"
+child 2: Left
+child 2: ClibStrerror(local, 512) = "text"
+Left
+ProcessWait: Entered
+ProcessWait: -T- "Going to wait for child process to complete"
+waitpid(child 2, local, 0) = child 2
+ProcessWait: -T- "The child process exited normally, with exit code: %d" "0"
+ProcessWait: Left
+)",
+              traceOf(recorded(), "ProcessCreate", ".//ProcessLinux"));
+}
+
+TEST_F(KitTest, PlannedVforkRunsAsPlanned)
+{
+    char* lNone[] = {nullptr};
+    substitute::vfork.fail(-1, EAGAIN);
+    substitute::ClibStrerror.hide();
+    const Recording lRecording;
+    EXPECT_THROW(ProcessCreate("/bin/true", lNone, lNone), OQCProcessCreationFailedEx);
+    Recording::end();
+    const std::string lTrace = traceOf(recorded(), "ProcessCreate", ".//ProcessLinux");
+    EXPECT_EQ(0U, lTrace.find("Entered\nfflush(stdin) = 0\nvfork()\n-E- \"Failed to create child :%s\"")) << lTrace;
+}
+
+TEST_F(KitTest, NumbersAreShownByNameAsTheyAreAtTheEnd)
+{
+    int lDescriptor = -1;
+    nameNumber("descriptor", &lDescriptor);
+    substitute::ClibOpen.fail(4711, 0);
+    substitute::ClibClose.fail(0, 0);
+    {
+        const Recording lRecording;
+        lDescriptor = ClibOpen("path", 0, 0);
+        ClibClose(lDescriptor);
+    }
+    EXPECT_EQ("ClibOpen(\"path\", O_RDONLY, 0) = descriptor\nClibClose(descriptor) = 0\n", traceOf(recorded(), "", ""));
+}
+
+TEST_F(KitTest, NothingIsKeptUntilTheEventsAreCleared)
+{
+    keepNoEvents();
+    const Recording lRecording;
+    ClibClose(-1);
+    PrintLogMessageWithTimeStamp(OQLL_Trace, "-T-", 1, "f", "f", "%s", "text");
+    EXPECT_TRUE(recorded().empty());
+    clearEvents();
+    ClibClose(-1);
+    EXPECT_EQ(1U, recorded().size());
+}
+
+TEST_F(KitTest, CallsOfTheCompanionAreRecordedOnRequest)
+{
+    long lSeconds;
+    unsigned short lMilliseconds;
+    {
+        const Recording lRecording;
+        ClibGetTime(lSeconds, lMilliseconds);
+    }
+    EXPECT_EQ("", trace());
+    recordCompanion();
+    {
+        const Recording lRecording;
+        ClibGetTime(lSeconds, lMilliseconds);
+    }
+    EXPECT_EQ("clock_gettime(CLOCK_REALTIME, local) = 0\n", trace());
+}
+
+TEST_F(KitTest, OneAllocationFailsAndBlocksAreCounted)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    void* volatile lpBlocks[3];
+    {
+        const FailingMemory lFailingMemory(2, false);
+        for (void* volatile& lrBlock : lpBlocks) {
+            lrBlock = malloc(8);
+        }
+        EXPECT_EQ(3U, FailingMemory::taken());
+        EXPECT_EQ(0U, FailingMemory::freed());
+        followMemory(0, lpBlocks[2]);
+        free(lpBlocks[0]);
+        EXPECT_FALSE(isFreed(0));
+        free(lpBlocks[2]);
+        EXPECT_TRUE(isFreed(0));
+        EXPECT_EQ(2U, FailingMemory::freed());
+    }
+    EXPECT_EQ(nullptr, lpBlocks[1]);
+}
+
 // Rows
+
+const Family cFamily("Kit", "file", "", {});
 
 /// A row that locks a mutex in vain.
 class LockRow : public Outcome
 {
 public:
-    LockRow(const std::string& acrTrace, const std::vector<int>& acrErrors) : Outcome("OsLockMutex", "file", acrErrors)
+    LockRow(const std::string& acrTrace, const std::vector<int>& acrErrors) : Outcome("OsLockMutex", cFamily, acrErrors)
     {
         mTrace = acrTrace;
     }

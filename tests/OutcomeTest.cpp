@@ -1,6 +1,6 @@
 // The program of the table of outcomes. It runs the rows as tests, or prints pages from what the rows recorded:
 //
-//     OutcomeTest --print failures|messages   the page, of the families below
+//     OutcomeTest --print failures|messages   the page
 //     OutcomeTest --sites                     looks up the source line of each log call, with addr2line
 
 #include <iostream>
@@ -11,24 +11,6 @@
 
 namespace
 {
-
-struct Family {
-    const char* mTitle;
-    const char* mFile;  ///< its name in the log
-    const char* mNote;
-    std::vector<std::pair<std::string, std::string>> mMeanings;  ///< each message behind its tag, and its meaning
-};
-const Family cFamilies[] = {
-    {"Mutexes",
-     ".//MutexLinux",
-     "Silent always. The error text is that of `errno`, not of what the POSIX call returned.",
-     {}},
-    {"Condition variables",
-     ".//ConditionalLinux",
-     "The error text is that of `errno`, not of what the POSIX call returned.",
-     {{"-H- Assertion [ aSeconds > 0 ] failed", "the caller passed 0 seconds"},
-      {"-T- Condition wait timed out.", "nobody signalled in time; a throw follows"}}},
-};
 
 std::string code(const std::string& acrText) { return "`" + acrText + "`"; }
 
@@ -76,70 +58,66 @@ std::string logged(const OutcomeRow& acrRow)
     return lLines.empty() ? "nothing" : lLines;
 }
 
-/// \return whether every row is on the page
-bool printFailures()
+void printFailures()
 {
-    size_t lPrinted = 0;
-    for (const Family& lrFamily : cFamilies) {
+    for (const Family* lpFamily : families()) {
         std::cout
-            << "\n## " << lrFamily.mTitle << "\n\n"
-            << lrFamily.mNote << "\n\n"
+            << "\n## " << lpFamily->mTitle << "\n\n"
+            << lpFamily->mNote << "\n\n"
             << "| operation | condition | thrown, or what tells | logged, in order | left untouched, left behind | "
                "tests |\n|---|---|---|---|---|---|\n";
         for (const OutcomeRow& lrRow : outcomeRows()) {
-            if (lrFamily.mFile == lrRow.mFile) {
+            if (lpFamily == lrRow.mFamily) {
                 std::cout << "| " << code(lrRow.mOperation) << " | " << lrRow.mWhen << " | " << thrown(lrRow) << " | "
                           << logged(lrRow) << " | " << lrRow.mStays << " | " << code(lrRow.mTest) << " |\n";
-                ++lPrinted;
             }
         }
     }
     std::cout << "\n";
-    if (outcomeRows().size() != lPrinted) {
-        std::cerr << "rows of a family that has no heading\n";
-    }
-    return outcomeRows().size() == lPrinted;
 }
 
 /// \return whether every message has its meaning, and every meaning its message
 bool printMessages()
 {
-    std::map<std::string, std::map<std::string, std::set<std::string>>> lLogged;  // file, message: functions
+    typedef std::pair<std::string, std::string> Message;  // file, tag and text
+    std::set<Message> lUnexplained;
+    std::map<const Family*, std::map<std::string, std::set<std::string>>> lLogged;  // by message: functions
     for (const OutcomeRow& lrRow : outcomeRows()) {
         for (const Event& lrEvent : lrRow.mEvents) {
             if (Event::Log == lrEvent.mKind) {
-                const std::string lText = isWord(lrEvent) ? lrEvent.mArguments[0] : message(lrEvent);
-                lLogged[lrEvent.mFile][lrEvent.mTag + " " + lText].insert(lrEvent.mFunction);
+                const std::string lText =
+                    lrEvent.mTag + " " + (isWord(lrEvent) ? lrEvent.mArguments[0] : message(lrEvent));
+                lUnexplained.insert({lrEvent.mFile, lText});
+                if (lrRow.mFamily->mFile == lrEvent.mFile) {
+                    lLogged[lrRow.mFamily][lText].insert(lrEvent.mFunction);
+                }
             }
         }
     }
     bool lIsComplete = true;
-    for (const Family& lrFamily : cFamilies) {
-        auto& lrMessages = lLogged[lrFamily.mFile];
-        std::cout << (lrFamily.mMeanings.empty()
-                          ? ""
-                          : std::string("\n## ") + lrFamily.mTitle + ": " + lrFamily.mFile +
-                                "\n\n| tag | message | logged by | means |\n|---|---|---|---|\n");
-        for (const auto& lrMeaning : lrFamily.mMeanings) {
+    for (const Family* lpFamily : families()) {
+        if (!lpFamily->mMeanings.empty()) {
+            std::cout << "\n## " << lpFamily->mTitle << ": " << lpFamily->mFile
+                      << "\n\n| tag | message | logged by | means |\n|---|---|---|---|\n";
+        }
+        for (const auto& lrMeaning : lpFamily->mMeanings) {
             std::string lNames;
-            for (const std::string& lrName : lrMessages[lrMeaning.first]) {
+            for (const std::string& lrName : lLogged[lpFamily][lrMeaning.first]) {
                 lNames += (lNames.empty() ? "" : ", ") + code(lrName);
             }
             if (lNames.empty()) {
-                std::cerr << lrFamily.mFile << ": no row logs " << lrMeaning.first << "\n";
+                std::cerr << lpFamily->mTitle << ": no row logs " << lrMeaning.first << "\n";
                 lIsComplete = false;
             }
             std::cout << "| " << code(lrMeaning.first.substr(0, 3)) << " | " << code(lrMeaning.first.substr(4)) << " | "
                       << lNames << " | " << lrMeaning.second << " |\n";
-            lrMessages.erase(lrMeaning.first);
+            lUnexplained.erase({lpFamily->mFile, lrMeaning.first});
         }
     }
     std::cout << "\n";
-    for (const auto& lrFile : lLogged) {
-        for (const auto& lrMessage : lrFile.second) {
-            std::cerr << lrFile.first << ": no meaning for " << lrMessage.first << "\n";
-            lIsComplete = false;
-        }
+    for (const Message& lrMessage : lUnexplained) {
+        std::cerr << lrMessage.first << ": no meaning for " << lrMessage.second << "\n";
+        lIsComplete = false;
     }
     return lIsComplete;
 }
@@ -170,5 +148,9 @@ int main(int argc, char** argv)
     if ("--sites" == lTask) {
         return checkSites() ? 0 : 1;
     }
-    return ("failures" == lPage ? printFailures() : printMessages()) ? 0 : 1;
+    if ("failures" == lPage) {
+        printFailures();
+        return 0;
+    }
+    return printMessages() ? 0 : 1;
 }

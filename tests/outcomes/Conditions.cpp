@@ -7,7 +7,10 @@
 namespace
 {
 
-const char* const cLogFile = ".//ConditionalLinux";
+const Family cFamily("Condition variables", ".//ConditionalLinux",
+                     "The error text is that of `errno`, not of what the POSIX call returned.",
+                     {{"-H- Assertion [ aSeconds > 0 ] failed", "the caller passed 0 seconds"},
+                      {"-T- Condition wait timed out.", "nobody signalled in time; a throw follows"}});
 
 /// A condition variable and a mutex, shown as "condition" and "mutex". The calling thread holds the mutex.
 class Condition

@@ -8,7 +8,8 @@
 namespace
 {
 
-const char* const cLogFile = ".//MutexLinux";
+const Family cFamily("Mutexes", ".//MutexLinux",
+                     "Silent always. The error text is that of `errno`, not of what the POSIX call returned.", {});
 
 /// A mutex that is shown as "mutex".
 class Mutex

@@ -85,6 +85,10 @@ Object sWatched[cObjects];
 unsigned int sNamedCount = 0;
 unsigned int sWatchedCount = 0;
 
+std::vector<std::pair<std::string, const int*>> sNamedNumbers;
+std::vector<std::pair<std::string, std::string>> sNamedTexts;
+bool sKeepsNothing = false;
+bool sCompanionIsRecorded = false;
 bool sSitesAreRecorded = false;
 thread_local const Recording* spRecording = nullptr;
 
@@ -135,7 +139,7 @@ void record(Event::Kind aKind, const char* acName)
 
 void recordChanges()
 {
-    for (unsigned int lIndex = 0; nullptr != spRecording && lIndex < sWatchedCount; ++lIndex) {
+    for (unsigned int lIndex = 0; nullptr != spRecording && !sKeepsNothing && lIndex < sWatchedCount; ++lIndex) {
         Object& lrObject = sWatched[lIndex];
         if (0 != memcmp(lrObject.mLast, lrObject.mAddress, lrObject.mSize)) {
             memcpy(lrObject.mLast, lrObject.mAddress, lrObject.mSize);
@@ -163,8 +167,27 @@ void addArguments(Slot& arSlot, const char* acFormat, va_list aArguments)
     }
 }
 
+/// An argument or a result by its name, where it has one.
+std::string named(const std::string& acrValue)
+{
+    for (const auto& lrNumber : sNamedNumbers) {
+        if (std::to_string(*lrNumber.second) == acrValue) {
+            return lrNumber.first;
+        }
+    }
+    for (const auto& lrText : sNamedTexts) {
+        if (lrText.second == acrValue || "\"" + lrText.second + "\"" == acrValue) {
+            return lrText.first;
+        }
+    }
+    return acrValue;
+}
+
 std::string quotedText(const std::string& acrText)
 {
+    if (acrText != named(acrText)) {
+        return named(acrText);
+    }
     std::string lText = "\"";
     for (const char lByte : acrText) {
         lText += '\n' == lByte ? std::string("\\n") : std::string(1, lByte);
@@ -179,6 +202,42 @@ std::string joined(const std::vector<std::string>& acrTexts)
         lJoined += (lJoined.empty() ? "" : ", ") + lrText;
     }
     return lJoined;
+}
+
+/// The process of the first event, then its children in the order of their first events.
+std::vector<pid_t> processesOf(const Events& acrEvents)
+{
+    std::vector<pid_t> lProcesses;
+    for (const Event& lrEvent : acrEvents) {
+        if (lProcesses.end() == std::find(lProcesses.begin(), lProcesses.end(), lrEvent.mProcess)) {
+            lProcesses.push_back(lrEvent.mProcess);
+        }
+    }
+    return lProcesses;
+}
+
+std::string childName(const std::vector<pid_t>& acrProcesses, pid_t aProcess)
+{
+    const auto lAt = std::find(acrProcesses.begin(), acrProcesses.end(), aProcess);
+    return "child " + std::to_string(lAt - acrProcesses.begin());
+}
+
+std::string callText(const Event& acrEvent, const std::vector<pid_t>& acrProcesses)
+{
+    const auto lText = [&acrProcesses](const std::string& acrValue) {
+        for (const pid_t lProcess : acrProcesses) {
+            if (acrValue == process(lProcess).mText && acrProcesses[0] != lProcess) {
+                return childName(acrProcesses, lProcess);
+            }
+        }
+        return named(acrValue);
+    };
+    std::vector<std::string> lArguments;
+    for (const std::string& lrArgument : acrEvent.mArguments) {
+        lArguments.push_back(lText(lrArgument));
+    }
+    return acrEvent.mName + "(" + joined(lArguments) + ")" +
+           (acrEvent.mResult.empty() ? "" : " = " + lText(acrEvent.mResult));
 }
 
 std::string logText(const Event& acrEvent, const std::string& acrOperation, const std::string& acrFile)
@@ -218,6 +277,9 @@ Shown shown(const char* acFormat, Arguments... aArguments)
 void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsigned int aLine, const char* acFunction,
                                   const char* acFile, const char* acFormat, ...)
 {
+    if (sKeepsNothing) {
+        return;
+    }
     const KeepErrno lKeepErrno;
     recordChanges();
     Slot& lrSlot = shared().mSlots[newSlot(Event::Log)];
@@ -274,19 +336,30 @@ void clearEvents()
     shared().mCount = 0;
     sNamedCount = 0;
     sWatchedCount = 0;
+    sNamedNumbers.clear();
+    sNamedTexts.clear();
+    sKeepsNothing = false;
+    sCompanionIsRecorded = false;
 }
+
+void keepNoEvents() { sKeepsNothing = true; }
+
+void recordCompanion() { sCompanionIsRecorded = true; }
 
 std::string traceOf(const Events& acrEvents, const std::string& acrOperation, const std::string& acrFile)
 {
     std::string lTrace;
+    const std::vector<pid_t> lProcesses = processesOf(acrEvents);
     for (const Event& lrEvent : acrEvents) {
+        if (Event::End != lrEvent.mKind && lProcesses[0] != lrEvent.mProcess) {
+            lTrace += childName(lProcesses, lrEvent.mProcess) + ": ";
+        }
         switch (lrEvent.mKind) {
             case Event::Log:
                 lTrace += logText(lrEvent, acrOperation, acrFile);
                 break;
             case Event::Call:
-                lTrace += lrEvent.mName + "(" + joined(lrEvent.mArguments) + ")";
-                lTrace += lrEvent.mResult.empty() ? "" : " = " + lrEvent.mResult;
+                lTrace += callText(lrEvent, lProcesses);
                 break;
             case Event::Change:
                 lTrace += lrEvent.mName + " changes";
@@ -325,6 +398,9 @@ bool isRecorded(const void* acReturnAddress)
         return false;
     }
     const void* const lpCaller = objectOf(acReturnAddress);
+    if (sCompanionIsRecorded && objectOf(dlsym(RTLD_NEXT, "_Z11ClibGetTimeRlRt")) == lpCaller) {
+        return true;
+    }
     return objectOf(reinterpret_cast<const void*>(&OsInitMutex)) == lpCaller || objectOf(&sWatchedCount) == lpCaller;
 }
 
@@ -344,15 +420,27 @@ void watchObject(const char* acName, const void* acObject, size_t aSize)
     sWatched[sWatchedCount++] = {acName, acObject, aSize, {}};
 }
 
-void recordThrow(const OQCException& acrFailure)
+void nameNumber(const char* acName, const int* acNumber) { sNamedNumbers.push_back({acName, acNumber}); }
+
+void nameText(const char* acName, const std::string& acrText) { sNamedTexts.push_back({acName, acrText}); }
+
+void recordThrow()
 {
-    char* const lpClass = abi::__cxa_demangle(typeid(acrFailure).name(), nullptr, nullptr, nullptr);
+    char* const lpClass = abi::__cxa_demangle(abi::__cxa_current_exception_type()->name(), nullptr, nullptr, nullptr);
     Slot& lrSlot = shared().mSlots[newSlot(Event::Throw)];
-    lrSlot.mLevel = acrFailure.code();
     lrSlot.add("%s", lpClass);
-    lrSlot.add("%s", acrFailure.what());
-    complete(lrSlot);
     free(lpClass);
+    try {
+        throw;
+    } catch (const OQCException& acrFailure) {
+        lrSlot.mLevel = acrFailure.code();
+        lrSlot.add("%s", acrFailure.what());
+    } catch (const std::exception& acrFailure) {
+        lrSlot.add("%s", acrFailure.what());
+    } catch (...) {
+        lrSlot.add("%s", "");
+    }
+    complete(lrSlot);
 }
 
 void recordEnd(int aStatus)
@@ -375,15 +463,19 @@ Shown number(long long aNumber) { return shown("%lld", aNumber); }
 
 Shown quoted(const char* acText) { return shown("\"%s\"", acText); }
 
+Shown shownBits(const char* acPrefix, unsigned int aBits) { return shown("%s%#o", acPrefix, aBits); }
+
 Shown errorName(int aError)
 {
     const char* const lpName = strerrorname_np(aError);
     return nullptr == lpName ? number(aError) : shown("%s", lpName);
 }
 
-Shown resultWithErrno(int aResult)
+Shown process(pid_t aId) { return aId <= 0 ? resultWithErrno(aId) : shown("process %d", aId); }
+
+Shown resultWithErrno(long aResult)
 {
-    return 0 <= aResult ? number(aResult) : shown("%d %s", aResult, errorName(errno).mText);
+    return 0 <= aResult ? number(aResult) : shown("%ld %s", aResult, errorName(errno).mText);
 }
 
 /// The operation's frames lie between this one and the Recording that its caller made.
@@ -405,8 +497,19 @@ Shown timeText(const timespec* acTime)
     return shown("%lld.%09ld", static_cast<long long>(acTime->tv_sec), static_cast<long>(acTime->tv_nsec));
 }
 
-CallRecord::CallRecord(const char* acFunction, std::initializer_list<Shown> aArguments) : mProcess(getpid())
+Shown timeText(const timeval* acTime)
 {
+    return nullptr == acTime
+               ? place(acTime)
+               : shown("%lld.%06ld", static_cast<long long>(acTime->tv_sec), static_cast<long>(acTime->tv_usec));
+}
+
+CallRecord::CallRecord(bool aIsShown, const char* acFunction, std::initializer_list<Shown> aArguments)
+    : mSlot(cSlots), mProcess(getpid())
+{
+    if (!aIsShown || sKeepsNothing) {
+        return;
+    }
     const KeepErrno lKeepErrno;
     recordChanges();
     mSlot = newSlot(Event::Call);
@@ -421,7 +524,7 @@ CallRecord::CallRecord(const char* acFunction, std::initializer_list<Shown> aArg
 void CallRecord::returned(const Shown& acrResult) const
 {
     const KeepErrno lKeepErrno;
-    if (getpid() == mProcess) {
+    if (cSlots != mSlot && getpid() == mProcess) {
         strcpy(shared().mSlots[mSlot].mResult, acrResult.mText);
     }
 }

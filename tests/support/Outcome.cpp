@@ -1,18 +1,25 @@
 #include "Outcome.h"
 
+#include <cxxabi.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <optional>
 #include <sstream>
 
 namespace
 {
 
 std::vector<OutcomeRow> sRows;
+
+std::vector<const Family*>& familyList()
+{
+    static std::vector<const Family*>
+        sFamilies;  // a function's: families of other sources add themselves before main()
+    return sFamilies;
+}
 
 /// Without indentation and empty lines.
 std::string plain(const std::string& acrTrace)
@@ -48,6 +55,15 @@ char* textOfErrno(char* apBuffer, unsigned int)
 
 }  // namespace
 
+Family::Family(const char* acTitle, const char* acFile, const char* acNote,
+               const std::vector<std::pair<std::string, std::string>>& acrMeanings)
+    : mTitle(acTitle), mFile(acFile), mNote(acNote), mMeanings(acrMeanings)
+{
+    familyList().push_back(this);
+}
+
+const std::vector<const Family*>& families() { return familyList(); }
+
 const std::vector<OutcomeRow>& outcomeRows() { return sRows; }
 
 bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,
@@ -61,6 +77,9 @@ bool addOutcome(const char* acOperation, const char* acName, const char* acSourc
 void Outcome::TestBody()
 {
     for (const bool lIsWithoutMemory : {false, true}) {
+        if (lIsWithoutMemory && (mNeedsMemory || 0 != mFailingAllocation)) {
+            return;
+        }
         for (const int lError : mErrors) {
             mError = lError;
             mIsWithoutMemory = lIsWithoutMemory;
@@ -88,7 +107,7 @@ void Outcome::runInChild(const std::function<void()>& acrOperation)
     if (0 == lChild) {
         atexit([] {  // what further exit handlers do is not the operation's
             Recording::end();
-            WithoutMemory::end();
+            FailingMemory::end();
         });
         perform(acrOperation);
         endChild();
@@ -104,30 +123,33 @@ void Outcome::perform(const std::function<void()>& acrOperation)
 {
     sTextCount = 0;
     substitute::ClibStrerror.instead(textOfErrno);
+    const pid_t lProcess = getpid();
     try {
         const Recording lRecording;
-        std::optional<WithoutMemory> lWithoutMemory;
-        if (mIsWithoutMemory) {
-            lWithoutMemory.emplace();
-        }
+        const FailingMemory lFailingMemory(mFailingAllocation, mIsWithoutMemory);
         acrOperation();
-    } catch (const OQCException& acrFailure) {
-        recordThrow(acrFailure);
+    } catch (const abi::__forced_unwind&) {  // the thread is being cancelled, or ends itself
+        throw;
+    } catch (...) {
+        recordThrow();
+    }
+    if (getpid() != lProcess) {
+        endChild();
     }
 }
 
 void Outcome::compare()
 {
     const Events lEvents = recorded();
-    std::string lTrace = traceOf(lEvents, mOperation, mFile);
+    std::string lTrace = traceOf(lEvents, mOperation, mFamily.mFile);
     if (0 != mError) {
         lTrace = replaced(lTrace, errorName(mError).mText, "ERROR");
     }
     EXPECT_EQ(plain(mTrace), lTrace);
     if (!mIsKept) {
         const ::testing::TestInfo& lrTest = *::testing::UnitTest::GetInstance()->current_test_info();
-        sRows.push_back({mOperation, std::string(lrTest.test_suite_name()) + "." + lrTest.name(), mFile, mWhen, mTells,
-                         mStays, lEvents});
+        sRows.push_back({&mFamily, mOperation, std::string(lrTest.test_suite_name()) + "." + lrTest.name(), mWhen,
+                         mTells, mStays, lEvents});
         mIsKept = true;
     }
 }

@@ -10,13 +10,26 @@
 
 #include "Substitutes.h"
 
+/// A section of the pages. Each source of rows defines one, named cFamily. The sections of the pages have the order of
+/// the sources in CMakeLists.txt.
+struct Family {
+    /// Adds itself to families().
+    Family(const char* acTitle, const char* acFile, const char* acNote,
+           const std::vector<std::pair<std::string, std::string>>& acrMeanings);
+
+    const char* const mTitle;
+    const char* const mFile;                                           ///< the file's name in the log
+    const char* const mNote;                                           ///< stands above the table of failures
+    const std::vector<std::pair<std::string, std::string>> mMeanings;  ///< each message behind its tag, and its meaning
+};
+const std::vector<const Family*>& families();
+
 class Outcome : public RecordedTest
 {
 public:
-    /// \param[in] acFile     the file's name in the log
     /// \param[in] acrErrors  the row runs once for each; {0} where no error is planned
-    Outcome(const char* acOperation, const char* acFile, const std::vector<int>& acrErrors)
-        : mOperation(acOperation), mFile(acFile), mErrors(acrErrors)
+    Outcome(const char* acOperation, const Family& acrFamily, const std::vector<int>& acrErrors)
+        : mOperation(acOperation), mFamily(acrFamily), mErrors(acrErrors)
     {
     }
     /// Runs the row for each error, with memory and then without.
@@ -26,16 +39,21 @@ protected:
     /// The row: plans what fails, fills the fields, runs the operation and looks at what is left.
     virtual void row() = 0;
 
-    std::string mWhen;   ///< the condition, for the page
-    std::string mTrace;  ///< every event; indentation is ignored, ERROR stands for error()
-    std::string mTells;  ///< how the caller can tell, where nothing is thrown; for the page
-    std::string mStays;  ///< what keeps its value and what is left behind; for the page
+    std::string mOperation;  ///< for log and pages; the row sets it where it is no identifier: "Pointer::operator*"
+    std::string mWhen;       ///< the condition, for the page
+    std::string mTrace;      ///< every event; indentation is ignored, ERROR stands for error()
+    std::string mTells;      ///< how the caller can tell, where nothing is thrown; for the page
+    std::string mStays;      ///< what keeps its value and what is left behind; for the page
+    unsigned int mFailingAllocation =
+        0;                      ///< this allocation fails, counted from 1; skip where !FailingMemory::isPossible()
+    bool mNeedsMemory = false;  ///< the operation does not end like this when every allocation fails
 
     /// The error of this pass.
     int error() const { return mError; }
 
     /// Performs the operation and compares what it did with mTrace. ClibStrerror() returns the name of errno and the
-    /// number of the text, as in "EINTR #1", in a place outside of the caller's buffer.
+    /// number of the text, as in "EINTR #1", in a place outside of the caller's buffer. A child that the operation has
+    /// made ends with status 0 when the operation ends in it.
     void run(const std::function<void()>& acrOperation);
     /// The same in a child, for an operation that ends its process.
     void runInChild(const std::function<void()>& acrOperation);
@@ -44,8 +62,7 @@ private:
     void perform(const std::function<void()>& acrOperation);
     void compare();
 
-    const char* const mOperation;
-    const char* const mFile;
+    const Family& mFamily;
     const std::vector<int> mErrors;
     int mError = 0;
     bool mIsWithoutMemory = false;
@@ -54,9 +71,9 @@ private:
 
 /// What the pages need of a row.
 struct OutcomeRow {
+    const Family* mFamily;
     std::string mOperation;
     std::string mTest;
-    std::string mFile;
     std::string mWhen;
     std::string mTells;
     std::string mStays;
@@ -71,13 +88,13 @@ bool checkSites();
 bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,
                 const std::function<Outcome*()>& acrMake);
 
-/// Defines a row of the table. The source defines cLogFile, the file's name in the log.
+/// Defines a row of the table. The source defines cFamily, the section to which its rows belong.
 #define OUTCOME(operation, name) OUTCOME_OF_ERRORS(operation, name, 0)
 
 /// The same for a row that runs once for each of these errors.
 #define OUTCOME_OF_ERRORS(operation, name, ...)                                                   \
     struct operation##_##name : Outcome {                                                         \
-        operation##_##name() : Outcome(#operation, cLogFile, std::vector<int>{__VA_ARGS__}) {}    \
+        operation##_##name() : Outcome(#operation, cFamily, std::vector<int>{__VA_ARGS__}) {}     \
         void row() override;                                                                      \
     };                                                                                            \
     [[maybe_unused]] const bool s##operation##_##name =                                           \

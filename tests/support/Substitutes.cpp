@@ -1,5 +1,12 @@
 #include "Substitutes.h"
 
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 // The thread sanitizer's runtime calls some of these functions before it can watch their memory accesses.
 #if defined(__SANITIZE_THREAD__)
 #define UNWATCHED __attribute__((no_sanitize_thread))
@@ -11,7 +18,68 @@ namespace
 {
 
 SubstituteBase* sFirst = nullptr;
-thread_local bool sIsWithoutMemory = false;
+
+Shown octal(unsigned int aBits) { return shownBits("", aBits); }
+Shown octal(int aBits) { return shownBits("", static_cast<unsigned int>(aBits)); }
+
+Shown lockCommand(int aCommand)
+{
+    return F_LOCK == aCommand    ? Shown{"F_LOCK"}
+           : F_TLOCK == aCommand ? Shown{"F_TLOCK"}
+           : F_ULOCK == aCommand ? Shown{"F_ULOCK"}
+           : F_TEST == aCommand  ? Shown{"F_TEST"}
+                                 : number(aCommand);
+}
+
+Shown segmentCommand(int aCommand)
+{
+    return IPC_STAT == aCommand     ? Shown{"IPC_STAT"}
+           : IPC_RMID == aCommand   ? Shown{"IPC_RMID"}
+           : SHM_LOCK == aCommand   ? Shown{"SHM_LOCK"}
+           : SHM_UNLOCK == aCommand ? Shown{"SHM_UNLOCK"}
+                                    : number(aCommand);
+}
+
+/// The access mode by its name, further flags as octal digits: they differ between architectures by value.
+Shown openFlags(int aFlags)
+{
+    const char* const cModes[] = {"O_RDONLY", "O_WRONLY", "O_RDWR", "O_ACCMODE"};
+    const int lRest = aFlags & ~(O_ACCMODE | O_NONBLOCK | O_CREAT | O_CLOEXEC);
+    char lText[sizeof(Shown)];
+    snprintf(lText, sizeof lText, "%s%s%s%s", cModes[aFlags & O_ACCMODE],
+             0 != (aFlags & O_NONBLOCK) ? "|O_NONBLOCK" : "", 0 != (aFlags & O_CREAT) ? "|O_CREAT" : "",
+             0 != (aFlags & O_CLOEXEC) ? "|O_CLOEXEC" : "");
+    Shown lShown;
+    if (0 != lRest) {
+        return shownBits(strcat(lText, "|"), static_cast<unsigned int>(lRest));
+    }
+    strcpy(lShown.mText, lText);
+    return lShown;
+}
+
+/// The numbers in a set of descriptors; "descriptor" stands for the only one.
+Shown descriptors(int aCount, const fd_set* acSet)
+{
+    Shown lShown = place(acSet);
+    for (int lNumber = 0; nullptr != acSet && lNumber < aCount && lNumber < FD_SETSIZE; ++lNumber) {
+        if (FD_ISSET(lNumber, acSet)) {
+            const Shown lText = number(lNumber);
+            strcat(strcat(lShown.mText, " "), lText.mText);
+        }
+    }
+    return lShown;
+}
+
+Shown placeWithErrno(const void* acPlace)
+{
+    return reinterpret_cast<const void*>(-1) == acPlace ? resultWithErrno(-1) : place(acPlace);
+}
+
+/// Thread ids differ from run to run.
+Shown threadText(pthread_t aThread)
+{
+    return 0 != pthread_equal(pthread_self(), aThread) ? Shown{"itself"} : Shown{"thread"};
+}
 
 }  // namespace
 
@@ -44,33 +112,78 @@ UNWATCHED void* SubstituteBase::realFunction()
     return lpReal;
 }
 
-// DEFINE(type, function, symbol, parameters, arguments, what an event shows of them, what it shows of the result,
-//        exception specification of the function's header)
+// DEFINE(type, function, symbol, whether its calls are events unasked, parameters, arguments, what an event shows of them,
+//        what it shows of the result, exception specification of the function's header)
 // The function has the linkage of its declaration in the header.
 #define LIST(...) __VA_ARGS__
-#define DEFINE(type, function, symbol, parameters, arguments, shown, result, ...) \
-    Substitute<type parameters> substitute::function(symbol);                     \
-    UNWATCHED type function parameters __VA_ARGS__                                \
-    {                                                                             \
-        if (!isRecorded(__builtin_return_address(0))) {                           \
-            return substitute::function.real arguments;                           \
-        }                                                                         \
-        const CallRecord lCall(#function, {LIST shown});                          \
-        type const lResult = substitute::function.call arguments;                 \
-        lCall.returned(result(lResult));                                          \
-        return lResult;                                                           \
+#define DEFINE(type, function, symbol, unasked, parameters, arguments, shown, result, ...) \
+    Substitute<type parameters> substitute::function(symbol, unasked);                     \
+    UNWATCHED type function parameters __VA_ARGS__                                         \
+    {                                                                                      \
+        if (!isRecorded(__builtin_return_address(0))) {                                    \
+            return substitute::function.real arguments;                                    \
+        }                                                                                  \
+        const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown});   \
+        type const lResult = substitute::function.call arguments;                          \
+        lCall.returned(result(lResult));                                                   \
+        return lResult;                                                                    \
     }
-// A function of the C library.
-#define SYSTEM(function, parameters, arguments, shown, result, ...) \
-    DEFINE(int, function, #function, parameters, arguments, shown, result, __VA_ARGS__)
-// A function that returns its error.
+// The same for a function that returns nothing.
+#define DEFINE_VOID(function, symbol, unasked, parameters, arguments, shown, ...)        \
+    Substitute<void parameters> substitute::function(symbol, unasked);                   \
+    UNWATCHED void function parameters __VA_ARGS__                                       \
+    {                                                                                    \
+        if (!isRecorded(__builtin_return_address(0))) {                                  \
+            substitute::function.real arguments;                                         \
+            return;                                                                      \
+        }                                                                                \
+        const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown}); \
+        substitute::function.call arguments;                                             \
+    }
+// A function of the C library that returns a negative number and sets errno when it fails; whose calls are no events
+// unasked; that returns its error.
+#define SYSTEM(function, parameters, arguments, shown, ...) \
+    DEFINE(int, function, #function, true, parameters, arguments, shown, resultWithErrno, __VA_ARGS__)
+#define QUIET(function, parameters, arguments, shown, ...) \
+    DEFINE(int, function, #function, false, parameters, arguments, shown, resultWithErrno, __VA_ARGS__)
 #define THREADS(function, parameters, arguments, shown, ...) \
-    SYSTEM(function, parameters, arguments, shown, errorName, __VA_ARGS__)
+    DEFINE(int, function, #function, true, parameters, arguments, shown, errorName, __VA_ARGS__)
+// A function of the companion.
+#define COMPANION(type, function, symbol, unasked, parameters, arguments, shown, result) \
+    DEFINE(type, function, symbol, unasked, parameters, arguments, shown, result, )
 
 // clang-format off
 SYSTEM(clock_gettime, (clockid_t a, timespec* b), (a, b),
-       (CLOCK_REALTIME == a ? Shown{"CLOCK_REALTIME"} : number(a), place(b)), resultWithErrno, noexcept)
+       (CLOCK_REALTIME == a ? Shown{"CLOCK_REALTIME"} : number(a), place(b)), noexcept)
+SYSTEM(execve, (const char* a, char* const* b, char* const* c), (a, b, c), (quoted(a), place(b), place(c)), noexcept)
+SYSTEM(fflush, (FILE* a), (a), (stdin == a ? Shown{"stdin"} : place(a)), )
+DEFINE(pid_t, fork, "fork", true, (), (), (), process, noexcept)
+DEFINE(hostent*, gethostbyname, "gethostbyname", true, (const char* a), (a), (quoted(a)), place, )
+SYSTEM(kill, (pid_t a, int b), (a, b), (process(a), number(b)), noexcept)
+SYSTEM(lockf, (int a, int b, off_t c), (a, b, c), (number(a), lockCommand(b), number(c)), )
+SYSTEM(mknod, (const char* a, mode_t b, dev_t c), (a, b, c), (quoted(a), octal(b), number(static_cast<long long>(c))),
+       noexcept)
+SYSTEM(pclose, (FILE* a), (a), (place(a)), )
+DEFINE(FILE*, popen, "popen", true, (const char* a, const char* b), (a, b), (quoted(a), quoted(b)), place, )
+SYSTEM(select, (int a, fd_set* b, fd_set* c, fd_set* d, timeval* e), (a, b, c, d, e),
+       (number(a), descriptors(a, b), place(c), place(d), timeText(e)), )
+DEFINE(void*, shmat, "shmat", true, (int a, const void* b, int c), (a, b, c), (number(a), place(b), number(c)),
+       placeWithErrno, noexcept)
+SYSTEM(shmctl, (int a, int b, shmid_ds* c), (a, b, c), (number(a), segmentCommand(b), place(c)), noexcept)
+SYSTEM(shmdt, (const void* a), (a), (place(a)), noexcept)
+SYSTEM(shmget, (key_t a, size_t b, int c), (a, b, c), (number(a), number(static_cast<long long>(b)), octal(c)), noexcept)
+SYSTEM(sigaction, (int a, const struct sigaction* b, struct sigaction* c), (a, b, c), (number(a), place(b), place(c)),
+       noexcept)
+SYSTEM(system, (const char* a), (a), (quoted(a)), )
+DEFINE(pid_t, waitpid, "waitpid", true, (pid_t a, int* b, int c), (a, b, c), (process(a), place(b), number(c)), process, )
 
+THREADS(pthread_attr_destroy, (pthread_attr_t* a), (a), (place(a)), noexcept)
+THREADS(pthread_attr_init, (pthread_attr_t* a), (a), (place(a)), noexcept)
+THREADS(pthread_attr_setdetachstate, (pthread_attr_t* a, int b), (a, b),
+        (place(a), PTHREAD_CREATE_JOINABLE == b ? Shown{"PTHREAD_CREATE_JOINABLE"} : number(b)), noexcept)
+THREADS(pthread_attr_setstacksize, (pthread_attr_t* a, size_t b), (a, b),
+        (place(a), number(static_cast<long long>(b))), noexcept)
+THREADS(pthread_cancel, (pthread_t a), (a), (threadText(a)), )
 THREADS(pthread_cond_broadcast, (pthread_cond_t* a), (a), (place(a)), noexcept)
 THREADS(pthread_cond_destroy, (pthread_cond_t* a), (a), (place(a)), noexcept)
 THREADS(pthread_cond_init, (pthread_cond_t* a, const pthread_condattr_t* b), (a, b), (place(a), place(b)), noexcept)
@@ -78,29 +191,216 @@ THREADS(pthread_cond_signal, (pthread_cond_t* a), (a), (place(a)), noexcept)
 THREADS(pthread_cond_timedwait, (pthread_cond_t* a, pthread_mutex_t* b, const timespec* c), (a, b, c),
         (place(a), place(b), timeText(c)), )
 THREADS(pthread_cond_wait, (pthread_cond_t* a, pthread_mutex_t* b), (a, b), (place(a), place(b)), )
+THREADS(pthread_create, (pthread_t* a, const pthread_attr_t* b, void* (*c)(void*), void* d), (a, b, c, d),
+        (place(a), place(b), place(reinterpret_cast<const void*>(c)), place(d)), noexcept)
+THREADS(pthread_join, (pthread_t a, void** b), (a, b), (threadText(a), place(b)), )
 THREADS(pthread_mutex_destroy, (pthread_mutex_t* a), (a), (place(a)), noexcept)
 THREADS(pthread_mutex_init, (pthread_mutex_t* a, const pthread_mutexattr_t* b), (a, b), (place(a), place(b)), noexcept)
 THREADS(pthread_mutex_lock, (pthread_mutex_t* a), (a), (place(a)), noexcept)
 THREADS(pthread_mutex_trylock, (pthread_mutex_t* a), (a), (place(a)), noexcept)
 THREADS(pthread_mutex_unlock, (pthread_mutex_t* a), (a), (place(a)), noexcept)
 
-DEFINE(char*, ClibStrerror, "_Z12ClibStrerrorPcj", (char* a, unsigned int b), (a, b), (place(a), number(b)), quoted, )
+COMPANION(int, ClibBlockRead, "_Z13ClibBlockReadiPvj", true, (int a, void* b, unsigned int c), (a, b, c),
+          (number(a), place(b), number(c)), resultWithErrno)
+COMPANION(int, ClibClose, "_Z9ClibClosei", true, (int a), (a), (number(a)), resultWithErrno)
+COMPANION(unsigned int, ClibFread, "_Z9ClibFreadPcjjP8_IO_FILE", true,
+          (char* a, unsigned int b, unsigned int c, FILE* d), (a, b, c, d), (place(a), number(b), number(c), place(d)), number)
+COMPANION(int, ClibGethostname, "_Z15ClibGethostnamePcj", true, (char* a, unsigned int b), (a, b), (place(a), number(b)),
+          resultWithErrno)
+DEFINE_VOID(ClibGetTime, "_Z11ClibGetTimeRlRt", false, (long& a, unsigned short& b), (a, b), (place(&a), place(&b)), )
+COMPANION(void*, ClibMemcpy, "_Z10ClibMemcpyPvPKvj", false, (void* a, const void* b, unsigned int c), (a, b, c),
+          (place(a), place(b), number(c)), place)
+COMPANION(void*, ClibMemset, "_Z10ClibMemsetPvij", false, (void* a, int b, unsigned int c), (a, b, c),
+          (place(a), number(b), number(c)), place)
+COMPANION(int, ClibnStrcmp, "_Z11ClibnStrcmpPKcS0_j", false, (const char* a, const char* b, unsigned int c), (a, b, c),
+          (quoted(a), quoted(b), number(c)), number)
+COMPANION(unsigned int, ClibNtohl, "_Z9ClibNtohlj", false, (unsigned int a), (a), (number(a)), number)
+COMPANION(int, ClibOpen, "_Z8ClibOpenPKcii", true, (const char* a, int b, int c), (a, b, c),
+          (quoted(a), openFlags(b), octal(c)), resultWithErrno)
+COMPANION(int, ClibRead, "_Z8ClibReadiPvj", true, (int a, void* b, unsigned int c), (a, b, c),
+          (number(a), place(b), number(c)), resultWithErrno)
+DEFINE_VOID(ClibSleepMS, "_Z11ClibSleepMSm", false, (unsigned long a), (a), (number(static_cast<long long>(a))), )
+COMPANION(int, ClibStat, "_Z8ClibStatPKcP4stat", true, (const char* a, struct stat* b), (a, b), (quoted(a), place(b)),
+          resultWithErrno)
+COMPANION(char*, ClibStrcpy, "_Z10ClibStrcpyPcPKc", false, (char* a, const char* b), (a, b), (place(a), place(b)), place)
+COMPANION(char*, ClibStrerror, "_Z12ClibStrerrorPcj", true, (char* a, unsigned int b), (a, b), (place(a), number(b)),
+          quoted)
+COMPANION(unsigned int, ClibStrlen, "_Z10ClibStrlenPKc", false, (const char* a), (a), (quoted(a)), number)
+COMPANION(int, ClibUnlink, "_Z10ClibUnlinkPKc", true, (const char* a), (a), (quoted(a)), resultWithErrno)
+COMPANION(int, ClibWrite, "_Z9ClibWriteiPKvj", true, (int a, const void* b, unsigned int c), (a, b, c),
+          (number(a), place(b), number(c)), resultWithErrno)
+COMPANION(int, getFirstLineFromFile, "_Z20getFirstLineFromFileRK9OQCStringRS_", true,
+          (const OQCString& a, OQCString& b), (a, b), (quoted(a.get()), place(&b)), number)
+
+// What ProcessCreate() and the companion use beside: plans without events, unless a test asks for them.
+QUIET(clock_nanosleep, (clockid_t a, int b, const timespec* c, timespec* d), (a, b, c, d),
+      (number(a), number(b), timeText(c), place(d)), )
+QUIET(close, (int a), (a), (number(a)), )
+QUIET(setpgid, (pid_t a, pid_t b), (a, b), (process(a), number(b)), noexcept)
+QUIET(stat, (const char* a, struct stat* b), (a, b), (quoted(a), place(b)), noexcept)
+QUIET(unlink, (const char* a), (a), (quoted(a)), noexcept)
+QUIET(waitid, (idtype_t a, id_t b, siginfo_t* c, int d), (a, b, c, d),
+      (number(a), process(static_cast<pid_t>(b)), place(c), number(d)), )
+DEFINE(FILE*, fopen, "fopen", false, (const char* a, const char* b), (a, b), (quoted(a), quoted(b)), place, )
+#if !OQ_SANITIZED  // a sanitizer maps memory before it knows the real function
+DEFINE(void*, mmap, "mmap", false, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f),
+       (place(a), number(static_cast<long long>(b)), number(c), number(d), number(e), number(f)), placeWithErrno, noexcept)
+#endif
 // clang-format on
 
-WithoutMemory::WithoutMemory() { sIsWithoutMemory = true; }
-void WithoutMemory::end() { sIsWithoutMemory = false; }
+// The C library's headers may have these inline, so the definitions have names of their own.
+#define RENAMED(type, function, parameters, arguments, shown, ...)                       \
+    Substitute<type parameters> substitute::function(#function, false);                  \
+    extern "C" type planned_##function parameters __VA_ARGS__ __asm__(#function);        \
+    extern "C" UNWATCHED type planned_##function parameters __VA_ARGS__                  \
+    {                                                                                    \
+        if (!isRecorded(__builtin_return_address(0))) {                                  \
+            return substitute::function.real arguments;                                  \
+        }                                                                                \
+        const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown}); \
+        const type lResult = substitute::function.call arguments;                        \
+        lCall.returned(resultWithErrno(lResult));                                        \
+        return lResult;                                                                  \
+    }
+RENAMED(int, open, (const char* a, int b, mode_t c), (a, b, c), (quoted(a), openFlags(b), octal(c)), )
+RENAMED(ssize_t, read, (int a, void* b, size_t c), (a, b, c),
+        (number(a), place(b), number(static_cast<long long>(c))), )
+RENAMED(ssize_t, write, (int a, const void* b, size_t c), (a, b, c),
+        (number(a), place(b), number(static_cast<long long>(c))), )
+RENAMED(int, gethostname, (char* a, size_t b), (a, b), (place(a), number(static_cast<long long>(b))), noexcept)
+
+// Takes any arguments, so it cannot be called as planned: it formats, or has the text that the test has planned.
+Substitute<int(char*, const char*)> substitute::ClibSprintf("", true);
+int ClibSprintf(char* apBuffer, const char* acFormat, ...)
+{
+    va_list lArguments;
+    va_start(lArguments, acFormat);
+    const int lLength = vsprintf(apBuffer, acFormat, lArguments);
+    va_end(lArguments);
+    if (!isRecorded(__builtin_return_address(0))) {
+        return lLength;
+    }
+    const CallRecord lCall(substitute::ClibSprintf.isShown(), "ClibSprintf", {place(apBuffer), quoted(acFormat)});
+    if (substitute::ClibSprintf.isPlanned()) {
+        return substitute::ClibSprintf.call(apBuffer, acFormat);
+    }
+    lCall.returned(quoted(apBuffer));
+    return lLength;
+}
+
+// A function that calls vfork() and returns takes the frame away under which its child runs on. This vfork() therefore
+// jumps to the real one and leaves no frame of its own, which only the assembler can say. Elsewhere the tests know
+// vfork() as a fork(): the way it is emulated by some systems.
+Substitute<pid_t()> substitute::vfork("vfork", true);
+#define IN_PROGRAM __attribute__((visibility("hidden"), used))
+extern "C" {
+IN_PROGRAM void* gVforkReal = dlsym(RTLD_NEXT, "vfork");
+
+IN_PROGRAM bool gVforkIsPlanned(const void* acReturnAddress)
+{
+    if (!isRecorded(acReturnAddress)) {
+        return false;
+    }
+    const CallRecord lCall(substitute::vfork.isShown(), "vfork", {});
+    return substitute::vfork.isPlanned();
+}
+
+IN_PROGRAM pid_t gVforkPlanned() { return substitute::vfork.call(); }
+}
+#if OQ_SHARING_VFORK
+__asm__(
+    ".text\n"
+    ".globl vfork\n"
+    ".type vfork, @function\n"
+    "vfork:\n"
+    "    endbr64\n"
+    "    movq (%rsp), %rdi\n"
+    "    subq $8, %rsp\n"
+    "    call gVforkIsPlanned\n"
+    "    addq $8, %rsp\n"
+    "    testb %al, %al\n"
+    "    jne gVforkPlanned\n"
+    "    jmp *gVforkReal(%rip)\n"
+    ".size vfork, .-vfork\n");
+#else
+extern "C" pid_t vfork() noexcept
+{
+    return gVforkIsPlanned(__builtin_return_address(0)) ? gVforkPlanned() : substitute::fork.real();
+}
+#endif
 
 #if !OQ_SANITIZED
+namespace
+{
+
+thread_local unsigned int sFirstFailing = 0;
+thread_local bool sAllFail = false;
+thread_local unsigned int sTaken = 0;
+thread_local unsigned int sFreed = 0;
+std::atomic<const void*> sFollowed[4];
+std::atomic<bool> sIsFollowedFreed[4];
+
+}  // namespace
+
 extern "C" void* __libc_malloc(size_t aSize);
+extern "C" void __libc_free(void* apMemory);
+
 extern "C" void* malloc(size_t aSize) noexcept
 {
-    if (sIsWithoutMemory) {
+    ++sTaken;
+    if (0 != sFirstFailing && (sFirstFailing == sTaken || (sAllFail && sFirstFailing < sTaken))) {
         errno = ENOMEM;
         return nullptr;
     }
     return __libc_malloc(aSize);
 }
+
+extern "C" void free(void* apMemory) noexcept
+{
+    if (nullptr != apMemory) {
+        ++sFreed;
+        for (unsigned int lIndex = 0; lIndex < 4; ++lIndex) {
+            if (apMemory == sFollowed[lIndex].load(std::memory_order_relaxed)) {
+                sIsFollowedFreed[lIndex] = true;
+            }
+        }
+    }
+    __libc_free(apMemory);
+}
+
+FailingMemory::FailingMemory(unsigned int aFirst, bool aWithAllLater)
+{
+    sTaken = 0;
+    sFreed = 0;
+    sAllFail = aWithAllLater;
+    sFirstFailing = aFirst;
+}
+void FailingMemory::end() { sFirstFailing = 0; }
+unsigned int FailingMemory::taken() { return sTaken; }
+unsigned int FailingMemory::freed() { return sFreed; }
+
+void followMemory(unsigned int aIndex, const void* acMemory)
+{
+    sIsFollowedFreed[aIndex] = false;
+    sFollowed[aIndex] = acMemory;
+}
+bool isFreed(unsigned int aIndex) { return sIsFollowedFreed[aIndex]; }
+#else
+FailingMemory::FailingMemory(unsigned int, bool) {}
+void FailingMemory::end() {}
+unsigned int FailingMemory::taken() { return 0; }
+unsigned int FailingMemory::freed() { return 0; }
+void followMemory(unsigned int, const void*) {}
+bool isFreed(unsigned int) { return true; }
 #endif
+
+bool FailingMemory::isPossible()
+{
+    const FailingMemory lFailingMemory;
+    void* const volatile lpBlock = malloc(1);
+    free(lpBlock);
+    return nullptr == lpBlock;
+}
 
 void RecordedTest::SetUp()
 {

@@ -11,7 +11,14 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <netdb.h>
 #include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/select.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 
 #include <atomic>
@@ -21,6 +28,13 @@
 #include "Basics.h"
 #include "Events.h"
 
+/// Whether the tests' vfork() shares the memory of its caller. Elsewhere it is a fork().
+#if defined(__x86_64__) && !OQ_SANITIZED
+#define OQ_SHARING_VFORK 1
+#else
+#define OQ_SHARING_VFORK 0
+#endif
+
 /// What all substitutes have in common. Constant-initialised: the loader and the sanitizers call some of them before any
 /// constructor runs.
 class SubstituteBase
@@ -29,16 +43,32 @@ public:
     /// Forgets the plans of all substitutes.
     static void resetAll();
 
+    /// Calls are events, or are not, until the reset. Most are unasked.
+    void show() { setShown(true); }
+    void hide() { setShown(false); }
+    bool isShown() const { return mIsShown; }
+
 protected:
-    explicit constexpr SubstituteBase(const char* acSymbol) : mSymbol(acSymbol) {}
+    constexpr SubstituteBase(const char* acSymbol, bool aIsShown)
+        : mSymbol(acSymbol), mIsShownUnasked(aIsShown), mIsShown(aIsShown)
+    {
+    }
     ~SubstituteBase() = default;
     void planned();
     void* realFunction();
+    void resetShown() { mIsShown = mIsShownUnasked; }
 
 private:
     virtual void reset() = 0;
+    void setShown(bool aIsShown)
+    {
+        planned();
+        mIsShown = aIsShown;
+    }
 
     const char* const mSymbol;
+    const bool mIsShownUnasked;
+    bool mIsShown;
     std::atomic<void*> mReal{nullptr};
     SubstituteBase* mNext = nullptr;  // of those that were planned at least once
     bool mIsListed = false;
@@ -51,7 +81,8 @@ class Substitute<Result(Arguments...)> final : public SubstituteBase
 {
 public:
     /// \param[in] acSymbol  the function's name for the linker
-    explicit constexpr Substitute(const char* acSymbol) : SubstituteBase(acSymbol) {}
+    /// \param[in] aIsShown  whether its calls are events unasked
+    constexpr Substitute(const char* acSymbol, bool aIsShown) : SubstituteBase(acSymbol, aIsShown) {}
 
     /// Runs this in place of the real function.
     void instead(std::function<Result(Arguments...)> aRun)
@@ -60,13 +91,28 @@ public:
         planned();
     }
     /// Each call returns aResult with errno set to aErrno and does nothing else.
-    void fail(Result aResult, int aErrno)
+    template <class Value>
+    void fail(Value aResult, int aErrno)
     {
         instead([aResult, aErrno](Arguments...) {
             errno = aErrno;
-            return aResult;
+            return static_cast<Result>(aResult);
         });
     }
+    /// The n-th call from now returns aResult with errno set to aErrno; all others are real ones.
+    template <class Value>
+    void failOn(unsigned int aNth, Value aResult, int aErrno)
+    {
+        auto lCall = std::make_shared<std::atomic<unsigned int>>(0);
+        instead([this, lCall, aNth, aResult, aErrno](Arguments... aArguments) {
+            if (++*lCall != aNth) {
+                return real(aArguments...);
+            }
+            errno = aErrno;
+            return static_cast<Result>(aResult);
+        });
+    }
+    bool isPlanned() const { return nullptr != mPlan; }
     /// As planned.
     Result call(Arguments... aArguments) { return nullptr == mPlan ? real(aArguments...) : (*mPlan)(aArguments...); }
     Result real(Arguments... aArguments)
@@ -75,38 +121,110 @@ public:
     }
 
 private:
-    void reset() override { mPlan.reset(); }
+    void reset() override
+    {
+        mPlan.reset();
+        resetShown();
+    }
 
     std::unique_ptr<std::function<Result(Arguments...)>> mPlan;
 };
 
 namespace substitute
 {
+extern Substitute<int(int, void*, unsigned int)> ClibBlockRead;
+extern Substitute<int(int)> ClibClose;
+extern Substitute<unsigned int(char*, unsigned int, unsigned int, FILE*)> ClibFread;
+extern Substitute<int(char*, unsigned int)> ClibGethostname;
+extern Substitute<void(long&, unsigned short&)> ClibGetTime;
+extern Substitute<void*(void*, const void*, unsigned int)> ClibMemcpy;
+extern Substitute<void*(void*, int, unsigned int)> ClibMemset;
+extern Substitute<int(const char*, const char*, unsigned int)> ClibnStrcmp;
+extern Substitute<unsigned int(unsigned int)> ClibNtohl;
+extern Substitute<int(const char*, int, int)> ClibOpen;
+extern Substitute<int(int, void*, unsigned int)> ClibRead;
+extern Substitute<void(unsigned long)> ClibSleepMS;
+extern Substitute<int(char*, const char*)> ClibSprintf;
+extern Substitute<int(const char*, struct stat*)> ClibStat;
+extern Substitute<char*(char*, const char*)> ClibStrcpy;
 extern Substitute<char*(char*, unsigned int)> ClibStrerror;
+extern Substitute<unsigned int(const char*)> ClibStrlen;
+extern Substitute<int(const char*)> ClibUnlink;
+extern Substitute<int(int, const void*, unsigned int)> ClibWrite;
 extern Substitute<int(clockid_t, timespec*)> clock_gettime;
+extern Substitute<int(clockid_t, int, const timespec*, timespec*)> clock_nanosleep;
+extern Substitute<int(int)> close;
+extern Substitute<int(const char*, char* const*, char* const*)> execve;
+extern Substitute<int(FILE*)> fflush;
+extern Substitute<FILE*(const char*, const char*)> fopen;
+extern Substitute<pid_t()> fork;
+extern Substitute<int(const OQCString&, OQCString&)> getFirstLineFromFile;
+extern Substitute<hostent*(const char*)> gethostbyname;
+extern Substitute<int(char*, size_t)> gethostname;
+extern Substitute<int(pid_t, int)> kill;
+extern Substitute<int(int, int, off_t)> lockf;
+extern Substitute<int(const char*, mode_t, dev_t)> mknod;
+#if !OQ_SANITIZED
+extern Substitute<void*(void*, size_t, int, int, int, off_t)> mmap;
+#endif
+extern Substitute<int(const char*, int, mode_t)> open;
+extern Substitute<int(FILE*)> pclose;
+extern Substitute<FILE*(const char*, const char*)> popen;
+extern Substitute<int(pthread_attr_t*)> pthread_attr_destroy;
+extern Substitute<int(pthread_attr_t*)> pthread_attr_init;
+extern Substitute<int(pthread_attr_t*, int)> pthread_attr_setdetachstate;
+extern Substitute<int(pthread_attr_t*, size_t)> pthread_attr_setstacksize;
+extern Substitute<int(pthread_t)> pthread_cancel;
 extern Substitute<int(pthread_cond_t*)> pthread_cond_broadcast;
 extern Substitute<int(pthread_cond_t*)> pthread_cond_destroy;
 extern Substitute<int(pthread_cond_t*, const pthread_condattr_t*)> pthread_cond_init;
 extern Substitute<int(pthread_cond_t*)> pthread_cond_signal;
 extern Substitute<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> pthread_cond_timedwait;
 extern Substitute<int(pthread_cond_t*, pthread_mutex_t*)> pthread_cond_wait;
+extern Substitute<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
+extern Substitute<int(pthread_t, void**)> pthread_join;
 extern Substitute<int(pthread_mutex_t*)> pthread_mutex_destroy;
 extern Substitute<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
 extern Substitute<int(pthread_mutex_t*)> pthread_mutex_lock;
 extern Substitute<int(pthread_mutex_t*)> pthread_mutex_trylock;
 extern Substitute<int(pthread_mutex_t*)> pthread_mutex_unlock;
+extern Substitute<ssize_t(int, void*, size_t)> read;
+extern Substitute<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
+extern Substitute<int(pid_t, pid_t)> setpgid;
+extern Substitute<void*(int, const void*, int)> shmat;
+extern Substitute<int(int, int, shmid_ds*)> shmctl;
+extern Substitute<int(const void*)> shmdt;
+extern Substitute<int(key_t, size_t, int)> shmget;
+extern Substitute<int(int, const struct sigaction*, struct sigaction*)> sigaction;
+extern Substitute<int(const char*, struct stat*)> stat;
+extern Substitute<int(const char*)> system;
+extern Substitute<int(const char*)> unlink;
+extern Substitute<pid_t()> vfork;
+extern Substitute<int(idtype_t, id_t, siginfo_t*, int)> waitid;
+extern Substitute<int(pid_t, int*, int)> waitpid;
+extern Substitute<ssize_t(int, const void*, size_t)> write;
 }  // namespace substitute
 
-/// While it lives, malloc, and with it operator new, fails in this thread. Has no effect in sanitized builds and under
-/// Valgrind, which have allocators of their own.
-class WithoutMemory
+/// While it lives, malloc, and with it operator new, fails in this thread: the first call that fails, counted from 1, and
+/// perhaps all later ones; 0: none. Has no effect where another allocator takes the place of the tests' own.
+class FailingMemory
 {
 public:
-    WithoutMemory();
-    ~WithoutMemory() { end(); }
+    explicit FailingMemory(unsigned int aFirst = 1, bool aWithAllLater = true);
+    ~FailingMemory() { end(); }
+    FailingMemory(const FailingMemory&) = delete;
+    FailingMemory& operator=(const FailingMemory&) = delete;
     /// Lets allocations of this thread succeed again.
     static void end();
+    /// False in sanitized builds and under Valgrind.
+    static bool isPossible();
+    /// Blocks that this thread has asked for, and has given back, since the last object was made.
+    static unsigned int taken();
+    static unsigned int freed();
 };
+/// Notes whether the memory at this address is freed from now on; there are four places for it.
+void followMemory(unsigned int aIndex, const void* acMemory);
+bool isFreed(unsigned int aIndex);
 
 /// Starts without events and without plans.
 class RecordedTest : public LeftoverTest
