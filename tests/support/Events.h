@@ -17,6 +17,13 @@
 
 #include "OQLinux.h"
 
+/// For what the thread sanitizer's runtime calls in threads that it does not know yet.
+#if defined(__SANITIZE_THREAD__)
+#define UNWATCHED __attribute__((no_sanitize_thread))
+#else
+#define UNWATCHED
+#endif
+
 struct Event {
     enum Kind { Log, Call, Change, Throw, End };
     Kind mKind;
@@ -63,7 +70,7 @@ public:
 /// Records the calls of the companion, too, until clearEvents().
 void recordCompanion();
 /// Whether the call that returns to this address is recorded.
-bool isRecorded(const void* acReturnAddress);
+UNWATCHED bool isRecorded(const void* acReturnAddress);
 
 /// Shows the object at this address by a name. The names last until clearEvents().
 void nameObject(const char* acName, const void* acObject);

@@ -7,13 +7,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-// The thread sanitizer's runtime calls some of these functions before it can watch their memory accesses.
-#if defined(__SANITIZE_THREAD__)
-#define UNWATCHED __attribute__((no_sanitize_thread))
-#else
-#define UNWATCHED
-#endif
-
 namespace
 {
 
@@ -99,14 +92,15 @@ void SubstituteBase::planned()
     }
 }
 
-// No static variable with a guard: a guard at which several threads wait changes errno.
+// No static variable with a guard: a guard at which several threads wait changes errno. No std::atomic: its functions are
+// watched.
 UNWATCHED void* SubstituteBase::realFunction()
 {
-    void* lpReal = mReal.load(std::memory_order_relaxed);
+    void* lpReal = __atomic_load_n(&mReal, __ATOMIC_RELAXED);
     if (nullptr == lpReal) {
         const int lErrno = errno;
         lpReal = dlsym(RTLD_NEXT, mSymbol);
-        mReal.store(lpReal, std::memory_order_relaxed);
+        __atomic_store_n(&mReal, lpReal, __ATOMIC_RELAXED);
         errno = lErrno;
     }
     return lpReal;

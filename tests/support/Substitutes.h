@@ -69,7 +69,7 @@ private:
     const char* const mSymbol;
     const bool mIsShownUnasked;
     bool mIsShown;
-    std::atomic<void*> mReal{nullptr};
+    void* mReal = nullptr;
     SubstituteBase* mNext = nullptr;  // of those that were planned at least once
     bool mIsListed = false;
 };
@@ -115,7 +115,7 @@ public:
     bool isPlanned() const { return nullptr != mPlan; }
     /// As planned.
     Result call(Arguments... aArguments) { return nullptr == mPlan ? real(aArguments...) : (*mPlan)(aArguments...); }
-    Result real(Arguments... aArguments)
+    UNWATCHED Result real(Arguments... aArguments)
     {
         return reinterpret_cast<Result (*)(Arguments...)>(realFunction())(aArguments...);
     }
