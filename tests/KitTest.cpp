@@ -225,8 +225,9 @@ TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
 
 TEST_F(KitTest, EventsOfChildrenAreInTheSequenceOfTheirParent)
 {
-    nameText("program", "/nowhere");
     char* lNone[] = {nullptr};
+    nameText("program", "/nowhere");
+    nameObject("none", lNone);
     substitute::pthread_mutex_init.hide();
     substitute::pthread_mutex_lock.hide();
     substitute::ClibStrerror.instead([](char* apBuffer, unsigned int) { return strcpy(apBuffer, "text"); });
@@ -244,7 +245,7 @@ TEST_F(KitTest, EventsOfChildrenAreInTheSequenceOfTheirParent)
     EXPECT_EQ(R"(Entered
 fflush(stdin) = 0
 vfork()
-child 1: execve(program, memory, memory) = -1 ENOENT
+child 1: execve(program, none, none) = -1 ENOENT
 waitpid(child 1, null, 0) = child 1
 fork() = child 2
 child 2: ClibStrerror(local, 512) = "text"
