@@ -225,16 +225,17 @@ TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
 
 TEST_F(KitTest, EventsOfChildrenAreInTheSequenceOfTheirParent)
 {
-    char* lNone[] = {nullptr};
+    char lName[] = "name";
+    char* lTexts[] = {lName, nullptr};
     nameText("program", "/nowhere");
-    nameObject("none", lNone);
+    nameObject("texts", lTexts);
     substitute::pthread_mutex_init.hide();
     substitute::pthread_mutex_lock.hide();
     substitute::ClibStrerror.instead([](char* apBuffer, unsigned int) { return strcpy(apBuffer, "text"); });
     const pid_t lTest = getpid();
     const Recording lRecording;
     try {
-        ProcessWait(ProcessCreate("/nowhere", lNone, lNone), 0);
+        ProcessWait(ProcessCreate("/nowhere", lTexts, lTexts), 0);
     } catch (const OQCException&) {
         if (getpid() != lTest) {
             endChild();
@@ -245,7 +246,7 @@ TEST_F(KitTest, EventsOfChildrenAreInTheSequenceOfTheirParent)
     EXPECT_EQ(R"(Entered
 fflush(stdin) = 0
 vfork()
-child 1: execve(program, none, none) = -1 ENOENT
+child 1: execve(program, texts, texts) = -1 ENOENT
 waitpid(child 1, null, 0) = child 1
 fork() = child 2
 child 2: ClibStrerror(local, 512) = "text"
