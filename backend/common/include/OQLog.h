@@ -14,15 +14,12 @@
     PrintLogMessageWithTimeStamp(level, tag, __LINE__, function, file, __VA_ARGS__)
 
 /// Ends the process after a broken precondition: logs one line with the text of the condition and exits with status 1.
-/// A separate function, so that a check costs its caller only a test and a jump.
 /// \param[in] aLine       source line of the check
 /// \param[in] acFunction  unqualified name of the checking function
 /// \param[in] acFile      file name for the log
 /// \param[in] acCondition text of the condition
-[[noreturn, gnu::cold, gnu::noinline]] OQ_LOCAL inline void oqAssertionFailed(unsigned int aLine,
-                                                                              const char* acFunction,
-                                                                              const char* acFile,
-                                                                              const char* acCondition)
+[[noreturn]] OQ_LOCAL inline void oqAssertionFailed(unsigned int aLine, const char* acFunction, const char* acFile,
+                                                    const char* acCondition)
 {
     PrintLogMessageWithTimeStamp(OQLL_Halt, "-H-", aLine, acFunction, acFile, "Assertion [ %s ] failed\n", acCondition);
     exit(1);
