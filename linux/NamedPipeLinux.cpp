@@ -28,6 +28,18 @@ int flagsOf(OQEFileMode aMode)
     }
 }
 
+/// What both reads do between "Entered" and "Left", logged as the calling operation. After a failed read the count is 0.
+void readWith(int (*apRead)(int, void*, unsigned int), const char* acFunction, int aPipe, unsigned char* apBuffer,
+              unsigned int aLength, unsigned int& arDone)
+{
+    arDone = 0;
+    OQ_TRACE_AS(acFunction, "Reading %u bytes", aLength);
+    const int lRead = apRead(aPipe, apBuffer, aLength);
+    if (0 <= lRead) {
+        arDone = static_cast<unsigned int>(lRead);
+    }
+}
+
 }  // namespace
 
 void OsNamedPipeCreate(const OQCString& acrPath, int&)
@@ -90,24 +102,14 @@ void OsNamedPipeAccept(int)
 void OsNamedPipeRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone)
 {
     OQ_ENTERED();
-    arDone = 0;
-    OQ_TRACE("Reading %u bytes", aLength);
-    const int lRead = ClibRead(aPipe, apBuffer, aLength);
-    if (0 <= lRead) {
-        arDone = static_cast<unsigned int>(lRead);
-    }
+    readWith(ClibRead, __func__, aPipe, apBuffer, aLength, arDone);
     OQ_LEFT();
 }
 
 void OsNamedPipeBlockRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone)
 {
     OQ_ENTERED();
-    arDone = 0;
-    OQ_TRACE("Reading %u bytes", aLength);
-    const int lRead = ClibBlockRead(aPipe, apBuffer, aLength);
-    if (0 <= lRead) {
-        arDone = static_cast<unsigned int>(lRead);
-    }
+    readWith(ClibBlockRead, __func__, aPipe, apBuffer, aLength, arDone);
     OQ_LEFT();
 }
 
