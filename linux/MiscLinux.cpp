@@ -26,7 +26,7 @@ const unsigned int cBufferSize = 4000;         // bytes of the read buffer and o
 const unsigned int cHostNameSize = 128;        // bytes
 const unsigned int cLoopbackPrefixLength = 4;  // of "127."
 
-const char* const cNoAddress = "No non-loopback IP Address configured on system";  // repeated in the log calls
+const char* const cNoAddress = "No non-loopback IP Address configured on system";
 const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
 
 /// Allocates a zeroed buffer of 4000 bytes with malloc().
@@ -270,7 +270,7 @@ void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses)
         return false;
     });
     if (0 == lTaken) {
-        OQ_HALT_AS(lpFunction, "No non-loopback IP Address configured on system");
+        OQ_HALT_AS(lpFunction, cNoAddress);
         throwWith<OQCGetIpAddressFailEx>(cNoAddress);
     }
     OQ_LEFT();
@@ -288,7 +288,7 @@ void OsGetIpAddress(unsigned int& arAddress)
         return true;
     });
     if (!lFound) {
-        OQ_HALT_AS(lpFunction, "No non-loopback IP Address configured on system");
+        OQ_HALT_AS(lpFunction, cNoAddress);
         throwWith<OQCGetIpAddressFailEx>(cNoAddress);
     }
     OQ_LEFT();
