@@ -147,6 +147,8 @@ private:
         }
     }
 
+    // Out of line: inlined, it makes the text of the library 3.0 KB larger. Copying a text then takes 146 instructions
+    // instead of 161.
     [[gnu::noinline]] void _releaseMemory()
     {
         delete mReferenceCount;
