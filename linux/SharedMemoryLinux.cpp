@@ -128,12 +128,13 @@ template <Flag aFlag>
 void sTimedWaitOnFlag(const OQShmDesc& acrShmDesc, unsigned int aSeconds)
 {
     OQ_ENTERED();
+    const unsigned int lLimit = aSeconds * 1000;  // wraps for 4294968 seconds and more
     const int64_t lStart = now();
     while (!aFlag(acrShmDesc.shm_addr)) {
         ClibSleepMS(cPollMilliseconds);
-        // The product wraps for 4294968 seconds and more. If the clock was set back, the elapsed time is negative.
-        // Converted to unsigned it exceeds every limit and ends the wait.
-        if (static_cast<uint64_t>(now() - lStart) >= aSeconds * 1000) {
+        // If the clock was set back, the elapsed time is negative. Converted to unsigned it exceeds every limit and
+        // ends the wait.
+        if (static_cast<uint64_t>(now() - lStart) >= lLimit) {
             OQ_TRACE(cTimedOut);
             throwWith<OQCTimeOutEx>(cTimedOut);
         }
