@@ -1,74 +1,30 @@
+// The ownership of pointees. How operations end the process or throw: outcomes/Values.cpp.
+
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <new>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "TestKit.h"
+#include "Substitutes.h"
 
 namespace
 {
 
-/// What happens to counters and pointees, in its order.
-typedef std::vector<std::string> Events;
-Events sEvents;
-bool sNoted = false;
-bool sCounterThrows = false;
-void* volatile sWatched = nullptr;
-volatile int sWatchedFrees = 0;
+typedef std::vector<std::string> Texts;
 
-void note(const std::string& acrEvent)
-{
-    if (sNoted) {
-        sEvents.push_back(acrEvent);
-    }
-}
-
-}  // namespace
-
-// The program's own counter takes the place of the companion's, in the same words, and notes each call.
-OQCReferenceCount::OQCReferenceCount(unsigned int aInitial) : mCount(aInitial)
-{
-    note("counter " + std::to_string(aInitial));
-    if (sCounterThrows) {
-        throw 42;
-    }
-}
-
-OQCReferenceCount::~OQCReferenceCount() { note("~counter"); }
-
-void OQCReferenceCount::increment() { note("increment to " + std::to_string(++mCount)); }
-
-unsigned int OQCReferenceCount::decrement()
-{
-    const unsigned int lCount = --mCount;
-    note("decrement to " + std::to_string(lCount));
-    return lCount;
-}
-
-#if !OQ_SANITIZED
-extern "C" void __libc_free(void* apMemory);
-extern "C" void free(void* apMemory) noexcept
-{
-    if (nullptr != apMemory && sWatched == apMemory) {
-        sWatchedFrees = sWatchedFrees + 1;
-    }
-    __libc_free(apMemory);
-}
-#endif
-
-namespace
-{
+void note(const char* acEvent) { const CallRecord lCall(true, acEvent, {}); }
 
 /// A pointee that notes its end and the form of delete that frees it.
 class Pointee
 {
 public:
     explicit Pointee(int aNumber = 0) : mNumber(aNumber) {}
-    ~Pointee() { note("~pointee " + std::to_string(mNumber)); }
+    ~Pointee() { const CallRecord lCall(true, "~Pointee", {::number(mNumber)}); }
     int number() const { return mNumber; }
     void setNumber(int aNumber) { mNumber = aNumber; }
 
@@ -83,12 +39,12 @@ public:
     }
     __attribute__((noinline)) static void operator delete(void* apMemory)
     {
-        note("delete");
+        note("operator delete");
         free(apMemory);
     }
     __attribute__((noinline)) static void operator delete[](void* apMemory)
     {
-        note("delete[]");
+        note("operator delete[]");
         free(apMemory);
     }
 
@@ -161,47 +117,28 @@ PointeePointer single(int aNumber = 1)
     return PointeePointer(new (std::nothrow) Pointee(aNumber), OQPST_Individual, OQPMT_New);
 }
 
-class PointerTest : public LayerTest
+class PointerTest : public RecordedTest
 {
 protected:
     void SetUp() override
     {
-        LayerTest::SetUp();
-        startNoting();
-    }
-    void TearDown() override
-    {
-        sNoted = false;
-        sCounterThrows = false;
-        sEvents.clear();
-        sWatched = nullptr;
-        LayerTest::TearDown();
+        RecordedTest::SetUp();
+        substitute::counter.show();
     }
 
-    static void startNoting()
+    /// What has happened to counters and pointees since the last call of this, in its order. The types are silent.
+    static Texts events()
     {
-        sEvents.clear();
-        sNoted = true;
+        Texts lTexts;
+        std::istringstream lLines(traceOf(recorded(), "", ""));
+        for (std::string lLine; getline(lLines, lLine);) {
+            lTexts.push_back(lLine);
+        }
+        clearTexts();
+        return lTexts;
     }
-    static Events events()
-    {
-        Events lEvents;
-        lEvents.swap(sEvents);
-        return lEvents;
-    }
-    static LinesOf linesOf(const char* acFunction) { return LinesOf("backend/common/include/Pointer", acFunction); }
 
-    /// Expects that the operation ends a process with exit status 1 and this line, and nothing else.
-    static void expectAssertion(const char* acFunction, const char* acCondition, const std::function<void()>& acrRun)
-    {
-        const ChildResult lChild = inChild([&acrRun] {
-            sNoted = false;
-            acrRun();
-        });
-        EXPECT_EQ(1, lChild.mExitStatus);
-        EXPECT_EQ(0, lChild.mSignal);
-        EXPECT_EQ((Lines{linesOf(acFunction).assertion(acCondition)}), lChild.mLines);
-    }
+    const Recording mRecording;
 };
 
 TEST_F(PointerTest, FieldsStandInTheirOrder)
@@ -239,83 +176,30 @@ TEST_F(PointerTest, DefaultBuiltPointerIsEmptyAndSilent)
     expectEmpty(lStorage.room());
     lStorage.pointer().~PointeePointer();
     expectEmpty(lStorage.room());
-    EXPECT_EQ(Events(), events());
-    EXPECT_EQ(Lines(), logged());
+    EXPECT_EQ(Texts(), events());
 }
 
 TEST_F(PointerTest, ConstructionMakesACounterOfOne)
 {
     {
         const PointeePointer lPointer = single(5);
-        EXPECT_EQ((Events{"counter 1"}), events());
+        EXPECT_EQ((Texts{"OQCReferenceCount(1)"}), events());
         EXPECT_EQ(1U, countOf(lPointer));
     }
-    EXPECT_EQ((Events{"decrement to 0", "~counter", "~pointee 5", "delete"}), events());
-    EXPECT_EQ(Lines(), logged());
-}
-
-TEST_F(PointerTest, NullPointeeThrowsNoMemoryBeforeACounterIsMade)
-{
-    EXPECT_FAILURE(OQCNoMemoryEx, 2, "Out of Memory", PointeePointer(nullptr, OQPST_Individual, OQPMT_New));
-    EXPECT_FAILURE(OQCNoMemoryEx, 2, "Out of Memory", PointeePointer(nullptr, OQPST_Array, OQPMT_Malloc));
-    EXPECT_EQ(Events(), events());
-    EXPECT_EQ(Lines(), logged());
-}
-
-TEST_F(PointerTest, CounterThatCannotBeHadThrowsNoMemoryAndLeavesThePointeeAllocated)
-{
-    if (OQ_SANITIZED) {
-        GTEST_SKIP() << "allocations are the sanitizer's and cannot be made to fail";
-    }
-    Pointee* const lpPointee = new (std::nothrow) Pointee(8);
-    sWatched = lpPointee;
-    sWatchedFrees = 0;
-    bool lThrown = false;
-    gMallocFault.failOn(1);
-    try {
-        const PointeePointer lPointer(lpPointee, OQPST_Individual, OQPMT_New);
-    } catch (const OQCNoMemoryEx& acrFailure) {
-        gMallocFault.stop();
-        lThrown = true;
-        EXPECT_STREQ("Out of Memory", acrFailure.what());
-        EXPECT_EQ(2U, acrFailure.code());
-    }
-    gMallocFault.stop();
-    EXPECT_TRUE(lThrown);
-    EXPECT_EQ(Events(), events());
-    EXPECT_EQ(0, sWatchedFrees);
-    EXPECT_EQ(8, lpPointee->number());
-    EXPECT_EQ(Lines(), logged());
-    delete lpPointee;
-}
-
-/// The counter is the host's: one that throws passes its exception on, and only its own memory is freed again.
-TEST_F(PointerTest, ExceptionOfTheCounterPassesAndLeavesThePointeeAllocated)
-{
-    Pointee* const lpPointee = new (std::nothrow) Pointee(8);
-    sWatched = lpPointee;
-    sWatchedFrees = 0;
-    sCounterThrows = true;
-    EXPECT_THROW(PointeePointer(lpPointee, OQPST_Individual, OQPMT_New), int);
-    EXPECT_EQ((Events{"counter 1"}), events());
-    EXPECT_EQ(0, sWatchedFrees);
-    EXPECT_EQ(8, lpPointee->number());
-    EXPECT_EQ(Lines(), logged());
-    delete lpPointee;
+    EXPECT_EQ((Texts{"decrement() = 0", "~OQCReferenceCount()", "~Pointee(5)", "operator delete()"}), events());
 }
 
 TEST_F(PointerTest, ConstructionAllocatesTheCounterAlone)
 {
-    if (OQ_SANITIZED) {
-        GTEST_SKIP() << "allocations are the sanitizer's";
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
     }
-    sNoted = false;
     Pointee* const lpPointee = new (std::nothrow) Pointee(8);
-    gMallocFault.failOn(0);
+    const FailingMemory lCounting(0);
     const PointeePointer lPointer(lpPointee, OQPST_Individual, OQPMT_New);
     PointeePointer lOther(lPointer);
     lOther = lPointer;
-    EXPECT_EQ(1U, gMallocFault.stop());
+    EXPECT_EQ(1U, FailingMemory::taken());
 }
 
 TEST_F(PointerTest, AssignedPointersShareACounterOfTwoAndTheLastOneFrees)
@@ -325,7 +209,7 @@ TEST_F(PointerTest, AssignedPointersShareACounterOfTwoAndTheLastOneFrees)
     new (lFirst.room()) PointeePointer(new (std::nothrow) Pointee(3), OQPST_Individual, OQPMT_New);
     new (lSecond.room()) PointeePointer();
     EXPECT_EQ(&lSecond.pointer(), &(lSecond.pointer() = lFirst.pointer()));
-    EXPECT_EQ((Events{"counter 1", "increment to 2"}), events());
+    EXPECT_EQ((Texts{"OQCReferenceCount(1)", "increment() = 2"}), events());
     EXPECT_EQ(2U, countOf(lFirst.pointer()));
     const Fields lOfFirst = fieldsAt(lFirst.room());
     const Fields lOfSecond = fieldsAt(lSecond.room());
@@ -335,14 +219,13 @@ TEST_F(PointerTest, AssignedPointersShareACounterOfTwoAndTheLastOneFrees)
     EXPECT_EQ(lOfFirst.mMemoryType, lOfSecond.mMemoryType);
 
     lFirst.pointer().~PointeePointer();
-    EXPECT_EQ((Events{"decrement to 1"}), events());
+    EXPECT_EQ((Texts{"decrement() = 1"}), events());
     expectEmpty(lFirst.room());
     EXPECT_EQ(3, lSecond.pointer()->number());
 
     lSecond.pointer().~PointeePointer();
-    EXPECT_EQ((Events{"decrement to 0", "~counter", "~pointee 3", "delete"}), events());
+    EXPECT_EQ((Texts{"decrement() = 0", "~OQCReferenceCount()", "~Pointee(3)", "operator delete()"}), events());
     expectEmpty(lSecond.room());
-    EXPECT_EQ(Lines(), logged());
 }
 
 TEST_F(PointerTest, CounterIsFreedBeforeThePointee)
@@ -352,7 +235,7 @@ TEST_F(PointerTest, CounterIsFreedBeforeThePointee)
     lPointer = single(2);
     // The old pointee goes before the new counter rises; the temporary lets go last.
     EXPECT_EQ(
-        (Events{"counter 1", "decrement to 0", "~counter", "~pointee 1", "delete", "increment to 2", "decrement to 1"}),
+        (Texts{"OQCReferenceCount(1)", "decrement() = 0", "~OQCReferenceCount()", "~Pointee(1)", "operator delete()", "increment() = 2", "decrement() = 1"}),
         events());
     EXPECT_EQ(2, lPointer->number());
     EXPECT_EQ(1U, countOf(lPointer));
@@ -360,20 +243,15 @@ TEST_F(PointerTest, CounterIsFreedBeforeThePointee)
 
 TEST_F(PointerTest, CounterAndPointeeAreFreedOnceEach)
 {
-    if (OQ_SANITIZED) {
-        GTEST_SKIP() << "the sanitizer watches over this itself, in every test";
-    }
-    for (const bool lIsCounter : {true, false}) {
-        Storage lStorage;
-        new (lStorage.room()) PointeePointer(new (std::nothrow) Pointee(3), OQPST_Individual, OQPMT_New);
-        const Fields lFields = fieldsAt(lStorage.room());
-        sNoted = false;  // noting allocates, perhaps at the very place that was freed
-        sWatchedFrees = 0;
-        sWatched = lIsCounter ? lFields.mReferenceCount : lFields.mPointer;
-        lStorage.pointer().~PointeePointer();
-        sWatched = nullptr;
-        EXPECT_EQ(1, sWatchedFrees) << lIsCounter;
-    }
+    Storage lStorage;
+    new (lStorage.room()) PointeePointer(new (std::nothrow) Pointee(3), OQPST_Individual, OQPMT_New);
+    const Fields lFields = fieldsAt(lStorage.room());
+    followMemory(0, lFields.mReferenceCount);
+    followMemory(1, lFields.mPointer);
+    const FailingMemory lCounting(0);
+    lStorage.pointer().~PointeePointer();
+    EXPECT_EQ(FailingMemory::isPossible(), isFreed(0));
+    EXPECT_EQ(FailingMemory::isPossible(), isFreed(1));
 }
 
 TEST_F(PointerTest, AssignmentFromOneOfManyHoldersReleasesOnlyOne)
@@ -383,7 +261,7 @@ TEST_F(PointerTest, AssignmentFromOneOfManyHoldersReleasesOnlyOne)
     const PointeePointer lOther = single(2);
     events();
     lFirst = lOther;
-    EXPECT_EQ((Events{"decrement to 1", "increment to 2"}), events());
+    EXPECT_EQ((Texts{"decrement() = 1", "increment() = 2"}), events());
     EXPECT_EQ(1, lKept->number());
     EXPECT_EQ(2, lFirst->number());
     EXPECT_EQ(1U, countOf(lKept));
@@ -396,7 +274,7 @@ TEST_F(PointerTest, AssignmentBetweenHoldersOfOnePointeeKeepsTheCount)
     const PointeePointer lSecond(lFirst);
     events();
     lFirst = lSecond;
-    EXPECT_EQ((Events{"decrement to 1", "increment to 2"}), events());
+    EXPECT_EQ((Texts{"decrement() = 1", "increment() = 2"}), events());
     EXPECT_EQ(2U, countOf(lSecond));
 }
 
@@ -407,7 +285,7 @@ TEST_F(PointerTest, SelfAssignmentChangesNothing)
     const Fields lBefore = fieldsAt(&lPointer);
     events();
     EXPECT_EQ(&lPointer, &(lPointer = lrSelf));
-    EXPECT_EQ(Events(), events());
+    EXPECT_EQ(Texts(), events());
     EXPECT_EQ(lBefore.mPointer, fieldsAt(&lPointer).mPointer);
     EXPECT_EQ(lBefore.mReferenceCount, fieldsAt(&lPointer).mReferenceCount);
     EXPECT_EQ(1U, countOf(lPointer));
@@ -419,14 +297,14 @@ TEST_F(PointerTest, CopyConstructionKeepsTheCountRight)
     events();
     {
         const PointeePointer lSecond(lFirst);
-        EXPECT_EQ((Events{"increment to 2"}), events());
+        EXPECT_EQ((Texts{"increment() = 2"}), events());
         EXPECT_EQ(4, lSecond->number());
     }
-    EXPECT_EQ((Events{"decrement to 1"}), events());
+    EXPECT_EQ((Texts{"decrement() = 1"}), events());
     const PointeePointer lEmpty;
     const PointeePointer lCopy(lEmpty);
     expectEmpty(&lCopy);
-    EXPECT_EQ(Events(), events());
+    EXPECT_EQ(Texts(), events());
 }
 
 TEST_F(PointerTest, ArrayIsFreedWithItsOwnDeleteLastElementFirst)
@@ -439,27 +317,26 @@ TEST_F(PointerTest, ArrayIsFreedWithItsOwnDeleteLastElementFirst)
         const PointeePointer lPointer(lpArray, OQPST_Array, OQPMT_New);
         events();
     }
-    EXPECT_EQ((Events{"decrement to 0", "~counter", "~pointee 2", "~pointee 1", "~pointee 0", "delete[]"}), events());
-    EXPECT_EQ(Lines(), logged());
+    EXPECT_EQ((Texts{"decrement() = 0", "~OQCReferenceCount()", "~Pointee(2)", "~Pointee(1)", "~Pointee(0)", "operator delete[]()"}), events());
 }
 
 TEST_F(PointerTest, MallocBlockIsFreedWithFreeAndNoDestructorRuns)
 {
     for (const OQEPointerSizeType lSizeType : {OQPST_Individual, OQPST_Array, static_cast<OQEPointerSizeType>(7)}) {
         void* const lpBlock = malloc(sizeof(Pointee));
-        sWatchedFrees = 0;
+        void* const lpConstant = malloc(sizeof(int));
+        followMemory(0, lpBlock);
+        followMemory(1, lpConstant);
         {
             const PointeePointer lPointer(::new (lpBlock) Pointee(1), lSizeType, OQPMT_Malloc);
-            EXPECT_EQ((Events{"counter 1"}), events());
-            sWatched = lpBlock;
+            const Pointer<const int> lConstant(::new (lpConstant) int(6), OQPST_Individual, OQPMT_Malloc);
+            EXPECT_EQ(6, *lConstant);
+            events();
         }
-        // Under the leak checker a block that is not freed, or not with free(), is reported; here the calls are
-        // counted.
-        EXPECT_EQ(OQ_SANITIZED ? 0 : 1, sWatchedFrees);
-        sWatched = nullptr;
-        EXPECT_EQ((Events{"decrement to 0", "~counter"}), events());
+        EXPECT_EQ(FailingMemory::isPossible(), isFreed(0));
+        EXPECT_EQ(FailingMemory::isPossible(), isFreed(1));
+        EXPECT_EQ((Texts{"decrement() = 0", "~OQCReferenceCount()", "decrement() = 0", "~OQCReferenceCount()"}), events());
     }
-    EXPECT_EQ(Lines(), logged());
 }
 
 TEST_F(PointerTest, ConstantPointeeIsHeldComparedAndFreedAsAnyOther)
@@ -478,23 +355,9 @@ TEST_F(PointerTest, ConstantPointeeIsHeldComparedAndFreedAsAnyOther)
         EXPECT_EQ(lpArray, &*lArray);
         events();
     }
-    EXPECT_EQ((Events{"decrement to 0", "~counter", "~pointee 0", "~pointee 0", "delete[]", "decrement to 1",
-                      "decrement to 0", "~counter", "~pointee 5", "delete"}),
+    EXPECT_EQ((Texts{"decrement() = 0", "~OQCReferenceCount()", "~Pointee(0)", "~Pointee(0)", "operator delete[]()", "decrement() = 1",
+                      "decrement() = 0", "~OQCReferenceCount()", "~Pointee(5)", "operator delete()"}),
               events());
-    EXPECT_EQ(Lines(), logged());
-}
-
-TEST_F(PointerTest, ConstantMallocBlockIsFreedWithFree)
-{
-    void* const lpBlock = malloc(sizeof(int));
-    sWatchedFrees = 0;
-    {
-        const Pointer<const int> lPointer(::new (lpBlock) int(6), OQPST_Individual, OQPMT_Malloc);
-        EXPECT_EQ(6, *lPointer);
-        sWatched = lpBlock;
-    }
-    EXPECT_EQ(OQ_SANITIZED ? 0 : 1, sWatchedFrees);
-    sWatched = nullptr;
 }
 
 TEST_F(PointerTest, StarGivesTheObjectOrTheFirstElement)
@@ -510,7 +373,6 @@ TEST_F(PointerTest, StarGivesTheObjectOrTheFirstElement)
     (*lArray).setNumber(9);
     EXPECT_EQ(9, lpArray[0].number());
     EXPECT_EQ(0, lpArray[1].number());
-    EXPECT_EQ(Lines(), logged());
 }
 
 TEST_F(PointerTest, ArrowGivesTheSingleObject)
@@ -521,7 +383,6 @@ TEST_F(PointerTest, ArrowGivesTheSingleObject)
     EXPECT_EQ(8, lrConstant->number());
     EXPECT_EQ(fieldsAt(&lPointer).mPointer, lPointer.operator->());
     EXPECT_EQ(fieldsAt(&lPointer).mPointer, lrConstant.operator->());
-    EXPECT_EQ(Lines(), logged());
 }
 
 TEST_F(PointerTest, UnequalTellsEmptinessAndNeverAsserts)
@@ -544,132 +405,6 @@ TEST_F(PointerTest, UnequalTellsEmptinessAndNeverAsserts)
     overwrite(lCopy.room(), 0, &lFields.mPointer, sizeof(void*));
     EXPECT_FALSE(lCopy.pointer() != 0);
     EXPECT_TRUE(lCopy.pointer() != &lOther);
-    EXPECT_EQ(Lines(), logged());
-}
-
-TEST_F(PointerTest, DereferencingAnEmptyPointerEndsTheProcess)
-{
-    expectAssertion("operator*", "0 != mPointer", [] {
-        PointeePointer lEmpty;
-        (*lEmpty).setNumber(1);
-    });
-    expectAssertion("operator->", "0 != mPointer", [] {
-        PointeePointer lEmpty;
-        lEmpty->setNumber(1);
-    });
-    expectAssertion("operator->", "0 != mPointer", [] {
-        const PointeePointer lEmpty;
-        (void)lEmpty->number();
-    });
-}
-
-TEST_F(PointerTest, DereferencingWithoutACounterEndsTheProcess)
-{
-    static void* sCounter;  // still reachable when the child ends
-    const auto lDamaged = [](Storage& arStorage) -> PointeePointer& {
-        new (arStorage.room()) PointeePointer(new (std::nothrow) Pointee(3), OQPST_Individual, OQPMT_New);
-        sCounter = fieldsAt(arStorage.room()).mReferenceCount;
-        void* const lpNone = nullptr;
-        overwrite(arStorage.room(), sizeof(void*), &lpNone, sizeof lpNone);
-        return arStorage.pointer();
-    };
-    expectAssertion("operator*", "0 != mReferenceCount", [&lDamaged] {
-        Storage lStorage;
-        (void)*lDamaged(lStorage);
-    });
-    expectAssertion("operator->", "0 != mReferenceCount", [&lDamaged] {
-        Storage lStorage;
-        (void)lDamaged(lStorage)->number();
-    });
-    expectAssertion("operator=", "0 != acrCopy.mReferenceCount", [&lDamaged] {
-        Storage lStorage;
-        PointeePointer lTarget;
-        lTarget = lDamaged(lStorage);
-    });
-    expectAssertion("operator=", "0 != acrCopy.mReferenceCount", [&lDamaged] {
-        Storage lStorage;
-        PointeePointer& lrSelf = lDamaged(lStorage);
-        lDamaged(lStorage) = lrSelf;
-    });
-    // The destructor asks for both and leaves alone what it cannot count.
-    Storage lStorage;
-    lDamaged(lStorage);
-    Pointee* const lpPointee = static_cast<Pointee*>(fieldsAt(lStorage.room()).mPointer);
-    events();
-    lStorage.pointer().~PointeePointer();
-    EXPECT_EQ(Events(), events());
-    expectEmpty(lStorage.room());
-    delete lpPointee;
-    delete static_cast<OQCReferenceCount*>(sCounter);
-}
-
-TEST_F(PointerTest, ArrowOnAnArrayEndsTheProcess)
-{
-    expectAssertion("operator->", "OQPST_Individual == mSizeType", [] {
-        PointeePointer lArray(new (std::nothrow) Pointee[2], OQPST_Array, OQPMT_New);
-        lArray->setNumber(1);
-    });
-    expectAssertion("operator->", "OQPST_Individual == mSizeType", [] {
-        const PointeePointer lArray(new (std::nothrow) Pointee[2], OQPST_Array, OQPMT_New);
-        (void)lArray->number();
-    });
-    expectAssertion("operator->", "OQPST_Individual == mSizeType", [] {
-        PointeePointer lOdd(new (std::nothrow) Pointee, static_cast<OQEPointerSizeType>(7), OQPMT_New);
-        lOdd->setNumber(1);
-    });
-}
-
-TEST_F(PointerTest, StarOnAnUnknownSizeTypeEndsTheProcess)
-{
-    for (const int lSizeType : {0, 3, 7, 255}) {
-        expectAssertion("operator*", "false", [lSizeType] {
-            PointeePointer lOdd(new (std::nothrow) Pointee, static_cast<OQEPointerSizeType>(lSizeType), OQPMT_New);
-            (*lOdd).setNumber(1);
-        });
-    }
-}
-
-TEST_F(PointerTest, AssignmentFromAnEmptyPointerEndsTheProcess)
-{
-    expectAssertion("operator=", "0 != acrCopy.mPointer", [] {
-        const PointeePointer lEmpty;
-        PointeePointer lTarget = single(1);
-        lTarget = lEmpty;
-    });
-}
-
-TEST_F(PointerTest, AssignmentOfAnEmptyPointerToItselfEndsTheProcess)
-{
-    expectAssertion("operator=", "0 != acrCopy.mPointer", [] {
-        PointeePointer lEmpty;
-        const PointeePointer& lrSelf = lEmpty;
-        lEmpty = lrSelf;
-    });
-}
-
-TEST_F(PointerTest, FreeingWithAnUnknownKindEndsTheProcess)
-{
-    static Pointee* sPointee;  // still reachable when the child ends
-    for (const int lKind : {0, 3, 7, 255}) {
-        expectAssertion("_releaseMemory", "false", [lKind] {
-            sPointee = new (std::nothrow) Pointee;
-            const PointeePointer lOdd(sPointee, static_cast<OQEPointerSizeType>(lKind), OQPMT_New);
-        });
-        expectAssertion("_releaseMemory", "false", [lKind] {
-            sPointee = new (std::nothrow) Pointee;
-            const PointeePointer lOdd(sPointee, OQPST_Individual, static_cast<OQEPointerMemoryType>(lKind));
-        });
-        expectAssertion("_releaseMemory", "false", [lKind] {
-            sPointee = new (std::nothrow) Pointee;
-            PointeePointer lOdd(sPointee, static_cast<OQEPointerSizeType>(lKind), OQPMT_New);
-            lOdd = single(2);
-        });
-        expectAssertion("_releaseMemory", "false", [lKind] {
-            sPointee = new (std::nothrow) Pointee;
-            PointeePointer lOdd(sPointee, OQPST_Individual, static_cast<OQEPointerMemoryType>(lKind));
-            lOdd = single(2);
-        });
-    }
 }
 
 TEST_F(PointerTest, UnknownKindIsNoMatterUntilTheLastHolderFrees)
@@ -681,8 +416,7 @@ TEST_F(PointerTest, UnknownKindIsNoMatterUntilTheLastHolderFrees)
         const PointeePointer lSecond(lStorage.pointer());
         EXPECT_EQ(9, fieldsAt(&lSecond).mMemoryType);
     }
-    EXPECT_EQ((Events{"counter 1", "increment to 2", "decrement to 1"}), events());
-    EXPECT_EQ(Lines(), logged());
+    EXPECT_EQ((Texts{"OQCReferenceCount(1)", "increment() = 2", "decrement() = 1"}), events());
     const unsigned char lNew = OQPMT_New;
     overwrite(lStorage.room(), 2 * sizeof(void*) + 1, &lNew, 1);
     lStorage.pointer().~PointeePointer();
@@ -703,20 +437,23 @@ TEST_F(PointerTest, DestroyedPointerReadsAsEmpty)
     EXPECT_EQ(1U, countOf(lKept));
 }
 
-TEST_F(PointerTest, DestroyedPointerEndsTheProcessWhenDereferenced)
+TEST_F(PointerTest, CounterLeftWithoutAPointeeIsNotTouched)
 {
-    expectAssertion("operator*", "0 != mPointer", [] {
-        Storage lStorage;
-        new (lStorage.room()) PointeePointer(new (std::nothrow) Pointee(1), OQPST_Individual, OQPMT_New);
-        lStorage.pointer().~PointeePointer();
-        __asm__ volatile("" : : "r"(lStorage.room()) : "memory");
-        (void)*lStorage.pointer();
-    });
+    Storage lStorage;
+    new (lStorage.room()) PointeePointer(new (std::nothrow) Pointee(3), OQPST_Individual, OQPMT_New);
+    const Fields lFields = fieldsAt(lStorage.room());
+    void* const lpNone = nullptr;
+    overwrite(lStorage.room(), 0, &lpNone, sizeof lpNone);
+    events();
+    lStorage.pointer().~PointeePointer();
+    EXPECT_EQ(Texts(), events());
+    delete static_cast<OQCReferenceCount*>(lFields.mReferenceCount);
+    delete static_cast<Pointee*>(lFields.mPointer);
 }
 
 TEST_F(PointerTest, CopiesHeldByDifferentThreadsAreIndependent)
 {
-    sNoted = false;
+    substitute::counter.hide();
     PointeePointer lShared = single(1);
     const auto lRun = [](PointeePointer aMine) {
         for (int lRound = 0; lRound < 20000; ++lRound) {

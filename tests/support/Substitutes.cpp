@@ -282,6 +282,42 @@ int ClibSprintf(char* apBuffer, const char* acFormat, ...)
     return lLength;
 }
 
+Substitute<void(unsigned int)> substitute::counter("", false);
+
+OQCReferenceCount::OQCReferenceCount(unsigned int aInitial) : mCount(aInitial)
+{
+    if (isRecorded(__builtin_return_address(0))) {
+        const CallRecord lCall(substitute::counter.isShown(), "OQCReferenceCount", {number(aInitial)});
+        if (substitute::counter.isPlanned()) {
+            substitute::counter.call(aInitial);
+        }
+    }
+}
+
+OQCReferenceCount::~OQCReferenceCount()
+{
+    if (isRecorded(__builtin_return_address(0))) {
+        const CallRecord lCall(substitute::counter.isShown(), "~OQCReferenceCount", {});
+    }
+}
+
+void OQCReferenceCount::increment()
+{
+    const unsigned int lCount = ++mCount;
+    if (isRecorded(__builtin_return_address(0))) {
+        CallRecord(substitute::counter.isShown(), "increment", {}).returned(number(lCount));
+    }
+}
+
+unsigned int OQCReferenceCount::decrement()
+{
+    const unsigned int lCount = --mCount;
+    if (isRecorded(__builtin_return_address(0))) {
+        CallRecord(substitute::counter.isShown(), "decrement", {}).returned(number(lCount));
+    }
+    return lCount;
+}
+
 // A function that calls vfork() and returns takes the frame away under which its child runs on. This vfork() therefore
 // jumps to the real one and leaves no frame of its own, which only the assembler can say. Elsewhere the tests know
 // vfork() as a fork(): the way it is emulated by some systems.
@@ -385,7 +421,7 @@ void FailingMemory::end() {}
 unsigned int FailingMemory::taken() { return 0; }
 unsigned int FailingMemory::freed() { return 0; }
 void followMemory(unsigned int, const void*) {}
-bool isFreed(unsigned int) { return true; }
+bool isFreed(unsigned int) { return false; }
 #endif
 
 bool FailingMemory::isPossible()

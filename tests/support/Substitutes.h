@@ -203,6 +203,8 @@ extern Substitute<pid_t()> vfork;
 extern Substitute<int(idtype_t, id_t, siginfo_t*, int)> waitid;
 extern Substitute<int(pid_t, int*, int)> waitpid;
 extern Substitute<ssize_t(int, const void*, size_t)> write;
+/// The counter of a Pointer: its four operations are events when this is shown. The plan is what its constructor does.
+extern Substitute<void(unsigned int)> counter;
 }  // namespace substitute
 
 /// While it lives, malloc, and with it operator new, fails in this thread: the first call that fails, counted from 1, and
@@ -223,6 +225,7 @@ public:
     static unsigned int freed();
 };
 /// Notes whether the memory at this address is freed from now on; there are four places for it.
+/// Always false where !FailingMemory::isPossible().
 void followMemory(unsigned int aIndex, const void* acMemory);
 bool isFreed(unsigned int aIndex);
 

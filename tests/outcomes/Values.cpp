@@ -1,0 +1,599 @@
+// How the operations of the value types end.
+
+#include <string.h>
+
+#include <new>
+
+#include "Outcome.h"
+
+namespace
+{
+
+const char cLong[] = "a text that does not fit into the string object itself, so that its characters need memory";
+
+/// The only event of an assertion that fails, and the end of the process.
+std::string assertion(const std::string& acrPlace, const char* acCondition)
+{
+    return acrPlace + ": -H- \"Assertion [ %s ] failed\\n\" \"" + acCondition + "\"\nexit status 1";
+}
+
+namespace pointers
+{
+
+const Family cFamily(
+    "Pointers", "backend/common/include/Pointer", "Silent until an assertion fails.",
+    {{"-H- Assertion [ 0 != mPointer ] failed",
+      "an empty pointer is dereferenced; also assignment from a destroyed string"},
+     {"-H- Assertion [ 0 != mReferenceCount ] failed", "a corrupted pointer is dereferenced"},
+     {"-H- Assertion [ OQPST_Individual == mSizeType ] failed", "an array is asked for its single object"},
+     {"-H- Assertion [ 0 != acrCopy.mPointer ] failed", "assignment from an empty pointer"},
+     {"-H- Assertion [ 0 != acrCopy.mReferenceCount ] failed", "assignment from a corrupted pointer"},
+     {"-H- Assertion [ false ] failed", "a pointer that is neither of one object nor of an array, or of memory of no known kind"}});
+
+typedef Pointer<int> Number;
+
+OQEPointerSizeType sizeType(int aNumber) { return static_cast<OQEPointerSizeType>(aNumber); }
+OQEPointerMemoryType memoryType(int aNumber) { return static_cast<OQEPointerMemoryType>(aNumber); }
+
+/// A Pointer to 5 whose destructor is called by hand, and what it holds.
+class Damaged
+{
+public:
+    Damaged() : mNumber(new (std::nothrow) int(5)), mPointer(new (mBytes) Number(mNumber, OQPST_Individual, OQPMT_New))
+    {
+        memcpy(&mpCounter, mBytes + sizeof(void*), sizeof mpCounter);
+    }
+    ~Damaged()
+    {
+        delete static_cast<OQCReferenceCount*>(mpCounter);
+        delete mNumber;
+    }
+    /// Not inlined, so that the compiler believes it.
+    __attribute__((noinline)) Number& withoutCounter()
+    {
+        memset(mBytes + sizeof(void*), 0, sizeof(void*));
+        __asm__ volatile("" : : "r"(mBytes) : "memory");
+        return *mPointer;
+    }
+    /// Leaves the object as a caller finds it who uses it after its end.
+    __attribute__((noinline)) Number& destroyed()
+    {
+        withoutCounter().~Number();
+        __asm__ volatile("" : : "r"(mBytes) : "memory");
+        return *mPointer;
+    }
+    int* number() const { return mNumber; }
+
+private:
+    int* mNumber;
+    void* mpCounter = nullptr;
+    alignas(Number) char mBytes[sizeof(Number)];
+    Number* mPointer;
+};
+
+OUTCOME(Pointer, ConstructionFromNullIsOutOfMemory)
+{
+    mOperation = "Pointer::Pointer";
+    substitute::counter.show();
+    mWhen = "null pointee";
+    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "no counter is made";
+    run([] { const Number lNumber(nullptr, OQPST_Individual, OQPMT_New); });
+}
+
+OUTCOME(Pointer, ConstructionWithoutACounterIsOutOfMemory)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    int* const lpNumber = new (std::nothrow) int(5);
+    followMemory(0, lpNumber);
+    mOperation = "Pointer::Pointer";
+    mFailingAllocation = 1;
+    mWhen = "no memory for the counter";
+    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "the pointee stays allocated, for ever unless the caller has kept its address";
+    run([lpNumber] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); });
+    EXPECT_FALSE(isFreed(0));
+    EXPECT_EQ(5, *lpNumber);
+    delete lpNumber;
+}
+
+OUTCOME(Pointer, ExceptionOfTheCounterPasses)
+{
+    int* const lpNumber = new (std::nothrow) int(5);
+    followMemory(0, lpNumber);
+    mOperation = "Pointer::Pointer";
+    mNeedsMemory = true;
+    substitute::counter.show();
+    substitute::counter.instead([](unsigned int) { throw 42; });
+    mWhen = "the host's counter throws while it is made";
+    mTrace = R"(
+        OQCReferenceCount(1)
+        throws int 0 ""
+    )";
+    mStays = "that exception passes unchanged; the counter's memory is freed; the pointee stays allocated";
+    run([lpNumber] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); });
+    EXPECT_FALSE(isFreed(0));
+    delete lpNumber;
+}
+
+OUTCOME(Pointer, StarOfAnEmptyOneEndsTheProcess)
+{
+    mOperation = "Pointer::operator*";
+    mWhen = "empty";
+    mTrace = assertion("operator*", "0 != mPointer");
+    mStays = "nothing is unwound; exit handlers run";
+    runInChild([] {
+        const Number lEmpty;
+        (void)*lEmpty;
+    });
+}
+
+OUTCOME(Pointer, StarOfADestroyedOneEndsTheProcess)
+{
+    Damaged lDamaged;
+    Number& lrDestroyed = lDamaged.destroyed();
+    mOperation = "Pointer::operator*";
+    mWhen = "destroyed";
+    mTrace = assertion("operator*", "0 != mPointer");
+    mStays = "-";
+    runInChild([&] { *lrDestroyed = 1; });
+}
+
+OUTCOME(Pointer, StarWithoutACounterEndsTheProcess)
+{
+    Damaged lDamaged;
+    Number& lrNumber = lDamaged.withoutCounter();
+    mOperation = "Pointer::operator*";
+    mWhen = "a pointee without a counter";
+    mTrace = assertion("operator*", "0 != mReferenceCount");
+    mStays = "-";
+    runInChild([&] { *lrNumber = 1; });
+}
+
+OUTCOME_OF_ERRORS(Pointer, StarOfAnUnknownSizeTypeEndsTheProcess, 0, 3, 7, 255)
+{
+    mNeedsMemory = true;
+    mOperation = "Pointer::operator*";
+    mWhen = "size type neither individual nor array";
+    mTrace = assertion("operator*", "false");
+    mStays = "-";
+    runInChild([this] { *Number(new (std::nothrow) int(5), sizeType(error()), OQPMT_New) = 1; });
+}
+
+OUTCOME(Pointer, ArrowOfAnEmptyOneEndsTheProcess)
+{
+    mOperation = "Pointer::operator->";
+    mWhen = "empty";
+    mTrace = assertion("operator->", "0 != mPointer");
+    mStays = "-";
+    runInChild([] { Number().operator->(); });
+}
+
+OUTCOME(Pointer, ArrowWithoutACounterEndsTheProcess)
+{
+    Damaged lDamaged;
+    const Number& lrNumber = lDamaged.withoutCounter();
+    mOperation = "Pointer::operator->";
+    mWhen = "a pointee without a counter";
+    mTrace = assertion("operator->", "0 != mReferenceCount");
+    mStays = "-";
+    runInChild([&] { lrNumber.operator->(); });
+}
+
+OUTCOME_OF_ERRORS(Pointer, ArrowOfAnArrayEndsTheProcess, OQPST_Array, 0, 7)
+{
+    mNeedsMemory = true;
+    mOperation = "Pointer::operator->";
+    mWhen = "an array, or an unknown size type";
+    mTrace = assertion("operator->", "OQPST_Individual == mSizeType");
+    mStays = "-";
+    runInChild([this] {
+        const Number lArray(new (std::nothrow) int[2], sizeType(error()), OQPMT_New);
+        lArray.operator->();
+    });
+}
+
+OUTCOME(Pointer, AssignmentFromAnEmptyOneEndsTheProcess)
+{
+    const Number lEmpty;
+    Number lTarget(new (std::nothrow) int(5), OQPST_Individual, OQPMT_New);
+    mOperation = "Pointer::operator=";
+    mWhen = "from an empty one";
+    mTrace = assertion("operator=", "0 != acrCopy.mPointer");
+    mStays = "the target's pointee is not released";
+    runInChild([&] { lTarget = lEmpty; });
+}
+
+OUTCOME(Pointer, AssignmentOfAnEmptyOneToItselfEndsTheProcess)
+{
+    Number lEmpty;
+    const Number& lrSelf = lEmpty;
+    mOperation = "Pointer::operator=";
+    mWhen = "from an empty one to itself";
+    mTrace = assertion("operator=", "0 != acrCopy.mPointer");
+    mStays = "-";
+    runInChild([&] { lEmpty = lrSelf; });
+}
+
+OUTCOME(Pointer, AssignmentFromOneWithoutACounterEndsTheProcess)
+{
+    Damaged lDamaged;
+    const Number& lrNumber = lDamaged.withoutCounter();
+    Number lTarget(new (std::nothrow) int(5), OQPST_Individual, OQPMT_New);
+    mOperation = "Pointer::operator=";
+    mWhen = "from one without a counter";
+    mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
+    mStays = "the target's pointee is not released";
+    runInChild([&] { lTarget = lrNumber; });
+}
+
+OUTCOME(Pointer, AssignmentOfOneWithoutACounterToItselfEndsTheProcess)
+{
+    Damaged lDamaged;
+    Number& lrNumber = lDamaged.withoutCounter();
+    const Number& lrSelf = lrNumber;
+    mOperation = "Pointer::operator=";
+    mWhen = "from one without a counter to itself";
+    mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
+    mStays = "-";
+    runInChild([&] { lrNumber = lrSelf; });
+}
+
+int* spKept = nullptr;  // still reachable when the child ends
+
+OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownSizeTypeEndsTheProcess, 0, 3, 7, 255)
+{
+    mNeedsMemory = true;
+    mOperation = "Pointer::~Pointer";
+    mWhen = "the last holder of memory from `new` lets go, unknown size type";
+    mTrace = assertion("_releaseMemory", "false");
+    mStays = "the counter is freed, the pointee is not";
+    runInChild([this] {
+        spKept = new (std::nothrow) int(5);
+        const Number lLast(spKept, sizeType(error()), OQPMT_New);
+    });
+}
+
+OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownMemoryTypeEndsTheProcess, 0, 3, 7, 255)
+{
+    mNeedsMemory = true;
+    mOperation = "Pointer::~Pointer";
+    mWhen = "the last holder lets go, unknown memory type";
+    mTrace = assertion("_releaseMemory", "false");
+    mStays = "the counter is freed, the pointee is not";
+    runInChild([this] {
+        spKept = new (std::nothrow) int(5);
+        const Number lLast(spKept, OQPST_Individual, memoryType(error()));
+    });
+}
+
+OUTCOME_OF_ERRORS(Pointer, AssignmentToTheLastHolderOfAnUnknownTypeEndsTheProcess, 0, 3, 7, 255)
+{
+    const Number lOther(new (std::nothrow) int(6), OQPST_Individual, OQPMT_New);
+    mNeedsMemory = true;
+    mOperation = "Pointer::operator=";
+    mWhen = "the last holder lets go, unknown memory or size type";
+    mTrace = assertion("_releaseMemory", "false");
+    mStays = "the counter is freed, the pointee is not";
+    runInChild([&] {
+        spKept = new (std::nothrow) int(5);
+        Number lLast(spKept, OQPST_Individual, memoryType(error()));
+        lLast = lOther;
+    });
+}
+
+OUTCOME(Pointer, DestructionWithoutACounterLeavesThePointee)
+{
+    Damaged lDamaged;
+    followMemory(0, lDamaged.number());
+    Number& lrNumber = lDamaged.withoutCounter();
+    mOperation = "Pointer::~Pointer";
+    mWhen = "a pointee without a counter";
+    mStays = "the pointee stays allocated";
+    run([&] { lrNumber.~Number(); });
+    EXPECT_FALSE(isFreed(0));
+    EXPECT_EQ(5, *lDamaged.number());
+}
+
+}  // namespace pointers
+
+namespace strings
+{
+
+const Family cFamily("Strings", "backend/common/include/OQString", "Silent until an assertion fails.",
+                     {{"-H- Assertion [ acrCopy.mString != 0 ] failed", "copy of a destroyed string"},
+                      {"-H- Assertion [ mString != 0 ] failed", "use of a destroyed string"},
+                      {"-H- Assertion [ acrString.mString != 0 ] failed", "a destroyed string is appended"}});
+
+/// A string after its end.
+class Destroyed
+{
+public:
+    Destroyed()
+    {
+        new (mBytes) OQCString("");
+        string().~OQCString();
+        __asm__ volatile("" : : "r"(mBytes) : "memory");
+    }
+    __attribute__((noinline)) OQCString& string() { return *reinterpret_cast<OQCString*>(mBytes); }
+
+private:
+    alignas(OQCString) char mBytes[sizeof(OQCString)];
+};
+
+/// The parts of a string, in the order in which they are allocated. The row runs once for each.
+enum Part { Object = 1, Characters = 2, Counter = 3 };
+
+OUTCOME_OF_ERRORS(OQCString, ConstructionWithoutMemoryThrows, Object, Characters, Counter)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    mOperation = "OQCString::OQCString";
+    mFailingAllocation = static_cast<unsigned int>(error());
+    mWhen = "from characters: no memory for the text (object, characters) or its counter";
+    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "without the counter the text stays allocated";
+    run([] { const OQCString lString(cLong); });
+}
+
+OUTCOME_OF_ERRORS(OQCString, CopyWithoutMemoryThrows, Object, Characters, Counter)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    const OQCString lOriginal(cLong);
+    mOperation = "OQCString::OQCString";
+    mFailingAllocation = static_cast<unsigned int>(error());
+    mWhen = "copy: no memory for the text or its counter";
+    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "the original; without the counter the copied text stays allocated";
+    run([&] { const OQCString lCopy(lOriginal); });
+    EXPECT_STREQ(cLong, lOriginal.get());
+}
+
+OUTCOME(OQCString, ExceptionOfTheNewHandlerPasses)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    const OQCString lOriginal(cLong);
+    const std::new_handler lBefore = std::set_new_handler([] { throw 42; });
+    mOperation = "OQCString::OQCString";
+    mFailingAllocation = Characters;
+    mWhen = "the host's new handler throws anything but `std::bad_alloc` for the characters";
+    mTrace = R"(throws int 0 "")";
+    mStays = "that exception passes unchanged; the original; nothing stays allocated";
+    run([&] { const OQCString lCopy(lOriginal); });
+    std::set_new_handler(lBefore);
+    EXPECT_STREQ(cLong, lOriginal.get());
+}
+
+OUTCOME(OQCString, CopyOfAnEmptyOneEndsTheProcess)
+{
+    Destroyed lGone;
+    mOperation = "OQCString::OQCString";
+    mWhen = "copy of an empty one";
+    mTrace = assertion("OQCString", "acrCopy.mString != 0");
+    mStays = "-";
+    runInChild([&] { const OQCString lCopy(lGone.string()); });
+}
+
+OUTCOME_OF_ERRORS(OQCString, AssignmentWithoutMemoryThrows, Object, Characters, Counter)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    const OQCString lSource(cLong);
+    OQCString lTarget("kept");
+    const char* const lpKept = lTarget.get();
+    mOperation = "OQCString::operator=";
+    mFailingAllocation = static_cast<unsigned int>(error());
+    mWhen = "no memory for the text or its counter";
+    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "both texts; without the counter the new text stays allocated";
+    run([&] { lTarget = lSource; });
+    EXPECT_STREQ(cLong, lSource.get());
+    EXPECT_STREQ("kept", lTarget.get());
+    EXPECT_EQ(lpKept, lTarget.get());
+}
+
+OUTCOME(OQCString, AssignmentFromAnEmptyOneEndsTheProcess)
+{
+    Destroyed lGone;
+    OQCString lString("some");
+    mOperation = "OQCString::operator=";
+    mWhen = "from an empty one (in the name of the pointer's `operator*`)";
+    mTrace = assertion("backend/common/include/Pointer operator*", "0 != mPointer");
+    mStays = "the text";
+    runInChild([&] { lString = lGone.string(); });
+}
+
+OUTCOME(OQCString, AppendToAnEmptyOneEndsTheProcess)
+{
+    Destroyed lGone;
+    Destroyed lAlso;
+    mOperation = "OQCString::operator+=";
+    mWhen = "to an empty one";
+    mTrace = assertion("operator+=", "mString != 0");
+    mStays = "-";
+    runInChild([&] { lGone.string() += lAlso.string(); });
+}
+
+OUTCOME(OQCString, AppendOfAnEmptyOneEndsTheProcess)
+{
+    Destroyed lGone;
+    OQCString lString("some");
+    mOperation = "OQCString::operator+=";
+    mWhen = "of an empty one";
+    mTrace = assertion("operator+=", "acrString.mString != 0");
+    mStays = "the text";
+    runInChild([&] { lString += lGone.string(); });
+}
+
+OUTCOME(OQCString, AppendWithoutMemoryThrows)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    OQCString lString("kept");
+    const OQCString lOther(cLong);
+    mOperation = "OQCString::operator+=";
+    mFailingAllocation = 1;
+    mWhen = "the text cannot grow";
+    mTrace = R"(throws std::bad_alloc 0 "std::bad_alloc")";
+    mStays = "the text";
+    run([&] { lString += lOther; });
+    EXPECT_STREQ("kept", lString.get());
+}
+
+OUTCOME(OQCString, GetOfAnEmptyOneEndsTheProcess)
+{
+    Destroyed lGone;
+    mOperation = "OQCString::get";
+    mWhen = "empty";
+    mTrace = assertion("get", "mString != 0");
+    mStays = "-";
+    runInChild([&] { lGone.string().get(); });
+}
+
+OUTCOME(OQCString, GetOfAConstantEmptyOneEndsTheProcess)
+{
+    Destroyed lGone;
+    const OQCString& lrGone = lGone.string();
+    mOperation = "OQCString::get";
+    mWhen = "empty and constant";
+    mTrace = assertion("get", "mString != 0");
+    mStays = "-";
+    runInChild([&] { lrGone.get(); });
+}
+
+}  // namespace strings
+
+namespace lists
+{
+
+const Family cFamily("Lists", "backend/common/include/OQList", "Silent always.", {});
+
+/// An element whose copy throws what the row says.
+struct Element {
+    explicit Element(const std::function<void()>& acrAtCopy) : mAtCopy(acrAtCopy) {}
+    Element(const Element& acrCopy) : mAtCopy(acrCopy.mAtCopy) { mAtCopy(); }
+    Element& operator=(const Element&) = delete;
+
+    const std::function<void()> mAtCopy;
+};
+
+OUTCOME(OQCList, AppendWithoutANodeThrowsBeforeTheElementIsCopied)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    OQCList<Element> lList;
+    const Element lElement([] { throw 42; });
+    mOperation = "OQCList::append";
+    mFailingAllocation = 1;
+    mWhen = "no memory for the node";
+    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "the list; the element is not copied";
+    run([&] { lList.append(lElement); });
+    EXPECT_EQ(0, lList.size());
+}
+
+OUTCOME_OF_ERRORS(OQCList, AppendOfATextWithoutMemoryThrows, 2, 3, 4)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    OQCList<OQCString> lList;
+    lList.append("kept");
+    const OQCString lText(cLong);
+    mOperation = "OQCList::append";
+    mFailingAllocation = static_cast<unsigned int>(error());
+    mWhen = "no memory for the copy of a text";
+    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "the list; the node is freed; without the counter the copied text stays allocated";
+    run([&] { lList.append(lText); });
+    EXPECT_EQ(1, lList.size());
+    EXPECT_STREQ("kept", lList.begin()->get());
+}
+
+OUTCOME(OQCList, ExceptionOfTheNewHandlerPasses)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
+    OQCList<unsigned int> lList;
+    const std::new_handler lBefore = std::set_new_handler([] { throw 42; });
+    mOperation = "OQCList::append";
+    mFailingAllocation = 1;
+    mWhen = "the host's new handler throws anything but `std::bad_alloc` for the node";
+    mTrace = R"(throws int 0 "")";
+    mStays = "that exception passes unchanged; the list; the element is not copied";
+    run([&] { lList.append(1); });
+    std::set_new_handler(lBefore);
+    EXPECT_EQ(0, lList.size());
+}
+
+OUTCOME(OQCList, ExceptionOfTheElementPasses)
+{
+    OQCList<Element> lList;
+    const Element lElement([] { throw OQCInvalidEx("from the element", 6); });
+    mOperation = "OQCList::append";
+    mNeedsMemory = true;
+    mWhen = "the element's copy throws anything";
+    mTrace = R"(throws OQCInvalidEx 6 "from the element")";
+    mStays = "that exception passes unchanged; the list; the node is freed";
+    run([&] { lList.append(lElement); });
+    EXPECT_EQ(0, lList.size());
+}
+
+OUTCOME(OQCList, BadAllocOfTheElementPasses)
+{
+    OQCList<Element> lList;
+    const Element lElement([] { throw std::bad_alloc(); });
+    mOperation = "OQCList::append";
+    mNeedsMemory = true;
+    mWhen = "the element's copy throws `std::bad_alloc`";
+    mTrace = R"(throws std::bad_alloc 0 "std::bad_alloc")";
+    mStays = "that exception passes unchanged; the list; the node is freed";
+    run([&] { lList.append(lElement); });
+    EXPECT_EQ(0, lList.size());
+}
+
+OUTCOME(OQCList, AppendOfADestroyedTextEndsTheProcess)
+{
+    strings::Destroyed lGone;
+    OQCList<OQCString> lList;
+    mOperation = "OQCList::append";
+    mNeedsMemory = true;
+    mWhen = "a destroyed text (in the name of `OQCString`)";
+    mTrace = assertion("backend/common/include/OQString OQCString", "acrCopy.mString != 0");
+    mStays = "-";
+    runInChild([&] { lList.append(lGone.string()); });
+}
+
+}  // namespace lists
+
+namespace exceptions
+{
+
+const Family cFamily("Exceptions", "backend/common/include/OQException", "Silent always.", {});
+
+OUTCOME(OQCException, LongMessagesAreCut)
+{
+    const std::string lText(300, 'a');
+    mOperation = "OQCException::OQCException";
+    nameText("the first 255 characters", lText.substr(0, 255));
+    mWhen = "message longer than 255 characters";
+    mTells = "the text is cut at 255";
+    mTrace = "throws OQCTimeOutEx 323 the first 255 characters";
+    mStays = "-";
+    run([&] { throw OQCTimeOutEx(lText.c_str(), 323); });
+}
+
+}  // namespace exceptions
+
+}  // namespace
