@@ -20,15 +20,16 @@ std::string assertion(const std::string& acrPlace, const char* acCondition)
 namespace pointers
 {
 
-const Family cFamily(
-    "Pointers", "backend/common/include/Pointer", "Silent until an assertion fails.",
-    {{"-H- Assertion [ 0 != mPointer ] failed",
-      "an empty pointer is dereferenced; also assignment from a destroyed string"},
-     {"-H- Assertion [ 0 != mReferenceCount ] failed", "a corrupted pointer is dereferenced"},
-     {"-H- Assertion [ OQPST_Individual == mSizeType ] failed", "an array is asked for its single object"},
-     {"-H- Assertion [ 0 != acrCopy.mPointer ] failed", "assignment from an empty pointer"},
-     {"-H- Assertion [ 0 != acrCopy.mReferenceCount ] failed", "assignment from a corrupted pointer"},
-     {"-H- Assertion [ false ] failed", "a pointer that is neither of one object nor of an array, or of memory of no known kind"}});
+const Family cFamily("Pointers", "backend/common/include/Pointer", "Silent until an assertion fails.",
+                     {{"-H- Assertion [ 0 != mPointer ] failed",
+                       "an empty pointer is dereferenced; also assignment from a destroyed string"},
+                      {"-H- Assertion [ 0 != mReferenceCount ] failed", "a corrupted pointer is dereferenced"},
+                      {"-H- Assertion [ OQPST_Individual == mSizeType ] failed",
+                       "an array is asked for its single object"},
+                      {"-H- Assertion [ 0 != acrCopy.mPointer ] failed", "assignment from an empty pointer"},
+                      {"-H- Assertion [ 0 != acrCopy.mReferenceCount ] failed", "assignment from a corrupted pointer"},
+                      {"-H- Assertion [ false ] failed",
+                       "a pointer that is neither of one object nor of an array, or of memory of no known kind"}});
 
 typedef Pointer<int> Number;
 
@@ -81,15 +82,11 @@ OUTCOME(Pointer, ConstructionFromNullIsOutOfMemory)
     run([] { const Number lNumber(nullptr, OQPST_Individual, OQPMT_New); });
 }
 
-OUTCOME(Pointer, ConstructionWithoutACounterIsOutOfMemory)
+OUTCOME_OF_ALLOCATIONS(Pointer, ConstructionWithoutACounterIsOutOfMemory, 1)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     int* const lpNumber = new (std::nothrow) int(5);
     followMemory(0, lpNumber);
     mOperation = "Pointer::Pointer";
-    mFailingAllocation = 1;
     mWhen = "no memory for the counter";
     mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the pointee stays allocated, for ever unless the caller has kept its address";
@@ -326,27 +323,19 @@ private:
 /// The parts of a string, in the order in which they are allocated. The row runs once for each.
 enum Part { Object = 1, Characters = 2, Counter = 3 };
 
-OUTCOME_OF_ERRORS(OQCString, ConstructionWithoutMemoryThrows, Object, Characters, Counter)
+OUTCOME_OF_ALLOCATIONS(OQCString, ConstructionWithoutMemoryThrows, Object, Characters, Counter)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     mOperation = "OQCString::OQCString";
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "from characters: no memory for the text (object, characters) or its counter";
     mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "without the counter the text stays allocated";
     run([] { const OQCString lString(cLong); });
 }
 
-OUTCOME_OF_ERRORS(OQCString, CopyWithoutMemoryThrows, Object, Characters, Counter)
+OUTCOME_OF_ALLOCATIONS(OQCString, CopyWithoutMemoryThrows, Object, Characters, Counter)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     const OQCString lOriginal(cLong);
     mOperation = "OQCString::OQCString";
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "copy: no memory for the text or its counter";
     mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the original; without the counter the copied text stays allocated";
@@ -354,15 +343,11 @@ OUTCOME_OF_ERRORS(OQCString, CopyWithoutMemoryThrows, Object, Characters, Counte
     EXPECT_STREQ(cLong, lOriginal.get());
 }
 
-OUTCOME(OQCString, ExceptionOfTheNewHandlerPasses)
+OUTCOME_OF_ALLOCATIONS(OQCString, ExceptionOfTheNewHandlerPasses, Characters)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     const OQCString lOriginal(cLong);
     const std::new_handler lBefore = std::set_new_handler([] { throw 42; });
     mOperation = "OQCString::OQCString";
-    mFailingAllocation = Characters;
     mWhen = "the host's new handler throws anything but `std::bad_alloc` for the characters";
     mTrace = R"(throws int 0 "")";
     mStays = "that exception passes unchanged; the original; nothing stays allocated";
@@ -381,16 +366,12 @@ OUTCOME(OQCString, CopyOfAnEmptyOneEndsTheProcess)
     runInChild([&] { const OQCString lCopy(lGone.string()); });
 }
 
-OUTCOME_OF_ERRORS(OQCString, AssignmentWithoutMemoryThrows, Object, Characters, Counter)
+OUTCOME_OF_ALLOCATIONS(OQCString, AssignmentWithoutMemoryThrows, Object, Characters, Counter)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     const OQCString lSource(cLong);
     OQCString lTarget("kept");
     const char* const lpKept = lTarget.get();
     mOperation = "OQCString::operator=";
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for the text or its counter";
     mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "both texts; without the counter the new text stays allocated";
@@ -433,15 +414,11 @@ OUTCOME(OQCString, AppendOfAnEmptyOneEndsTheProcess)
     runInChild([&] { lString += lGone.string(); });
 }
 
-OUTCOME(OQCString, AppendWithoutMemoryThrows)
+OUTCOME_OF_ALLOCATIONS(OQCString, AppendWithoutMemoryThrows, 1)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     OQCString lString("kept");
     const OQCString lOther(cLong);
     mOperation = "OQCString::operator+=";
-    mFailingAllocation = 1;
     mWhen = "the text cannot grow";
     mTrace = R"(throws std::bad_alloc 0 "std::bad_alloc")";
     mStays = "the text";
@@ -479,22 +456,18 @@ const Family cFamily("Lists", "backend/common/include/OQList", "Silent always.",
 
 /// An element whose copy throws what the row says.
 struct Element {
-    explicit Element(const std::function<void()>& acrAtCopy) : mAtCopy(acrAtCopy) {}
+    explicit Element(void (*apAtCopy)()) : mAtCopy(apAtCopy) {}
     Element(const Element& acrCopy) : mAtCopy(acrCopy.mAtCopy) { mAtCopy(); }
     Element& operator=(const Element&) = delete;
 
-    const std::function<void()> mAtCopy;
+    void (*const mAtCopy)();
 };
 
-OUTCOME(OQCList, AppendWithoutANodeThrowsBeforeTheElementIsCopied)
+OUTCOME_OF_ALLOCATIONS(OQCList, AppendWithoutANodeThrowsBeforeTheElementIsCopied, 1)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     OQCList<Element> lList;
     const Element lElement([] { throw 42; });
     mOperation = "OQCList::append";
-    mFailingAllocation = 1;
     mWhen = "no memory for the node";
     mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the list; the element is not copied";
@@ -502,16 +475,12 @@ OUTCOME(OQCList, AppendWithoutANodeThrowsBeforeTheElementIsCopied)
     EXPECT_EQ(0, lList.size());
 }
 
-OUTCOME_OF_ERRORS(OQCList, AppendOfATextWithoutMemoryThrows, 2, 3, 4)
+OUTCOME_OF_ALLOCATIONS(OQCList, AppendOfATextWithoutMemoryThrows, 2, 3, 4)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     OQCList<OQCString> lList;
     lList.append("kept");
     const OQCString lText(cLong);
     mOperation = "OQCList::append";
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for the copy of a text";
     mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the list; the node is freed; without the counter the copied text stays allocated";
@@ -520,15 +489,11 @@ OUTCOME_OF_ERRORS(OQCList, AppendOfATextWithoutMemoryThrows, 2, 3, 4)
     EXPECT_STREQ("kept", lList.begin()->get());
 }
 
-OUTCOME(OQCList, ExceptionOfTheNewHandlerPasses)
+OUTCOME_OF_ALLOCATIONS(OQCList, ExceptionOfTheNewHandlerPasses, 1)
 {
-    if (!FailingMemory::isPossible()) {
-        GTEST_SKIP() << "another allocator is in use";
-    }
     OQCList<unsigned int> lList;
     const std::new_handler lBefore = std::set_new_handler([] { throw 42; });
     mOperation = "OQCList::append";
-    mFailingAllocation = 1;
     mWhen = "the host's new handler throws anything but `std::bad_alloc` for the node";
     mTrace = R"(throws int 0 "")";
     mStays = "that exception passes unchanged; the list; the element is not copied";

@@ -76,12 +76,16 @@ bool addOutcome(const char* acOperation, const char* acName, const char* acSourc
 
 void Outcome::TestBody()
 {
+    if (mAllocationsAreFailing && !FailingMemory::isPossible()) {
+        GTEST_SKIP() << "another allocator is in use";
+    }
     for (const bool lIsWithoutMemory : {false, true}) {
         if (lIsWithoutMemory && (mNeedsMemory || 0 != mFailingAllocation)) {
             return;
         }
         for (const int lError : mErrors) {
             mError = lError;
+            mFailingAllocation = mAllocationsAreFailing ? static_cast<unsigned int>(lError) : 0;
             mIsWithoutMemory = lIsWithoutMemory;
             SCOPED_TRACE(std::string(errorName(lError).mText) + (lIsWithoutMemory ? ", without memory" : ""));
             SubstituteBase::resetAll();

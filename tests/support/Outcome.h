@@ -27,9 +27,14 @@ const std::vector<const Family*>& families();
 class Outcome : public RecordedTest
 {
 public:
-    /// \param[in] acrErrors  the row runs once for each; {0} where no error is planned
-    Outcome(const char* acOperation, const Family& acrFamily, const std::vector<int>& acrErrors)
-        : mOperation(acOperation), mFamily(acrFamily), mErrors(acrErrors)
+    /// \param[in] acrErrors            the row runs once for each; {0} where no error is planned
+    /// \param[in] aAllocationsAreFailing they are numbers of allocations that fail
+    Outcome(const char* acOperation, const Family& acrFamily, const std::vector<int>& acrErrors,
+            bool aAllocationsAreFailing = false)
+        : mOperation(acOperation),
+          mFamily(acrFamily),
+          mErrors(acrErrors),
+          mAllocationsAreFailing(aAllocationsAreFailing)
     {
     }
     /// Runs the row for each error, with memory and then without.
@@ -64,6 +69,7 @@ private:
 
     const Family& mFamily;
     const std::vector<int> mErrors;
+    const bool mAllocationsAreFailing;
     int mError = 0;
     bool mIsWithoutMemory = false;
     bool mIsKept = false;
@@ -92,13 +98,19 @@ bool addOutcome(const char* acOperation, const char* acName, const char* acSourc
 #define OUTCOME(operation, name) OUTCOME_OF_ERRORS(operation, name, 0)
 
 /// The same for a row that runs once for each of these errors.
-#define OUTCOME_OF_ERRORS(operation, name, ...)                                                   \
-    struct operation##_##name : Outcome {                                                         \
-        operation##_##name() : Outcome(#operation, cFamily, std::vector<int>{__VA_ARGS__}) {}     \
-        void row() override;                                                                      \
-    };                                                                                            \
-    [[maybe_unused]] const bool s##operation##_##name =                                           \
-        addOutcome(#operation, #name, __FILE__, __LINE__, [] { return new operation##_##name; }); \
+#define OUTCOME_OF_ERRORS(operation, name, ...) DEFINE_OUTCOME(operation, name, false, __VA_ARGS__)
+
+/// The same for a row that runs once for each of these numbers of a failing allocation, counted from 1. It is skipped
+/// where another allocator is in use.
+#define OUTCOME_OF_ALLOCATIONS(operation, name, ...) DEFINE_OUTCOME(operation, name, true, __VA_ARGS__)
+
+#define DEFINE_OUTCOME(operation, name, allocationsAreFailing, ...)                                                  \
+    struct operation##_##name : Outcome {                                                                            \
+        operation##_##name() : Outcome(#operation, cFamily, std::vector<int>{__VA_ARGS__}, allocationsAreFailing) {} \
+        void row() override;                                                                                         \
+    };                                                                                                               \
+    [[maybe_unused]] const bool s##operation##_##name =                                                              \
+        addOutcome(#operation, #name, __FILE__, __LINE__, [] { return new operation##_##name; });                    \
     void operation##_##name::row()
 
 #endif
