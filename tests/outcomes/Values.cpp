@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <new>
+#include <stdexcept>
 
 #include "Outcome.h"
 
@@ -346,10 +347,10 @@ OUTCOME_OF_ALLOCATIONS(OQCString, CopyWithoutMemoryThrows, Object, Characters, C
 OUTCOME_OF_ALLOCATIONS(OQCString, ExceptionOfTheNewHandlerPasses, Characters)
 {
     const OQCString lOriginal(cLong);
-    const std::new_handler lBefore = std::set_new_handler([] { throw 42; });
+    const std::new_handler lBefore = std::set_new_handler([] { throw std::runtime_error("handler"); });
     mOperation = "OQCString::OQCString";
     mWhen = "the host's new handler throws anything but `std::bad_alloc` for the characters";
-    mTrace = R"(throws int 0 "")";
+    mTrace = R"(throws std::runtime_error 0 "handler")";
     mStays = "that exception passes unchanged; the original; nothing stays allocated";
     run([&] { const OQCString lCopy(lOriginal); });
     std::set_new_handler(lBefore);
@@ -492,10 +493,10 @@ OUTCOME_OF_ALLOCATIONS(OQCList, AppendOfATextWithoutMemoryThrows, 2, 3, 4)
 OUTCOME_OF_ALLOCATIONS(OQCList, ExceptionOfTheNewHandlerPasses, 1)
 {
     OQCList<unsigned int> lList;
-    const std::new_handler lBefore = std::set_new_handler([] { throw 42; });
+    const std::new_handler lBefore = std::set_new_handler([] { throw std::runtime_error("handler"); });
     mOperation = "OQCList::append";
     mWhen = "the host's new handler throws anything but `std::bad_alloc` for the node";
-    mTrace = R"(throws int 0 "")";
+    mTrace = R"(throws std::runtime_error 0 "handler")";
     mStays = "that exception passes unchanged; the list; the element is not copied";
     run([&] { lList.append(1); });
     std::set_new_handler(lBefore);
