@@ -36,7 +36,9 @@ std::string thrown(const OutcomeRow& acrRow)
         } else if (Event::Log == lrEvent.mKind && OQLL_Halt == lrEvent.mLevel && !lrEvent.mArguments.empty()) {
             lCondition = lrEvent.mArguments[0];
         } else if (Event::Throw == lrEvent.mKind) {
-            const std::string lText = "\"" + lrEvent.mArguments[0] + "\"";
+            const std::string& lrText = lrEvent.mArguments[0];
+            const std::string lText = lrText.size() < 100 ? "\"" + lrText + "\""
+                                                          : "a text of " + std::to_string(lrText.size()) + " characters";
             return code(lrEvent.mName) + " " + std::to_string(lrEvent.mLevel) + ", " +
                    (lErrorText == lText ? "error text" : lText);
         } else if (Event::End == lrEvent.mKind && !lCondition.empty()) {
