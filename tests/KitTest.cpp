@@ -354,6 +354,7 @@ public:
         mTrace = acrTrace;
     }
     std::vector<int> mPasses;
+    unsigned int mRefused = 0;  ///< passes in which the operation had no memory
 
 private:
     void row() override
@@ -362,7 +363,12 @@ private:
         nameObject("mutex", &lMutex);
         mPasses.push_back(error());
         substitute::pthread_mutex_lock.fail(error(), EXDEV);
-        run([&] { OsLockMutex(lMutex); });
+        run([&] {
+            void* const volatile lpBlock = malloc(1);
+            mRefused += nullptr == lpBlock ? 1U : 0U;
+            free(lpBlock);
+            OsLockMutex(lMutex);
+        });
     }
 };
 
@@ -386,6 +392,7 @@ TEST_F(KitTest, ARowRunsForEachErrorWithMemoryAndWithout)
     LockRow lRow(cLockFails, {EINVAL, EDEADLK});
     EXPECT_EQ(0U, failuresOf(lRow));
     EXPECT_EQ((std::vector<int>{EINVAL, EDEADLK, EINVAL, EDEADLK}), lRow.mPasses);
+    EXPECT_EQ(FailingMemory::isPossible() ? 2U : 0U, lRow.mRefused);
 }
 
 TEST_F(KitTest, ARowFailsWhenItsTraceDiffersInAnyPass)

@@ -130,7 +130,7 @@ void Outcome::perform(const std::function<void()>& acrOperation)
     const pid_t lProcess = getpid();
     try {
         const Recording lRecording;
-        const FailingMemory lFailingMemory(mFailingAllocation, mIsWithoutMemory);
+        const FailingMemory lFailingMemory(mIsWithoutMemory ? 1 : mFailingAllocation, mIsWithoutMemory);
         acrOperation();
     } catch (const abi::__forced_unwind&) {  // the thread is being cancelled, or ends itself
         throw;
