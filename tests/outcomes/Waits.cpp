@@ -1,0 +1,115 @@
+// How the wait for a descriptor ends.
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "Outcome.h"
+
+namespace
+{
+
+const Family cFamily(
+    "Descriptor wait", ".//MiscLinux", "The descriptor keeps its data: the wait reads nothing.",
+    {{"-E- Error waiting on Named Pipe: %u, Error : %s",
+      "the descriptor is not open, or the system does not accept the wait"},
+     {"-I- The select() call was interrupted.. Ignoring", "a signal came; the wait goes on for the time that is left"},
+     {"-T- Data is available now.", "or the end of the data"},
+     {"-T- No data within %u seconds.", "the time is over; a throw follows"},
+     {"-T- Entered", "the operation begins"},
+     {"-T- Left",
+      "the operation returns; after a line that reports a failure or the end of the time: a throw follows"}});
+
+OUTCOME(OsWaitForActivity, ReturnsWhenThereIsDataToRead)
+{
+    substitute::select.fail(1, 0);
+    mWhen = "data, the end of the data or a connection to accept";
+    mTrace = R"(
+        Entered
+        select(38, local 37, null, null, 2147483647.000000) = 1
+        -T- "Data is available now."
+        Left
+    )";
+    mStays = "-";
+    run([] { OsWaitForActivity(37, INT_MAX); });
+}
+
+OUTCOME_OF_ERRORS(OsWaitForActivity, GoesOnAfterASignal, EINTR, 514)
+{
+    bool lIsInterrupted = false;
+    substitute::select.instead([&](int, fd_set* apSet, fd_set*, fd_set*, timeval* apTime) {
+        lIsInterrupted = !lIsInterrupted;
+        FD_ZERO(apSet);
+        *apTime = {4, 500000};
+        errno = error();
+        return lIsInterrupted ? -1 : 1;
+    });
+    mWhen = "signals interrupt `select` (`EINTR`, 514)";
+    mTrace = R"(
+        Entered
+        select(38, local 37, null, null, 9.000000) = -1 ERROR
+        -I- "The select() call was interrupted.. Ignoring"
+        select(38, local, null, null, 4.500000) = 1
+        -T- "Data is available now."
+        Left
+    )";
+    mTells = "the wait goes on for the time that is left, and ends in any of these ways";
+    mStays = "set and time are not rebuilt";
+    run([] { OsWaitForActivity(37, 9); });
+}
+
+OUTCOME_OF_ERRORS(OsWaitForActivity, ThrowsWhenSelectFails, EBADF, EINVAL, ENOMEM, EAGAIN, 513)
+{
+    substitute::select.fail(-2, error());
+    mWhen = "`select` fails otherwise (closed descriptor of the kernel's table, below -1, no memory)";
+    mTrace = R"(
+        Entered
+        select(-1, local, null, null, 1.000000) = -2 ERROR
+        ClibStrerror(local, 512) = "ERROR #1"
+        -E- "Error waiting on Named Pipe: %u, Error : %s" "4294967294", "ERROR #1"
+        Left
+        ClibStrerror(local, 512) = "ERROR #2"
+        throws OQCPipeWaitFailedEx 332 "ERROR #2"
+    )";
+    mStays = "the descriptor";
+    run([] { OsWaitForActivity(-2, 1); });
+}
+
+OUTCOME(OsWaitForActivity, ThrowsATimeOutWhenTheTimeIsOver)
+{
+    substitute::select.fail(0, EINTR);
+    mWhen =
+        "nothing to read within the seconds (0: at once), also for -1 and for a closed descriptor beyond the kernel's "
+        "table";
+    mTrace = "Entered\nselect(1024, local 1023, null, null, " + std::to_string(static_cast<time_t>(UINT_MAX)) +
+             ".000000) = 0\n" + R"(
+        -T- "No data within %u seconds." "4294967295"
+        Left
+        throws OQCTimeOutEx 323 "Timed out"
+    )";
+    mStays = "the descriptor";
+    run([] { OsWaitForActivity(1023, UINT_MAX); });
+}
+
+OUTCOME(OsWaitForActivity, EndsTheProcessWhenTheDescriptorIsBeyondTheSet)
+{
+#ifndef OQ_FORTIFIED
+    GTEST_SKIP() << "the C library does not check the number in this build";
+#endif
+    mWhen = "descriptor of 1024 and more: a mistake of the caller";
+    mTrace = R"(
+        Entered
+        killed by signal 6
+    )";
+    mTells = "the C library ends the process where it checks (optimised builds with `_FORTIFY_SOURCE`)";
+    mStays = "-";
+    runInChild([] {
+        const rlimit lNoCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &lNoCore);
+        dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
+        OsWaitForActivity(1024, 0);
+    });
+}
+
+}  // namespace
