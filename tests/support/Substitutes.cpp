@@ -219,7 +219,7 @@ COMPANION(int, ClibStat, "_Z8ClibStatPKcP4stat", true, (const char* a, struct st
 COMPANION(char*, ClibStrcpy, "_Z10ClibStrcpyPcPKc", false, (char* a, const char* b), (a, b), (place(a), place(b)), place)
 COMPANION(char*, ClibStrerror, "_Z12ClibStrerrorPcj", true, (char* a, unsigned int b), (a, b), (place(a), number(b)),
           quoted)
-COMPANION(unsigned int, ClibStrlen, "_Z10ClibStrlenPKc", false, (const char* a), (a), (quoted(a)), number)
+COMPANION(unsigned int, ClibStrlen, "_Z10ClibStrlenPKc", false, (const char* a), (a), (place(a)), number)
 COMPANION(int, ClibUnlink, "_Z10ClibUnlinkPKc", true, (const char* a), (a), (quoted(a)), resultWithErrno)
 COMPANION(int, ClibWrite, "_Z9ClibWriteiPKvj", true, (int a, const void* b, unsigned int c), (a, b, c),
           (number(a), place(b), number(c)), resultWithErrno)

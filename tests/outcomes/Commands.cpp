@@ -1,0 +1,508 @@
+// How the run of a command and the splitting of its output end.
+
+#include <string.h>
+
+#include "Outcome.h"
+
+namespace
+{
+
+const Family cFamily(
+    "Commands", ".//MiscLinux",
+    "After each read, `OsExecute` calls `OsBreak`, whose lines are among its own. Only `ClibFread` throws a read "
+    "failure. A command's status is never examined.",
+    {{"-T- Calling popen", "before the shell is started"},
+     {"-T- Failed in popen", "no pipe or no process; the list is unchanged and nothing is thrown"},
+     {"-T- Buffer got = %s", "what one read returned, newlines included"},
+     {"-T- Fread returned ERROR. lLength = %d",
+      "the end of the output, despite the word, or a line of 3999 bytes and more, which ends the reading; the number "
+      "is 0"},
+     {"-T- Failed to read - %s", "the read failed; a throw follows"},
+     {"-T- Number of lines in output: %u", "how many are in the list, including those that were there before"},
+     {"-T- Line: %s", "a complete line, appended next"},
+     {"-T- Incomplete line: %s", "kept for the next read; dropped when there is none"},
+     {"-T- End of popened Buffer", "the text ended with its last line"},
+     {"-T- Entered", "the operation begins"},
+     {"-T- Left", "the operation returns; after a read failure: a throw follows"}});
+
+#define SKIP_WITHOUT_FAILING_MEMORY() \
+    if (!FailingMemory::isPossible()) \
+    GTEST_SKIP() << "another allocator is in use"
+
+typedef std::vector<std::string> Texts;
+
+Texts textsOf(const OQCList<OQCString>& acrList)
+{
+    Texts lTexts;
+    for (const OQCString& lrText : acrList) {
+        lTexts.push_back(lrText.get());
+    }
+    return lTexts;
+}
+
+const std::string cLong(50, 'l');  // a text whose characters need an allocation
+
+const std::string cOpened = R"(
+    Entered
+    -T- "Calling popen"
+    popen("true", "r") = stream
+)";
+const std::string cClosed = R"(
+    -T- "Fread returned ERROR. lLength = %d" "0"
+    pclose(stream) = 0
+    -T- "Number of lines in output: %u" "2"
+    Left
+)";
+
+int sReadError = 0;
+
+/// A stream that cannot be read: EISDIR and the like.
+FILE* brokenStream(int aError)
+{
+    sReadError = aError;
+    cookie_io_functions_t lFunctions = {};
+    lFunctions.read = [](void*, char*, size_t) -> ssize_t {
+        errno = sReadError;
+        return -1;
+    };
+    return fopencookie(nullptr, "r", lFunctions);
+}
+
+/// A command that has been started, so that popen() allocates nothing in the operation, and a list with one entry. The
+/// command's stream is shown as "stream", the start of the read buffer as "buffer".
+class Command
+{
+public:
+    explicit Command(FILE* apStream) : mStream(apStream)
+    {
+        followMemory(0, nullptr);
+        followMemory(1, nullptr);
+        mLines.append("old");
+        nameObject("stream", mStream);
+        watchObject("list", &mLines, sizeof mLines);
+        substitute::popen.instead([this](const char*, const char*) { return mStream; });
+        substitute::pclose.instead([this](FILE* apClosed) {
+            mStream = nullptr;
+            return substitute::pclose.real(apClosed);
+        });
+        substitute::ClibMemset.instead([this](void* apMemory, int aValue, unsigned int aCount) {
+            noteBuffer(static_cast<char*>(apMemory));
+            return substitute::ClibMemset.real(apMemory, aValue, aCount);
+        });
+    }
+    explicit Command(const char* acCommand) : Command(popen(acCommand, "r")) {}
+    /// The reads return these texts, and then what aAtEnd returns.
+    explicit Command(
+        const Texts& acrTexts, const std::function<unsigned int()>& acrAtEnd = [] { return 0U; })
+        : Command(":")
+    {
+        read(acrTexts, acrAtEnd);
+    }
+
+    void read(const Texts& acrTexts, const std::function<unsigned int()>& acrAtEnd)
+    {
+        unsigned int lNext = 0;
+        substitute::ClibFread.instead(
+            [acrTexts, acrAtEnd, lNext](char* apBuffer, unsigned int, unsigned int aCount, FILE*) mutable {
+                if (acrTexts.size() == lNext) {
+                    return acrAtEnd();
+                }
+                const std::string& lrText = acrTexts[lNext++];
+                EXPECT_LE(lrText.size(), aCount);
+                memcpy(apBuffer, lrText.data(), lrText.size());
+                return static_cast<unsigned int>(lrText.size());
+            });
+    }
+
+    ~Command()
+    {
+        EXPECT_EQ(nullptr, mStream);
+        EXPECT_TRUE(!FailingMemory::isPossible() || nullptr == mpReadBuffer || isFreed(0));
+        EXPECT_TRUE(!FailingMemory::isPossible() || nullptr == mpLineBuffer || isFreed(1));
+    }
+    /// Releases what the operation has left.
+    void expectLeft()
+    {
+        EXPECT_FALSE(FailingMemory::isPossible() && (isFreed(0) || isFreed(1)));
+        free(mpReadBuffer);
+        free(mpLineBuffer);
+        pclose(mStream);
+        mStream = nullptr;
+    }
+    /// The entries that the operation has appended.
+    Texts appended() const
+    {
+        const Texts lTexts = textsOf(mLines);
+        return Texts(lTexts.begin() + 1, lTexts.end());
+    }
+
+    OQCList<OQCString> mLines;
+
+private:
+    void noteBuffer(char* apMemory)
+    {
+        if (nullptr == mpReadBuffer) {
+            mpReadBuffer = apMemory;
+            nameObject("buffer", apMemory);
+            followMemory(0, apMemory);
+        } else if (apMemory < mpReadBuffer || mpReadBuffer + 4000 <= apMemory) {
+            mpLineBuffer = apMemory;
+            followMemory(1, apMemory);
+        }
+    }
+
+    FILE* mStream;
+    char* mpReadBuffer = nullptr;
+    char* mpLineBuffer = nullptr;
+};
+
+OUTCOME(OsExecute, AppendsEachLineOfTheOutput)
+{
+    Command lCommand("printf 'a\\nb\\n'");
+    mNeedsMemory = true;
+    mWhen = "succeeds";
+    mTrace = R"(
+        Entered
+        -T- "Calling popen"
+        popen("printf 'a\nb\n'", "r") = stream
+        ClibFread(buffer, 1, 3999, stream) = 4
+        -T- "Buffer got = %s" "a\nb\n"
+        OsBreak: Entered
+        OsBreak: -T- "Line: %s" "a"
+        list changes
+        OsBreak: -T- "Line: %s" "b"
+        list changes
+        OsBreak: -T- "End of popened Buffer"
+        OsBreak: Left
+        ClibFread(buffer, 1, 3999, stream) = 0
+        -T- "Fread returned ERROR. lLength = %d" "0"
+        pclose(stream) = 0
+        -T- "Number of lines in output: %u" "3"
+        Left
+    )";
+    mStays = "the entries that the list had";
+    run([&] { OsExecute("printf 'a\\nb\\n'", lCommand.mLines); });
+    EXPECT_EQ((Texts{"a", "b"}), lCommand.appended());
+}
+
+OUTCOME(OsExecute, DropsALastLineWithoutANewline)
+{
+    Command lCommand(Texts{"a\nb"});
+    substitute::ClibMemset.show();
+    mNeedsMemory = true;
+    mWhen = "the last line has no newline";
+    mTrace = cOpened + R"(
+        ClibMemset(memory, 0, 4000) = buffer
+        ClibMemset(buffer, 0, 4000) = buffer
+        ClibFread(buffer, 1, 3999, stream) = 3
+        -T- "Buffer got = %s" "a\nb"
+        OsBreak: Entered
+        ClibMemset(memory, 0, 4000) = memory
+        OsBreak: -T- "Line: %s" "a"
+        list changes
+        OsBreak: -T- "Incomplete line: %s" "b"
+        OsBreak: Left
+        ClibMemset(memory, 0, 3999) = memory
+        ClibFread(memory, 1, 3998, stream) = 0
+    )" + cClosed;
+    mTells = "the line is dropped";
+    mStays = "-";
+    run([&] { OsExecute("true", lCommand.mLines); });
+    EXPECT_EQ((Texts{"a"}), lCommand.appended());
+}
+
+OUTCOME(OsExecute, IgnoresTheStatusOfTheCommand)
+{
+    Command lCommand("exec 2>/dev/null; /nonexistent/program");
+    mNeedsMemory = true;
+    mWhen = "the shell cannot run the command, or the command fails";
+    mTrace = R"(
+        Entered
+        -T- "Calling popen"
+        popen("/nonexistent/program", "r") = stream
+        ClibFread(buffer, 1, 3999, stream) = 0
+        -T- "Fread returned ERROR. lLength = %d" "0"
+        pclose(stream) = 32512
+        -T- "Number of lines in output: %u" "1"
+        Left
+    )";
+    mTells = "its status is not examined";
+    mStays = "lines that it printed are in the list";
+    run([&] { OsExecute("/nonexistent/program", lCommand.mLines); });
+    EXPECT_EQ(Texts(), lCommand.appended());
+}
+
+OUTCOME(OsExecute, EndsWithALineThatFillsTheBuffer)
+{
+    const std::string cMost = "a\n" + std::string(3997, 'x');
+    Command lCommand(Texts{cMost, "xx"});
+    nameText("a line and 3997 bytes", cMost);
+    nameText("3997 bytes", cMost.substr(2));
+    nameText("3999 bytes", cMost.substr(2) + "xx");
+    mNeedsMemory = true;
+    mWhen = "a line of 3999 bytes or more";
+    mTrace = cOpened + R"(
+        ClibFread(buffer, 1, 3999, stream) = 3999
+        -T- "Buffer got = %s" a line and 3997 bytes
+        OsBreak: Entered
+        OsBreak: -T- "Line: %s" "a"
+        list changes
+        OsBreak: -T- "Incomplete line: %s" 3997 bytes
+        OsBreak: Left
+        ClibFread(memory, 1, 2, stream) = 2
+        -T- "Buffer got = %s" "xx"
+        OsBreak: Entered
+        OsBreak: -T- "Incomplete line: %s" 3999 bytes
+        OsBreak: Left
+        ClibFread(memory, 1, 0, stream) = 0
+    )" + cClosed;
+    mTells = "it and all after it are lost";
+    mStays = "lines before it are in the list";
+    run([&] { OsExecute("true", lCommand.mLines); });
+    EXPECT_EQ((Texts{"a"}), lCommand.appended());
+}
+
+OUTCOME(OsExecute, LosesTheRestOfAReadAfterAZeroByte)
+{
+    Command lCommand(Texts{std::string("a\0b\nc\n", 6), std::string("\0x\n", 3), "d\n"});
+    mNeedsMemory = true;
+    mWhen = "a zero byte in the output";
+    mTrace = cOpened + R"(
+        ClibFread(buffer, 1, 3999, stream) = 6
+        -T- "Buffer got = %s" "a"
+        OsBreak: Entered
+        OsBreak: -T- "Incomplete line: %s" "a"
+        OsBreak: Left
+        ClibFread(memory, 1, 3998, stream) = 3
+        -T- "Buffer got = %s" ""
+        OsBreak: Entered
+        OsBreak: -T- "Incomplete line: %s" "a"
+        OsBreak: Left
+        ClibFread(memory, 1, 3998, stream) = 2
+        -T- "Buffer got = %s" "d\n"
+        OsBreak: Entered
+        OsBreak: -T- "Line: %s" "ad"
+        list changes
+        OsBreak: -T- "End of popened Buffer"
+        OsBreak: Left
+        ClibFread(buffer, 1, 3999, stream) = 0
+    )" + cClosed;
+    mTells = "the rest of that read is lost";
+    mStays = "-";
+    run([&] { OsExecute("true", lCommand.mLines); });
+    EXPECT_EQ((Texts{"ad"}), lCommand.appended());
+}
+
+OUTCOME_OF_ERRORS(OsExecute, ReturnsWhenPopenFails, EAGAIN, EMFILE, ENFILE, ENOMEM, EINVAL)
+{
+    OQCList<OQCString> lLines;
+    substitute::popen.fail(nullptr, error());
+    mWhen = "`popen` fails";
+    mTrace = R"(
+        Entered
+        -T- "Calling popen"
+        popen("true", "r") = null
+        -T- "Failed in popen"
+        Left
+    )";
+    mTells = "only the log";
+    mStays = "the list";
+    run([&] { OsExecute("true", lLines); });
+    EXPECT_EQ(0, lLines.size());
+}
+
+OUTCOME_OF_ERRORS(OsExecute, ThrowsTheReadFailureAgain, EAGAIN, EBADF, EFAULT, EINVAL, EINTR, EIO, EISDIR)
+{
+    FILE* const lpStream = brokenStream(error());
+    Command lCommand(lpStream);
+    lCommand.read({"a\nb"}, [&] {
+        char lByte;
+        return substitute::ClibFread.real(&lByte, 1, 1, lpStream);
+    });
+    recordCompanion();
+    mNeedsMemory = true;
+    mWhen = "`ClibFread` throws a read failure; the same object is thrown again";
+    mTrace = cOpened + R"(
+        ClibFread(buffer, 1, 3999, stream) = 3
+        -T- "Buffer got = %s" "a\nb"
+        OsBreak: Entered
+        OsBreak: -T- "Line: %s" "a"
+        list changes
+        OsBreak: -T- "Incomplete line: %s" "b"
+        OsBreak: Left
+        ClibFread(memory, 1, 3998, stream)
+        ClibStrerror(local, 512) = "ERROR #1"
+        -T- "Failed to read - %s" "ERROR #1"
+        pclose(stream) = 0
+        Left
+        throws OQCReadFailedEx 328 "ERROR #1"
+    )";
+    mStays =
+        "stream and buffers are released; lines of earlier reads stay in the list, the output of the failed read is "
+        "lost";
+    run([&] { OsExecute("true", lCommand.mLines); });
+    EXPECT_EQ((Texts{"a"}), lCommand.appended());
+}
+
+OUTCOME(OsExecute, PassesAnyOtherExceptionOfTheRead)
+{
+    Command lCommand({}, []() -> unsigned int { throw OQCOpenFailedEx("another failure", 326); });
+    mNeedsMemory = true;
+    mWhen = "the read throws anything else, which passes unchanged";
+    mTrace = cOpened + R"(
+        ClibFread(buffer, 1, 3999, stream)
+        throws OQCOpenFailedEx 326 "another failure"
+    )";
+    mStays = "the stream and the read buffer stay";
+    run([&] { OsExecute("true", lCommand.mLines); });
+    lCommand.expectLeft();
+}
+
+OUTCOME(OsExecute, ThrowsWithoutMemoryForTheReadBuffer)
+{
+    SKIP_WITHOUT_FAILING_MEMORY();
+    Command lCommand(Texts{});
+    mFailingAllocation = 1;
+    mWhen = "no memory for the read buffer";
+    mTrace = cOpened + R"(throws OQCNoMemoryEx 2 "Out of Memory")";
+    mStays = "the stream stays open; the list";
+    run([&] { OsExecute("true", lCommand.mLines); });
+    lCommand.expectLeft();
+}
+
+// The errors are the numbers of the allocations: line buffer; object, characters and counter of a line; its node in the
+// list; object, characters and counter of the copy in the node.
+OUTCOME_OF_ERRORS(OsExecute, ThrowsWithoutMemoryToBreakTheText, 2, 3, 4, 5, 6, 7, 8, 9)
+{
+    SKIP_WITHOUT_FAILING_MEMORY();
+    Command lCommand(Texts{cLong + "\n"});
+    mFailingAllocation = static_cast<unsigned int>(error());
+    mWhen = "no memory in `OsBreak`, as its rows show";
+    mTrace = cOpened + "ClibFread(buffer, 1, 3999, stream) = 51\n-T- \"Buffer got = %s\" \"" + cLong +
+             "\\n\"\nOsBreak: Entered\n" + (error() < 6 ? "" : "OsBreak: -T- \"Line: %s\" \"" + cLong + "\"\n") +
+             "throws OQCNoMemoryEx 2 \"Out of Memory\"";
+    mStays = "the stream and both buffers stay; lines before it stay in the list";
+    run([&] { OsExecute("true", lCommand.mLines); });
+    EXPECT_EQ(Texts(), lCommand.appended());
+    lCommand.expectLeft();
+}
+
+/// A buffer, shown as "buffer", and a list with one entry.
+struct Text {
+    explicit Text(const std::string& acrText)
+    {
+        memset(mBuffer, '#', sizeof mBuffer);
+        strcpy(mBuffer, acrText.c_str());
+        mLines.append("old");
+        nameObject("buffer", mBuffer);
+        watchObject("list", &mLines, sizeof mLines);
+        substitute::ClibMemset.instead([this](void* apMemory, int aValue, unsigned int aCount) {
+            followMemory(0, mpLineBuffer = apMemory);
+            return substitute::ClibMemset.real(apMemory, aValue, aCount);
+        });
+    }
+    ~Text() { EXPECT_TRUE(!FailingMemory::isPossible() || nullptr == mpLineBuffer || isFreed(0)); }
+    void expectLeft() const
+    {
+        EXPECT_FALSE(nullptr != mpLineBuffer && isFreed(0));
+        free(mpLineBuffer);
+    }
+
+    char mBuffer[4000];
+    OQCList<OQCString> mLines;
+    void* mpLineBuffer = nullptr;
+};
+
+OUTCOME(OsBreak, AppendsEachLineOfATextThatEndsWithANewline)
+{
+    Text lText("one\ntwo \n");
+    char* lpNext = nullptr;
+    substitute::ClibMemset.show();
+    substitute::ClibStrcpy.show();
+    mNeedsMemory = true;
+    mWhen = "the text ends with a newline";
+    mTrace = R"(
+        Entered
+        ClibMemset(memory, 0, 4000) = memory
+        ClibStrcpy(memory, buffer) = memory
+        -T- "Line: %s" "one"
+        list changes
+        ClibStrcpy(memory, memory) = memory
+        -T- "Line: %s" "two "
+        list changes
+        -T- "End of popened Buffer"
+        Left
+    )";
+    mTells = "the next read is stored at the start of the buffer";
+    mStays = "the entries that the list had";
+    run([&] { lpNext = OsBreak(lText.mBuffer, lText.mLines); });
+    EXPECT_EQ(lText.mBuffer, lpNext);
+    EXPECT_EQ((Texts{"old", "one", "two "}), textsOf(lText.mLines));
+    EXPECT_EQ(0, memcmp("one\0two \0\0#", lText.mBuffer, 11));  // a zero for each newline, and no more written
+}
+
+OUTCOME(OsBreak, MovesAnUnfinishedLineToTheStart)
+{
+    Text lText("a\n\nbcdefgh");
+    char* lpNext = nullptr;
+    substitute::ClibStrcpy.show();
+    mNeedsMemory = true;
+    mWhen = "the text ends without a newline";
+    mTrace = R"(
+        Entered
+        ClibStrcpy(memory, buffer) = memory
+        -T- "Line: %s" "a"
+        list changes
+        ClibStrcpy(memory, memory) = memory
+        -T- "Line: %s" ""
+        list changes
+        ClibStrcpy(memory, memory) = memory
+        -T- "Incomplete line: %s" "bcdefgh"
+        ClibStrcpy(buffer, memory) = buffer
+        Left
+    )";
+    mTells = "the next read is stored behind the unfinished line, which is moved to the start of the buffer";
+    mStays = "-";
+    run([&] { lpNext = OsBreak(lText.mBuffer, lText.mLines); });
+    EXPECT_EQ(lText.mBuffer + 7, lpNext);
+    EXPECT_STREQ("bcdefgh", lText.mBuffer);
+    EXPECT_EQ((Texts{"old", "a", ""}), textsOf(lText.mLines));
+}
+
+OUTCOME_OF_ERRORS(OsBreak, ThrowsWithoutMemoryForTheLineBufferOrALine, 1, 2, 3, 4)
+{
+    SKIP_WITHOUT_FAILING_MEMORY();
+    Text lText(cLong + "\n");
+    mFailingAllocation = static_cast<unsigned int>(error());
+    mWhen = "no memory for the line buffer or for a line";
+    mTrace = R"(
+        Entered
+        throws OQCNoMemoryEx 2 "Out of Memory"
+    )";
+    mStays = "the line buffer, if there is one, stays; lines before it stay in the list";
+    run([&] { OsBreak(lText.mBuffer, lText.mLines); });
+    lText.expectLeft();
+}
+
+// After the line buffer, the five allocations of the first line and its entry, and the three of the second line.
+OUTCOME_OF_ERRORS(OsBreak, ThrowsWithoutMemoryForAnEntryOfTheList, 10, 11, 12, 13)
+{
+    SKIP_WITHOUT_FAILING_MEMORY();
+    Text lText("one\n" + cLong + "\n");
+    mFailingAllocation = static_cast<unsigned int>(error());
+    mWhen = "no memory for a line's entry in the list";
+    mTrace = R"(
+        Entered
+        -T- "Line: %s" "one"
+        list changes
+        -T- "Line: %s" ")" +
+             cLong + R"("
+        throws OQCNoMemoryEx 2 "Out of Memory"
+    )";
+    mStays = "the line buffer stays; lines before it stay in the list";
+    run([&] { OsBreak(lText.mBuffer, lText.mLines); });
+    EXPECT_EQ((Texts{"old", "one"}), textsOf(lText.mLines));
+    lText.expectLeft();
+}
+
+}  // namespace
