@@ -102,11 +102,11 @@ private:
     const int mErrno;
 };
 
-/// The loaded library or program that has this address.
+/// The loaded library or program that has this address. dladdr() would search its symbols, too, in each recorded call.
 void* objectOf(const void* acAddress)
 {
-    Dl_info lInfo;
-    return 0 == dladdr(acAddress, &lInfo) ? nullptr : lInfo.dli_fbase;
+    dl_find_object lFound;
+    return 0 == _dl_find_object(const_cast<void*>(acAddress), &lFound) ? lFound.dlfo_map_start : nullptr;
 }
 
 unsigned int newSlot(Event::Kind aKind)
