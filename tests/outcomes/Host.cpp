@@ -101,8 +101,10 @@ const std::string cLookedUp = R"(
 
 OUTCOME(OsGetAllIpAddresses, AppendsEachAddressThatIsNotLoopback)
 {
-    Host lHost({"127.0.1.1", "10.1.2.3", "192.168.0.1"});
-    substitute::ClibnStrcmp.instead([](const char* acText, const char* acPrefix, unsigned int aLength) {
+    Host lHost({"127.0.1.1", "12.7.0.1", "127.0.0.2", "200.127.0.1"});
+    bool lIsLocal = true;
+    substitute::ClibnStrcmp.instead([&](const char* acText, const char* acPrefix, unsigned int aLength) {
+        lIsLocal = lIsLocal && 0 == strcmp("local", place(acText).mText);
         inet_ntoa({htonl(0x08080808)});  // as a logging function may do
         return substitute::ClibnStrcmp.real(acText, acPrefix, aLength);
     });
@@ -110,27 +112,38 @@ OUTCOME(OsGetAllIpAddresses, AppendsEachAddressThatIsNotLoopback)
     mWhen = "succeeds";
     mTrace = cLookedUp + R"(
         -T- "IP Address #%u - %s" "0", "127.0.1.1"
-        -T- "IP Address #%u - %s" "1", "10.1.2.3"
-        -T- "Using %s as one of System's IP Addresses" "10.1.2.3"
+        -T- "IP Address #%u - %s" "1", "12.7.0.1"
+        -T- "Using %s as one of System's IP Addresses" "12.7.0.1"
         list changes
-        -T- "IP Address #%u - %s" "2", "192.168.0.1"
-        -T- "Using %s as one of System's IP Addresses" "192.168.0.1"
+        -T- "IP Address #%u - %s" "2", "127.0.0.2"
+        -T- "IP Address #%u - %s" "3", "200.127.0.1"
+        -T- "Using %s as one of System's IP Addresses" "200.127.0.1"
         list changes
         Left
     )";
     mStays = "the entries that the list had";
     run([&] { OsGetAllIpAddresses(lHost.mAddresses); });
-    EXPECT_EQ((std::vector<unsigned int>{7, 0x0a010203, 0xc0a80001}),
+    EXPECT_EQ((std::vector<unsigned int>{7, 0x0c070001, 0xc87f0001}),
               std::vector<unsigned int>(lHost.mAddresses.begin(), lHost.mAddresses.end()));
+    EXPECT_TRUE(lIsLocal);
 }
 
 OUTCOME(OsGetIpAddress, StoresTheFirstAddressThatIsNotLoopback)
 {
     Host lHost({nullptr, "127.0.1.1", "10.1.2.3", "192.168.0.1"});
+    substitute::ClibMemcpy.show();
+    substitute::ClibnStrcmp.show();
+    substitute::ClibnStrcmp.instead([](const char* acText, const char* acPrefix, unsigned int aLength) {
+        return 0 == substitute::ClibnStrcmp.real(acText, acPrefix, aLength) ? 0 : 1;
+    });
     mWhen = "succeeds; a null entry in the first place is passed over";
     mTrace = cLookedUp + R"(
+        ClibMemcpy(local, memory, 4) = local
         -T- "IP Address #%u - %s" "1", "127.0.1.1"
+        ClibnStrcmp("127.0.1.1", "127.", 4) = 0
+        ClibMemcpy(local, memory, 4) = local
         -T- "IP Address #%u - %s" "2", "10.1.2.3"
+        ClibnStrcmp("10.1.2.3", "127.", 4) = 1
         address changes
         -T- "Using %s as the System's primary IP Address" "10.1.2.3"
         Left
@@ -197,11 +210,11 @@ OUTCOME_OF_BOTH(EndsTheProcessWithoutAnAddressList, 0)
 
 OUTCOME_OF_BOTH(ThrowsWhenThereAreOnlyLoopbackAddresses, 0)
 {
-    Host lHost({"127.0.0.1", "127.255.1.2", nullptr, "10.1.2.3"});
-    mWhen = "only loopback addresses before the first null entry that is not the first entry";
+    Host lHost({nullptr, "127.0.0.1", "127.255.1.2", nullptr, "10.1.2.3"});
+    mWhen = "only loopback addresses; a null entry ends the list, except in the first place";
     mTrace = cLookedUp + R"(
-        -T- "IP Address #%u - %s" "0", "127.0.0.1"
-        -T- "IP Address #%u - %s" "1", "127.255.1.2"
+        -T- "IP Address #%u - %s" "1", "127.0.0.1"
+        -T- "IP Address #%u - %s" "2", "127.255.1.2"
         -H- "No non-loopback IP Address configured on system"
         throws OQCGetIpAddressFailEx 347 "No non-loopback IP Address configured on system"
     )";
@@ -311,12 +324,17 @@ OUTCOME(OsGetOsName, StoresTheFirstLineOfTheReleaseFile)
 
 OUTCOME(OsGetOsName, StoresAnEmptyNameWhenTheReleaseFileIsEmpty)
 {
-    System lSystem("/etc/oracle-release");
+    System lSystem("/etc/enterprise-release");
     setFirstLine("");
     mNeedsMemory = true;
     mWhen = "the release file is empty";
-    mTrace = cFound + R"(
-        getFirstLineFromFile("/etc/oracle-release", local) = 0
+    mTrace = R"(
+        Entered
+        family changes
+        ClibStat("/etc/oracle-release", local)
+        ClibStat("/etc/enterprise-release", local) = 0
+        -T- "Going to determine Linux variant string"
+        getFirstLineFromFile("/etc/enterprise-release", local) = 0
         -T- "Found OS Info: '%s'" ""
         name changes
         Left

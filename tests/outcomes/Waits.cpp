@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -38,8 +39,10 @@ OUTCOME(OsWaitForActivity, ReturnsWhenThereIsDataToRead)
 OUTCOME_OF_ERRORS(OsWaitForActivity, GoesOnAfterASignal, EINTR, 514)
 {
     bool lIsInterrupted = false;
+    bool lIsLocal = true;
     substitute::select.instead([&](int, fd_set* apSet, fd_set*, fd_set*, timeval* apTime) {
         lIsInterrupted = !lIsInterrupted;
+        lIsLocal = lIsLocal && 0 == strcmp("local", place(apTime).mText);
         FD_ZERO(apSet);
         *apTime = {4, 500000};
         errno = error();
@@ -57,6 +60,7 @@ OUTCOME_OF_ERRORS(OsWaitForActivity, GoesOnAfterASignal, EINTR, 514)
     mTells = "the wait goes on for the time that is left, and ends in any of these ways";
     mStays = "set and time are not rebuilt";
     run([] { OsWaitForActivity(37, 9); });
+    EXPECT_TRUE(lIsLocal);
 }
 
 OUTCOME_OF_ERRORS(OsWaitForActivity, ThrowsWhenSelectFails, EBADF, EINVAL, ENOMEM, EAGAIN, 513)
