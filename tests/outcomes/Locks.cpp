@@ -147,7 +147,7 @@ OUTCOME(OsKill, Succeeds)
     int lResult = -1;
     mWhen = "succeeds";
     mTrace = "kill(process 4711, 15) = 0";
-    mTells = "0";
+    mTells = "the result is 0";
     mStays = "-";
     run([&] { lResult = OsKill(4711, SIGTERM); });
     EXPECT_EQ(0, lResult);

@@ -16,7 +16,7 @@ const Family cFamily(
     {{"-E- Error waiting on Named Pipe: %u, Error : %s",
       "the descriptor is not open, or the system does not accept the wait"},
      {"-I- The select() call was interrupted.. Ignoring", "a signal came; the wait goes on for the time that is left"},
-     {"-T- Data is available now.", "or the end of the data"},
+     {"-T- Data is available now.", "the descriptor is readable: data, the end of the data or a connection to accept"},
      {"-T- No data within %u seconds.", "the time is over; a throw follows"},
      {"-T- Entered", "the operation begins"},
      {"-T- Left",
