@@ -109,6 +109,7 @@ public:
                 }
                 const std::string& lrText = acrTexts[lNext++];
                 EXPECT_LE(lrText.size(), aCount);
+                memset(apBuffer, '#', aCount);  // the operation itself ends the text
                 memcpy(apBuffer, lrText.data(), lrText.size());
                 return static_cast<unsigned int>(lrText.size());
             });
