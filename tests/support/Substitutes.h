@@ -87,7 +87,8 @@ public:
     /// Runs this in place of the real function.
     void instead(std::function<Result(Arguments...)> aRun)
     {
-        mPlan.reset(new std::function<Result(Arguments...)>(std::move(aRun)));
+        delete mPlan;
+        mPlan = new std::function<Result(Arguments...)>(std::move(aRun));
         planned();
     }
     /// Each call returns aResult with errno set to aErrno and does nothing else.
@@ -123,11 +124,13 @@ public:
 private:
     void reset() override
     {
-        mPlan.reset();
+        delete mPlan;
+        mPlan = nullptr;
         resetShown();
     }
 
-    std::unique_ptr<std::function<Result(Arguments...)>> mPlan;
+    // Not destroyed at the end of the program, when functions such as fflush() are still called.
+    std::function<Result(Arguments...)>* mPlan = nullptr;
 };
 
 namespace substitute
