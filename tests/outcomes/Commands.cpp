@@ -25,10 +25,6 @@ const Family cFamily(
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after a read failure: a throw follows"}});
 
-#define SKIP_WITHOUT_FAILING_MEMORY() \
-    if (!FailingMemory::isPossible()) \
-    GTEST_SKIP() << "another allocator is in use"
-
 typedef std::vector<std::string> Texts;
 
 Texts textsOf(const OQCList<OQCString>& acrList)
@@ -359,11 +355,9 @@ OUTCOME(OsExecute, PassesAnyOtherExceptionOfTheRead)
     lCommand.expectLeft();
 }
 
-OUTCOME(OsExecute, ThrowsWithoutMemoryForTheReadBuffer)
+OUTCOME_OF_ALLOCATIONS(OsExecute, ThrowsWithoutMemoryForTheReadBuffer, 1)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     Command lCommand(Texts{});
-    mFailingAllocation = 1;
     mWhen = "no memory for the read buffer";
     mTrace = cOpened + R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the stream stays open; the list";
@@ -371,13 +365,11 @@ OUTCOME(OsExecute, ThrowsWithoutMemoryForTheReadBuffer)
     lCommand.expectLeft();
 }
 
-// The errors are the numbers of the allocations: line buffer; object, characters and counter of a line; its node in the
+// The allocations: line buffer; object, characters and counter of a line; its node in the
 // list; object, characters and counter of the copy in the node.
-OUTCOME_OF_ERRORS(OsExecute, ThrowsWithoutMemoryToBreakTheText, 2, 3, 4, 5, 6, 7, 8, 9)
+OUTCOME_OF_ALLOCATIONS(OsExecute, ThrowsWithoutMemoryToBreakTheText, 2, 3, 4, 5, 6, 7, 8, 9)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     Command lCommand(Texts{cLong + "\n"});
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory in `OsBreak`, as its rows show";
     mTrace = cOpened + "ClibFread(buffer, 1, 3999, stream) = 51\n-T- \"Buffer got = %s\" \"" + cLong +
              "\\n\"\nOsBreak: Entered\n" + (error() < 6 ? "" : "OsBreak: -T- \"Line: %s\" \"" + cLong + "\"\n") +
@@ -470,11 +462,9 @@ OUTCOME(OsBreak, MovesAnUnfinishedLineToTheStart)
     EXPECT_EQ((Texts{"old", "a", ""}), textsOf(lText.mLines));
 }
 
-OUTCOME_OF_ERRORS(OsBreak, ThrowsWithoutMemoryForTheLineBufferOrALine, 1, 2, 3, 4)
+OUTCOME_OF_ALLOCATIONS(OsBreak, ThrowsWithoutMemoryForTheLineBufferOrALine, 1, 2, 3, 4)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     Text lText(cLong + "\n");
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for the line buffer or for a line";
     mTrace = R"(
         Entered
@@ -486,11 +476,9 @@ OUTCOME_OF_ERRORS(OsBreak, ThrowsWithoutMemoryForTheLineBufferOrALine, 1, 2, 3, 
 }
 
 // After the line buffer, the five allocations of the first line and its entry, and the three of the second line.
-OUTCOME_OF_ERRORS(OsBreak, ThrowsWithoutMemoryForAnEntryOfTheList, 10, 11, 12, 13)
+OUTCOME_OF_ALLOCATIONS(OsBreak, ThrowsWithoutMemoryForAnEntryOfTheList, 10, 11, 12, 13)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     Text lText("one\n" + cLong + "\n");
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for a line's entry in the list";
     mTrace = R"(
         Entered

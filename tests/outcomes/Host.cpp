@@ -29,10 +29,6 @@ const Family cFamily(
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after an error line: a throw follows"}});
 
-#define SKIP_WITHOUT_FAILING_MEMORY() \
-    if (!FailingMemory::isPossible()) \
-    GTEST_SKIP() << "another allocator is in use"
-
 /// The host, with a name and with these addresses, and what the callers of both functions pass. A null address is a null
 /// entry; two null entries end the list.
 class Host
@@ -234,11 +230,9 @@ OUTCOME_OF_BOTH(ThrowsWhenTheListIsEmpty, 0)
     run([&] { lHost.lookUp(mOperation); });
 }
 
-OUTCOME(OsGetAllIpAddresses, ThrowsWithoutMemoryForAnEntryOfTheList)
+OUTCOME_OF_ALLOCATIONS(OsGetAllIpAddresses, ThrowsWithoutMemoryForAnEntryOfTheList, 2)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     Host lHost({"10.1.2.3", "10.1.2.4"});
-    mFailingAllocation = 2;
     mWhen = "no memory for an entry of the list";
     mTrace = cLookedUp + R"(
         -T- "IP Address #%u - %s" "0", "10.1.2.3"
@@ -408,25 +402,21 @@ OUTCOME(OsGetOsName, PassesAnExceptionOfTheRead)
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
 }
 
-// In these rows, the errors are the numbers of the allocations: of each text the object, the characters unless they fit
-// into the object, and the counter.
-OUTCOME_OF_ERRORS(OsGetOsName, ThrowsWithoutMemoryBeforeTheFileIsRead, 1, 2, 3, 4, 5)
+// Each text needs three allocations: the object, the characters and the counter; two if the characters fit into the
+// object.
+OUTCOME_OF_ALLOCATIONS(OsGetOsName, ThrowsWithoutMemoryBeforeTheFileIsRead, 1, 2, 3, 4, 5)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     System lSystem("/etc/oracle-release");
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for the line or the path before the file is read";
     mTrace = cFound + R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the name; the family is stored";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
 }
 
-OUTCOME_OF_ERRORS(OsGetOsName, ThrowsWithoutMemoryForTheName, 8, 9)
+OUTCOME_OF_ALLOCATIONS(OsGetOsName, ThrowsWithoutMemoryForTheName, 8, 9)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     System lSystem("/etc/oracle-release");
     setFirstLine("release 9");
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for the name";
     mTrace = cFound + R"(
         getFirstLineFromFile("/etc/oracle-release", local) = 0
@@ -437,12 +427,10 @@ OUTCOME_OF_ERRORS(OsGetOsName, ThrowsWithoutMemoryForTheName, 8, 9)
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
 }
 
-OUTCOME_OF_ERRORS(OsGetOsName, ThrowsWithoutMemoryForTheFixedTextOfAnUnreadableFile, 6, 7, 8, 9, 10, 11)
+OUTCOME_OF_ALLOCATIONS(OsGetOsName, ThrowsWithoutMemoryForTheFixedTextOfAnUnreadableFile, 6, 7, 8, 9, 10, 11)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     System lSystem("/etc/oracle-release");
     substitute::getFirstLineFromFile.fail(-1, EIO);
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for the fixed text after a file that cannot be read";
     mTrace = cFound + R"(
         getFirstLineFromFile("/etc/oracle-release", local) = -1
@@ -454,11 +442,9 @@ OUTCOME_OF_ERRORS(OsGetOsName, ThrowsWithoutMemoryForTheFixedTextOfAnUnreadableF
 }
 
 // After the three exceptions of the files that do not exist.
-OUTCOME_OF_ERRORS(OsGetOsName, ThrowsWithoutMemoryForTheFixedText, 4, 5, 6, 7, 8, 9)
+OUTCOME_OF_ALLOCATIONS(OsGetOsName, ThrowsWithoutMemoryForTheFixedText, 4, 5, 6, 7, 8, 9)
 {
-    SKIP_WITHOUT_FAILING_MEMORY();
     System lSystem(nullptr);
-    mFailingAllocation = static_cast<unsigned int>(error());
     mWhen = "no memory for the fixed text where there is no release file";
     mTrace = cNotFound + R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the name; the family is stored";
