@@ -36,6 +36,7 @@ struct Slot {
     unsigned int mTextCount;
     size_t mUsed;
     char mTexts[4800];
+    std::atomic<bool> mHasReturned;
     char mResult[sizeof(Shown)];
 
     void add(const char* acFormat, ...) __attribute__((format(printf, 2, 3)));
@@ -123,7 +124,7 @@ unsigned int newSlot(Event::Kind aKind)
     lrSlot.mFrameCount = 0;
     lrSlot.mTextCount = 0;
     lrSlot.mUsed = 0;
-    lrSlot.mResult[0] = '\0';
+    lrSlot.mHasReturned = false;
     return lIndex;
 }
 
@@ -311,8 +312,14 @@ Events recorded()
         for (const char* lpText = lrSlot.mTexts; lTexts.size() < lrSlot.mTextCount; lpText += strlen(lpText) + 1) {
             lTexts.push_back(lpText);
         }
-        Event lEvent = {lrSlot.mKind, lrSlot.mProcess, lrSlot.mLevel, "", lrSlot.mLine, "", "", {}, "",
-                        {},           lrSlot.mResult};
+        Event lEvent = {};
+        lEvent.mKind = lrSlot.mKind;
+        lEvent.mProcess = lrSlot.mProcess;
+        lEvent.mLevel = lrSlot.mLevel;
+        lEvent.mLine = lrSlot.mLine;
+        if (lrSlot.mHasReturned.load(std::memory_order_acquire)) {
+            lEvent.mResult = lrSlot.mResult;
+        }
         unsigned int lNext = 0;
         if (Event::Log == lEvent.mKind) {
             lEvent.mTag = lTexts[lNext++];
@@ -525,6 +532,8 @@ void CallRecord::returned(const Shown& acrResult) const
 {
     const KeepErrno lKeepErrno;
     if (cSlots != mSlot && getpid() == mProcess) {
-        strcpy(shared().mSlots[mSlot].mResult, acrResult.mText);
+        Slot& lrSlot = shared().mSlots[mSlot];
+        strcpy(lrSlot.mResult, acrResult.mText);
+        lrSlot.mHasReturned.store(true, std::memory_order_release);
     }
 }
