@@ -256,7 +256,7 @@ public:
     explicit System(const char* acReleaseFile)
     {
         watchObject("family", &mFamily, sizeof mFamily);
-        watchObject("name", &mName, sizeof mName);
+        watchObject("name", &mName, sizeof(void*));  // the pointer to its text; padding follows
         substitute::ClibStat.instead([acReleaseFile](const char* acPath, struct stat*) {
             if (nullptr == acReleaseFile || 0 != strcmp(acReleaseFile, acPath)) {
                 throw OQCClibStatFailedEx("missing", 173);
