@@ -44,6 +44,8 @@ protected:
     /// The row: plans what fails, fills the fields, runs the operation and looks at what is left.
     virtual void row() = 0;
 
+    // The rest is public for functions that several rows share.
+public:
     std::string mOperation;  ///< for log and pages; the row sets it where it is no identifier: "Pointer::operator*"
     std::string mWhen;       ///< the condition, for the page
     std::string mTrace;      ///< every event; indentation is ignored, ERROR stands for error()

@@ -1,0 +1,404 @@
+// How the operations of named pipes end.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "Outcome.h"
+
+namespace
+{
+
+const Family cFamily(
+    "Named pipes", ".//NamedPipeLinux",
+    "In the rows of `OsNamedPipeWaitForActivity`, all lines but the first, and the last of a success, are those of "
+    "`OsWaitForActivity`.",
+    {{"-E- Failed to create fifo file %s. Error: '%s' ", "the path cannot be written, or has no directory"},
+     {"-E- Invalid flags %d passed to open file", "the caller's file mode is none of 1 to 4"},
+     {"-T- Creating linux named pipe...", "before the attempt"},
+     {"-T- Fifo file %s already exists", "a file of any kind exists and is accepted"},
+     {"-T- Destroying linux named pipe...", "before the attempt; a failure is not logged"},
+     {"-T- Opening %s with %d flags", "before the attempt, with the flags of `open`; a failure is not logged"},
+     {"-T- Reading %u bytes", "how many bytes to read; how many arrived is not logged"},
+     {"-T- Writing %u bytes", "how many bytes to write; how many were written is not logged"},
+     {"-T- Closing linux named pipe. pipe desc: %u", "the descriptor; 4294967295 is -1"},
+     {"-T- Entered", "the operation begins"},
+     {"-T- Left", "the operation returns; after an error line: a throw follows"}});
+
+/// A path, shown as FILE, and a descriptor that holds 77 and is watched. The file is removed at the end.
+class File
+{
+public:
+    explicit File(const std::string& acrPath) : mPath(acrPath.c_str())
+    {
+        nameText("FILE", acrPath);
+        watchObject("descriptor", &mDescriptor, sizeof mDescriptor);
+    }
+    ~File() { unlink(mPath.get()); }
+
+    const OQCString mPath;
+    int mDescriptor = 77;
+};
+
+/// Both ends of a pipe in which so many bytes lie, and a count that holds 4242 and is watched. Lengths of more than two
+/// digits do not equal a descriptor, which is shown by its name.
+class Pipe
+{
+public:
+    explicit Pipe(unsigned int aBytes, int aFlags = 0)
+    {
+        EXPECT_EQ(0, pipe2(mEnds, aFlags));
+        EXPECT_EQ(aBytes, write(mEnds[1], mBytes, aBytes));
+        nameNumber("reader", &mEnds[0]);
+        nameNumber("writer", &mEnds[1]);
+        nameObject("bytes", mBytes);
+        watchObject("count", &mCount, sizeof mCount);
+    }
+    ~Pipe()
+    {
+        close(mEnds[0]);
+        close(mEnds[1]);
+    }
+
+    int mEnds[2];
+    unsigned char mBytes[1600] = {};
+    unsigned int mCount = 4242;
+};
+
+// Files
+
+const std::string cCreating = "Entered\n-T- \"Creating linux named pipe...\"\nmknod(FILE, 010660, 0) = ";
+
+OUTCOME(OsNamedPipeCreate, MakesAFifo)
+{
+    File lFile(path("fifo"));
+    mWhen = "succeeds";
+    mTrace = cCreating + "0\nLeft";
+    mStays = "the descriptor";
+    run([&] {
+        errno = EEXIST;  // does not matter
+        OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor);
+    });
+    struct stat lInfo;
+    EXPECT_EQ(0, stat(lFile.mPath.get(), &lInfo));
+    EXPECT_TRUE(S_ISFIFO(lInfo.st_mode));
+}
+
+OUTCOME(OsNamedPipeCreate, AcceptsAFileThatExists)
+{
+    File lFile(path("file"));
+    close(creat(lFile.mPath.get(), 0600));
+    mWhen = "the file exists (`EEXIST`), of any kind";
+    mTrace = cCreating + "-1 EEXIST\n-T- \"Fifo file %s already exists\" FILE\nLeft";
+    mStays = "the file; the descriptor";
+    run([&] { OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor); });
+    EXPECT_EQ(0, access(lFile.mPath.get(), W_OK));
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeCreate, ThrowsWhenTheFileCannotBeMade, EACCES, EBADF, EDQUOT, EFAULT, EINVAL, ELOOP,
+                  ENAMETOOLONG, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS)
+{
+    File lFile(path("fifo"));
+    substitute::mknod.fail(-2, error());
+    mWhen = "`mknod` fails in another way";
+    mTrace = cCreating + R"(-2 ERROR
+        ClibStrerror(local, 512) = "ERROR #1"
+        -E- "Failed to create fifo file %s. Error: '%s' " FILE, "ERROR #1"
+        Left
+        ClibStrerror(local, 512) = "ERROR #2"
+        throws OQCCreateFailedEx 324 "ERROR #2"
+    )";
+    mStays = "the descriptor";
+    run([&] { OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor); });
+}
+
+const std::string cDestroying = "Entered\n-T- \"Destroying linux named pipe...\"\nClibUnlink(FILE) = ";
+
+OUTCOME(OsNamedPipeDestroy, RemovesTheFile)
+{
+    File lFile(path("file"));
+    lFile.mDescriptor = creat(lFile.mPath.get(), 0600);
+    mWhen = "succeeds";
+    mTrace = cDestroying + "0\nLeft";
+    mStays = "the descriptor stays open";
+    run([&] { OsNamedPipeDestroy(lFile.mPath, lFile.mDescriptor); });
+    EXPECT_EQ(0, close(lFile.mDescriptor));
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeDestroy, IgnoresThatTheFileCannotBeRemoved, EACCES, EBADF, EBUSY, EFAULT, EINVAL, EIO,
+                  EISDIR, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM, EROFS)
+{
+    File lFile(path("fifo"));
+    substitute::ClibUnlink.fail(-1, error());
+    mWhen = "the file is missing or cannot be removed";
+    mTrace = cDestroying + "-1 ERROR\nLeft";
+    mStays = "the file; the descriptor";
+    run([&] { OsNamedPipeDestroy(lFile.mPath, lFile.mDescriptor); });
+}
+
+const std::string cOpening = R"(
+    Entered
+    -T- "Opening %s with %d flags" FILE, "6146"
+    ClibOpen(FILE, O_RDWR|O_NONBLOCK|010000, 0) = )";
+
+OUTCOME(OsNamedPipeOpen, StoresTheDescriptor)
+{
+    File lFile(path("fifo"));
+    substitute::ClibOpen.fail(0, EACCES);
+    mWhen = "succeeds";
+    mTrace = cOpening + "0\ndescriptor changes\nLeft";
+    mTells = "the descriptor is not negative";
+    mStays = "-";
+    run([&] { OsNamedPipeOpen(lFile.mDescriptor, lFile.mPath, OQFM_Mode3, OQPS_NonBlocking, OQCM_Client); });
+    EXPECT_EQ(0, lFile.mDescriptor);
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeOpen, KeepsTheDescriptorWhenTheFileCannotBeOpened, EACCES, EBADF, EBUSY, EDQUOT, EEXIST,
+                  EFAULT, EFBIG, EINTR, EINVAL, EISDIR, ELOOP, EMFILE, ENAMETOOLONG, ENFILE, ENODEV, ENOENT, ENOMEM,
+                  ENOSPC, ENOTDIR, ENXIO, EOPNOTSUPP, EOVERFLOW, EPERM, EROFS, ETXTBSY, EWOULDBLOCK)
+{
+    File lFile(path("fifo"));
+    substitute::ClibOpen.fail(-1, error());
+    mWhen = "`ClibOpen` fails";
+    mTrace = cOpening + "-1 ERROR\nLeft";
+    mTells = "the descriptor keeps its value";
+    mStays = "the descriptor";
+    run([&] { OsNamedPipeOpen(lFile.mDescriptor, lFile.mPath, OQFM_Mode3, OQPS_NonBlocking, OQCM_Client); });
+}
+
+OUTCOME(OsNamedPipeOpen, ThrowsWhenTheModeIsInvalid)
+{
+    File lFile(path("fifo"));
+    mWhen = "file mode other than 1 to 4";
+    mTrace = R"(
+        Entered
+        -E- "Invalid flags %d passed to open file" "5"
+        Left
+        throws OQCInvalidEx 6 "Invalid flags passed to open pipe"
+    )";
+    mStays = "the descriptor; nothing is opened";
+    run([&] {
+        OsNamedPipeOpen(lFile.mDescriptor, lFile.mPath, static_cast<OQEFileMode>(5), OQPS_Blocking, OQCM_Server);
+    });
+}
+
+void onlyTraces(Outcome& arRow, const std::function<void()>& acrOperation)
+{
+    arRow.mWhen = "always";
+    arRow.mTrace = "Entered\nLeft";
+    arRow.mStays = "everything";
+    arRow.run(acrOperation);
+}
+
+OUTCOME(OsNamedPipeConnect, OnlyTraces)
+{
+    File lFile(path("fifo"));
+    onlyTraces(*this, [&] { OsNamedPipeConnect(lFile.mDescriptor, lFile.mPath, OQFM_Mode1, OQPS_Blocking); });
+}
+
+OUTCOME(OsNamedPipeAccept, OnlyTraces)
+{
+    onlyTraces(*this, [] { OsNamedPipeAccept(-1); });
+}
+
+// Reads and writes
+
+struct Read {
+    const char* mCall;
+    void (*mRun)(int, unsigned char*, unsigned int, unsigned int&);
+};
+const Read cRead = {"ClibRead", OsNamedPipeRead};
+const Read cBlockRead = {"ClibBlockRead", OsNamedPipeBlockRead};
+
+/// Reads 1000 bytes. The count is cleared before the first line.
+void read(Outcome& arRow, const Read& acrRead, Pipe& arPipe, const std::string& acrResult, unsigned int aCount)
+{
+    arRow.mTrace = "Entered\ncount changes\n-T- \"Reading %u bytes\" \"1000\"\n" + std::string(acrRead.mCall) +
+                   "(reader, bytes, 1000) = " + acrResult + (0 == aCount ? "\nLeft" : "\ncount changes\nLeft");
+    arRow.run([&] { acrRead.mRun(arPipe.mEnds[0], arPipe.mBytes, 1000, arPipe.mCount); });
+    EXPECT_EQ(aCount, arPipe.mCount);
+}
+
+void readSucceeds(Outcome& arRow, const Read& acrRead)
+{
+    Pipe lPipe(1600);
+    arRow.mWhen = "the bytes lie in the pipe";
+    arRow.mTells = "the count is the length";
+    arRow.mStays = "further bytes stay in the pipe";
+    read(arRow, acrRead, lPipe, "1000", 1000);
+}
+
+void readFails(Outcome& arRow, const Read& acrRead)
+{
+    Pipe lPipe(0);
+    arRow.mWhen = "the read fails; `EAGAIN`: nothing lies in a non-blocking pipe";
+    arRow.mTells = "the count is 0";
+    arRow.mStays = "the buffer as the read left it";
+    read(arRow, acrRead, lPipe, "-2 ERROR", 0);
+}
+
+OUTCOME(OsNamedPipeRead, TakesWhatLiesInThePipe) { readSucceeds(*this, cRead); }
+OUTCOME(OsNamedPipeBlockRead, TakesWhatLiesInThePipe) { readSucceeds(*this, cBlockRead); }
+
+OUTCOME(OsNamedPipeRead, GivesZeroAtEndOfData)
+{
+    Pipe lPipe(0);
+    close(std::exchange(lPipe.mEnds[1], -1));
+    mWhen = "end of data";
+    mTells = "the count is 0";
+    mStays = "the buffer";
+    read(*this, cRead, lPipe, "0", 0);
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeRead, GivesZeroWhenTheReadFails, EAGAIN, EBADF, EFAULT, EINVAL, EIO, EISDIR, EINTR)
+{
+    substitute::ClibRead.fail(-2, error());
+    readFails(*this, cRead);
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeBlockRead, GivesZeroWhenTheReadFails, EAGAIN, EBADF, EFAULT, EINVAL, EIO, EISDIR)
+{
+    substitute::ClibBlockRead.fail(-2, error());
+    readFails(*this, cBlockRead);
+}
+
+OUTCOME(OsNamedPipeRead, IsShortWhenLessLiesInThePipe)
+{
+    Pipe lPipe(600);
+    mWhen = "less lies in the pipe than is asked for";
+    mTells = "the count is what lay in the pipe";
+    mStays = "-";
+    read(*this, cRead, lPipe, "600", 600);
+}
+
+OUTCOME(OsNamedPipeBlockRead, GivesWhatHadArrivedAtEndOfData)
+{
+    Pipe lPipe(600);
+    close(std::exchange(lPipe.mEnds[1], -1));
+    mWhen = "end of data before the length is reached";
+    mTells = "the count is what had arrived, perhaps 0";
+    mStays = "the rest of the buffer";
+    read(*this, cBlockRead, lPipe, "600", 600);
+}
+
+OUTCOME(OsNamedPipeBlockRead, LosesTheBytesOfANonBlockingPipeThatHoldsLess)
+{
+    Pipe lPipe(600, O_NONBLOCK);
+    mWhen = "less lies in a non-blocking pipe than is asked for";
+    mTells = "the count is 0";
+    mStays = "the bytes are lost from the pipe";
+    read(*this, cBlockRead, lPipe, "-1 EAGAIN", 0);
+}
+
+OUTCOME(OsNamedPipeWrite, GivesHowManyBytesWereWritten)
+{
+    Pipe lPipe(0);
+    substitute::ClibWrite.fail(600, EAGAIN);
+    mWhen = "the pipe has room for the bytes, or, if it is non-blocking, for a part of them";
+    mTrace = R"(
+        Entered
+        -T- "Writing %u bytes" "1000"
+        ClibWrite(writer, bytes, 1000) = 600
+        count changes
+        Left
+    )";
+    mTells = "the count is how many bytes were written";
+    mStays = "-";
+    run([&] { OsNamedPipeWrite(lPipe.mEnds[1], lPipe.mBytes, 1000, lPipe.mCount); });
+    EXPECT_EQ(600U, lPipe.mCount);
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeWrite, KeepsTheCountWhenTheWriteFails, EAGAIN, EBADF, EDESTADDRREQ, EDQUOT, EFAULT, EFBIG,
+                  EINTR, EINVAL, EIO, ENOSPC, EPERM, EPIPE)
+{
+    Pipe lPipe(0);
+    substitute::ClibWrite.fail(-2, error());
+    mWhen = "the write fails; `EAGAIN`: a non-blocking pipe is full; `EBADF`: the pipe was opened with `OQFM_Append`";
+    mTrace = R"(
+        Entered
+        -T- "Writing %u bytes" "4294967295"
+        ClibWrite(writer, bytes, 4294967295) = -2 ERROR
+        Left
+    )";
+    mTells = "the count keeps its value";
+    mStays = "the count";
+    run([&] { OsNamedPipeWrite(lPipe.mEnds[1], lPipe.mBytes, 4294967295U, lPipe.mCount); });
+}
+
+// Waiting and closing
+
+const std::string cWait = ".//MiscLinux OsWaitForActivity: ";
+const std::string cWaiting = "Entered\n" + cWait + "Entered\nselect(38, local 37, null, null, 30.000000) = ";
+const std::string cReady = "1\n" + cWait + "-T- \"Data is available now.\"\n" + cWait + "Left\nLeft";
+
+OUTCOME(OsNamedPipeWaitForActivity, ReturnsWhenThereIsSomethingToRead)
+{
+    substitute::select.fail(1, 0);
+    mWhen = "data, or the end of the data";
+    mTrace = cWaiting + cReady;
+    mStays = "the data";
+    run([] { OsNamedPipeWaitForActivity(37, 30); });
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeWaitForActivity, GoesOnWhenSignalsInterruptIt, EINTR, 514)
+{
+    int lResult = 0;
+    substitute::select.instead([this, &lResult](int, fd_set*, fd_set*, fd_set*, timeval*) {
+        errno = error();
+        return lResult = 0 == lResult ? -1 : 1;
+    });
+    mWhen = "signals interrupt the wait (`EINTR`, 514)";
+    mTrace = cWaiting + "-1 ERROR\n" + cWait + "-I- \"The select() call was interrupted.. Ignoring\"\n" +
+             "select(38, local 37, null, null, 30.000000) = " + cReady;
+    mTells = "it goes on, and ends in any of these ways";
+    mStays = "the data";
+    run([] { OsNamedPipeWaitForActivity(37, 30); });
+}
+
+OUTCOME(OsNamedPipeWaitForActivity, ThrowsATimeOutWhenThereIsNothingToRead)
+{
+    substitute::select.fail(0, 0);
+    mWhen = "nothing to read within the seconds, or a pipe that was not opened (-1)";
+    mTrace = cWaiting + "0\n" + cWait + "-T- \"No data within %u seconds.\" \"30\"\n" + cWait +
+             "Left\nthrows OQCTimeOutEx 323 \"Timed out\"";
+    mStays = "the pipe";
+    run([] { OsNamedPipeWaitForActivity(37, 30); });
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeWaitForActivity, ThrowsWhenTheWaitFails, EBADF, EINVAL, ENOMEM)
+{
+    substitute::select.fail(-1, error());
+    mWhen = "the wait fails";
+    mTrace = cWaiting + "-1 ERROR\nClibStrerror(local, 512) = \"ERROR #1\"\n" + cWait +
+             "-E- \"Error waiting on Named Pipe: %u, Error : %s\" \"37\", \"ERROR #1\"\n" + cWait +
+             "Left\nClibStrerror(local, 512) = \"ERROR #2\"\nthrows OQCPipeWaitFailedEx 332 \"ERROR #2\"";
+    mStays = "the pipe";
+    run([] { OsNamedPipeWaitForActivity(37, 30); });
+}
+
+const std::string cClosing = "Entered\n-T- \"Closing linux named pipe. pipe desc: %u\" ";
+
+OUTCOME(OsNamedPipeClose, KeepsTheNumber)
+{
+    Pipe lPipe(0);
+    watchObject("descriptor", &lPipe.mEnds[1], sizeof(int));
+    mWhen = "succeeds";
+    mTrace = cClosing + "writer\nClibClose(writer) = 0\nLeft";
+    mStays = "the variable keeps the number, which a second close passes on again";
+    run([&] { OsNamedPipeClose(lPipe.mEnds[1], OQCM_Server); });
+    EXPECT_EQ(-1, close(lPipe.mEnds[1]));
+}
+
+OUTCOME_OF_ERRORS(OsNamedPipeClose, IgnoresThatTheCloseFails, EBADF, EINTR, EIO, ENOSPC, EDQUOT)
+{
+    int lPipe = -1;
+    watchObject("descriptor", &lPipe, sizeof lPipe);
+    substitute::ClibClose.fail(-1, error());
+    mWhen = "`ClibClose` fails, also because the number is stale";
+    mTrace = cClosing + "\"4294967295\"\nClibClose(-1) = -1 ERROR\nLeft";
+    mStays = "the variable keeps the number";
+    run([&] { OsNamedPipeClose(lPipe, OQCM_Client); });
+}
+
+}  // namespace
