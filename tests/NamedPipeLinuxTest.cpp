@@ -168,7 +168,7 @@ TEST_F(NamedPipeLinuxTest, AWriteIntoAFullNonBlockingPipeLeavesTheCountUntouched
     close(lPipe);
 }
 
-/// The wait does not tell a pipe that could not be opened from one without data.
+/// The wait does not distinguish a pipe that could not be opened from a pipe without data.
 TEST_F(NamedPipeLinuxTest, AWaitForAPipeThatWasNotOpenedTimesOut)
 {
     for (const int lPipe : {-1, mPipe}) {

@@ -12,8 +12,8 @@ namespace
 
 const Family cFamily(
     "Named pipes", ".//NamedPipeLinux",
-    "In the rows of `OsNamedPipeWaitForActivity`, all lines but the first, and the last of a success, are those of "
-    "`OsWaitForActivity`.",
+    "`OsNamedPipeWaitForActivity` logs the first `Entered` and, when it returns, the last `Left`. `OsWaitForActivity` "
+    "logs the lines between.",
     {{"-E- Failed to create fifo file %s. Error: '%s' ", "the path cannot be written, or has no directory"},
      {"-E- Invalid flags %d passed to open file", "the caller's file mode is none of 1 to 4"},
      {"-T- Creating linux named pipe...", "before the attempt"},
@@ -41,8 +41,8 @@ public:
     int mDescriptor = 77;
 };
 
-/// Both ends of a pipe in which so many bytes lie, and a count that holds 4242 and is watched. Lengths of more than two
-/// digits do not equal a descriptor, which is shown by its name.
+/// Both ends of a pipe that holds so many bytes, and a count that holds 4242 and is watched. Rows use lengths of three or
+/// more digits: a number that equals a descriptor would be shown by the descriptor's name.
 class Pipe
 {
 public:
@@ -73,16 +73,11 @@ const std::string cCreating = "Entered\n-T- \"Creating linux named pipe...\"\nmk
 OUTCOME(OsNamedPipeCreate, MakesAFifo)
 {
     File lFile(path("fifo"));
-    mWhen = "succeeds";
+    substitute::mknod.fail(0, EEXIST);
+    mWhen = "succeeds, whatever `errno` is";
     mTrace = cCreating + "0\nLeft";
     mStays = "the descriptor";
-    run([&] {
-        errno = EEXIST;  // does not matter
-        OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor);
-    });
-    struct stat lInfo;
-    EXPECT_EQ(0, stat(lFile.mPath.get(), &lInfo));
-    EXPECT_TRUE(S_ISFIFO(lInfo.st_mode));
+    run([&] { OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor); });
 }
 
 OUTCOME(OsNamedPipeCreate, AcceptsAFileThatExists)
@@ -137,10 +132,8 @@ OUTCOME_OF_ERRORS(OsNamedPipeDestroy, IgnoresThatTheFileCannotBeRemoved, EACCES,
     run([&] { OsNamedPipeDestroy(lFile.mPath, lFile.mDescriptor); });
 }
 
-const std::string cOpening = R"(
-    Entered
-    -T- "Opening %s with %d flags" FILE, "6146"
-    ClibOpen(FILE, O_RDWR|O_NONBLOCK|010000, 0) = )";
+const std::string cOpening =
+    "Entered\n-T- \"Opening %s with %d flags\" FILE, \"6146\"\nClibOpen(FILE, O_RDWR|O_NONBLOCK|010000, 0) = ";
 
 OUTCOME(OsNamedPipeOpen, StoresTheDescriptor)
 {
@@ -223,7 +216,7 @@ void read(Outcome& arRow, const Read& acrRead, Pipe& arPipe, const std::string& 
 void readSucceeds(Outcome& arRow, const Read& acrRead)
 {
     Pipe lPipe(1600);
-    arRow.mWhen = "the bytes lie in the pipe";
+    arRow.mWhen = "the pipe holds as many bytes, or more";
     arRow.mTells = "the count is the length";
     arRow.mStays = "further bytes stay in the pipe";
     read(arRow, acrRead, lPipe, "1000", 1000);
@@ -232,14 +225,14 @@ void readSucceeds(Outcome& arRow, const Read& acrRead)
 void readFails(Outcome& arRow, const Read& acrRead)
 {
     Pipe lPipe(0);
-    arRow.mWhen = "the read fails; `EAGAIN`: nothing lies in a non-blocking pipe";
+    arRow.mWhen = "the read fails; `EAGAIN`: a non-blocking pipe is empty";
     arRow.mTells = "the count is 0";
     arRow.mStays = "the buffer as the read left it";
     read(arRow, acrRead, lPipe, "-2 ERROR", 0);
 }
 
-OUTCOME(OsNamedPipeRead, TakesWhatLiesInThePipe) { readSucceeds(*this, cRead); }
-OUTCOME(OsNamedPipeBlockRead, TakesWhatLiesInThePipe) { readSucceeds(*this, cBlockRead); }
+OUTCOME(OsNamedPipeRead, ReadsTheLength) { readSucceeds(*this, cRead); }
+OUTCOME(OsNamedPipeBlockRead, ReadsTheLength) { readSucceeds(*this, cBlockRead); }
 
 OUTCOME(OsNamedPipeRead, GivesZeroAtEndOfData)
 {
@@ -263,11 +256,11 @@ OUTCOME_OF_ERRORS(OsNamedPipeBlockRead, GivesZeroWhenTheReadFails, EAGAIN, EBADF
     readFails(*this, cBlockRead);
 }
 
-OUTCOME(OsNamedPipeRead, IsShortWhenLessLiesInThePipe)
+OUTCOME(OsNamedPipeRead, GivesWhatThePipeHolds)
 {
     Pipe lPipe(600);
-    mWhen = "less lies in the pipe than is asked for";
-    mTells = "the count is what lay in the pipe";
+    mWhen = "the pipe holds fewer bytes than the length";
+    mTells = "the count is the number of bytes that the pipe held";
     mStays = "-";
     read(*this, cRead, lPipe, "600", 600);
 }
@@ -276,18 +269,18 @@ OUTCOME(OsNamedPipeBlockRead, GivesWhatHadArrivedAtEndOfData)
 {
     Pipe lPipe(600);
     close(std::exchange(lPipe.mEnds[1], -1));
-    mWhen = "end of data before the length is reached";
-    mTells = "the count is what had arrived, perhaps 0";
+    mWhen = "the data ends before the length is reached";
+    mTells = "the count is the number of bytes that had arrived";
     mStays = "the rest of the buffer";
     read(*this, cBlockRead, lPipe, "600", 600);
 }
 
-OUTCOME(OsNamedPipeBlockRead, LosesTheBytesOfANonBlockingPipeThatHoldsLess)
+OUTCOME(OsNamedPipeBlockRead, LosesTheBytesOfANonBlockingPipeThatHoldsFewer)
 {
     Pipe lPipe(600, O_NONBLOCK);
-    mWhen = "less lies in a non-blocking pipe than is asked for";
+    mWhen = "a non-blocking pipe holds fewer bytes than the length";
     mTells = "the count is 0";
-    mStays = "the bytes are lost from the pipe";
+    mStays = "the bytes are lost";
     read(*this, cBlockRead, lPipe, "-1 EAGAIN", 0);
 }
 
@@ -295,7 +288,7 @@ OUTCOME(OsNamedPipeWrite, GivesHowManyBytesWereWritten)
 {
     Pipe lPipe(0);
     substitute::ClibWrite.fail(600, EAGAIN);
-    mWhen = "the pipe has room for the bytes, or, if it is non-blocking, for a part of them";
+    mWhen = "succeeds; a non-blocking pipe may have room for a part only";
     mTrace = R"(
         Entered
         -T- "Writing %u bytes" "1000"
@@ -303,7 +296,7 @@ OUTCOME(OsNamedPipeWrite, GivesHowManyBytesWereWritten)
         count changes
         Left
     )";
-    mTells = "the count is how many bytes were written";
+    mTells = "the count is the number of bytes that were written";
     mStays = "-";
     run([&] { OsNamedPipeWrite(lPipe.mEnds[1], lPipe.mBytes, 1000, lPipe.mCount); });
     EXPECT_EQ(600U, lPipe.mCount);
