@@ -71,7 +71,7 @@ protected:
 TEST_F(NamedPipeLinuxTest, CreateLeavesOutWhatTheProcessMasks)
 {
     const OQCString lPath = path("masked").c_str();
-    for (const mode_t lMask : {0, 027}) {
+    for (const mode_t lMask : {0U, 027U}) {
         const mode_t lBefore = umask(lMask);
         OsNamedPipeCreate(lPath, mPipe);
         umask(lBefore);

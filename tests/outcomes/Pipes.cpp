@@ -70,7 +70,7 @@ public:
 
 const std::string cCreating = "Entered\n-T- \"Creating linux named pipe...\"\nmknod(FILE, 010660, 0) = ";
 
-OUTCOME(OsNamedPipeCreate, MakesAFifo)
+OUTCOME(OsNamedPipeCreate, Succeeds)
 {
     File lFile(path("fifo"));
     substitute::mknod.fail(0, EEXIST);
