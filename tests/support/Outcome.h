@@ -90,7 +90,7 @@ struct OutcomeRow {
 /// All rows that have run.
 const std::vector<OutcomeRow>& outcomeRows();
 
-/// Whether each log call of the rows reported its own line and the function in which it is; prints those that did not.
+/// Whether each log call of the rows reported its own line; prints those that did not.
 bool checkSites();
 
 bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,

@@ -46,14 +46,15 @@ std::string nameOf(const Event& acrEvent)
            "\"";
 }
 
-/// Whether one of the frames is at the logged line of the file, and one is of the logged function, which need not be the
-/// same: a helper logs as its caller. ".//MiscLinux" is MiscLinux.cpp; "backend/common/include/Pointer" is Pointer.h.
+/// Whether one of the frames is at the logged line of the file: ".//MiscLinux" is MiscLinux.cpp;
+/// "backend/common/include/Pointer" is Pointer.h. The rows compare the logged function: addr2line does not know the name of
+/// each inlined function.
 bool isAtItsLine(const Event& acrEvent, const std::string& acrFrames)
 {
-    const std::string lSource = acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
+    const std::string lSource = "/" + acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
     const std::string lEnd = ":" + std::to_string(acrEvent.mLine) + "\n";
     const auto lHas = [&acrFrames](const std::string& acrText) { return std::string::npos != acrFrames.find(acrText); };
-    return (lHas("/" + lSource + ".cpp" + lEnd) || lHas("/" + lSource + ".h" + lEnd)) && lHas(acrEvent.mFunction + "(");
+    return lHas(lSource + ".cpp" + lEnd) || lHas(lSource + ".h" + lEnd);
 }
 
 }  // namespace
