@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "Outcome.h"
+#include "Peer.h"
 
 namespace
 {
@@ -273,6 +274,14 @@ TEST_F(KitTest, PlannedVforkRunsAsPlanned)
     Recording::end();
     const std::string lTrace = traceOf(recorded(), "ProcessCreate", ".//ProcessLinux");
     EXPECT_EQ(0U, lTrace.find("Entered\nfflush(stdin) = 0\nvfork()\n-E- \"Failed to create child :%s\"")) << lTrace;
+}
+
+TEST_F(KitTest, AChildThatThrowsEndsAsAFailure)
+{
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(99, inChild([] { throw OQCTimeOutEx("text", 323); }));
+    EXPECT_EQ(99, Peer([](Peer&) { throw 1; }).wait());
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("the child threw: text"));
 }
 
 TEST_F(KitTest, NumbersAreShownByNameAsTheyAreAtTheEnd)

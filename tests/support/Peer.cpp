@@ -16,6 +16,19 @@ int endOf(pid_t aChild)
     return WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -WTERMSIG(lStatus);
 }
 
+/// Ends the child, also when acrRun throws: the child must not go on with the tests of its parent.
+[[noreturn]] void runAndEnd(const std::function<void()>& acrRun)
+{
+    try {
+        acrRun();
+    } catch (const OQCException& acrFailure) {
+        ADD_FAILURE() << "the child threw: " << acrFailure.what();
+    } catch (...) {
+        ADD_FAILURE() << "the child threw";
+    }
+    endChild();
+}
+
 }  // namespace
 
 int inChild(const std::function<void()>& acrRun)
@@ -23,8 +36,7 @@ int inChild(const std::function<void()>& acrRun)
     fflush(stdout);  // or the child prints it again
     const pid_t lChild = fork();
     if (0 == lChild) {
-        acrRun();
-        endChild();
+        runAndEnd(acrRun);
     }
     return endOf(lChild);
 }
@@ -40,8 +52,7 @@ Peer::Peer(const std::function<void(Peer&)>& acrRun) : mPid(-1), mSocket(-1)
     close(lEnds[0 == mPid ? 0 : 1]);
     mSocket = lEnds[0 == mPid ? 1 : 0];
     if (0 == mPid) {
-        acrRun(*this);
-        endChild();
+        runAndEnd([&] { acrRun(*this); });
     }
 }
 
