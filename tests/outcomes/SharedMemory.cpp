@@ -185,7 +185,7 @@ protected:
     }
     void writes(unsigned short aSize)
     {
-        given({0, 2, 3, 4, 9});
+        given({0, 255, 128, 2, 9});
         mDesc.shm_size = aSize;
         mTrace = "Entered\n" + wait(0) + R"(
             sTimedWaitOnFlag: Left
@@ -196,11 +196,11 @@ protected:
             Left
         )";
         run([&] { OsSharedMemoryWrite(mDesc, mBuffer, 40, mCount); });
-        expect({1, 0, 3, 4, 40}, 40);
+        expect({1, 0, 128, 2, 40}, 40);
     }
     void reads(unsigned short aSize, unsigned int aLength, unsigned int aCount)
     {
-        given({5, 0, 0, 0, 20});
+        given({255, 0, 0, 0, 20});
         mDesc.shm_size = aSize;
         mTrace = R"(
             Entered
