@@ -40,7 +40,8 @@ std::string thrown(const OutcomeRow& acrRow)
             const std::string lText = lrText.size() < 100 ? "\"" + lrText + "\""
                                                           : "a text of " + std::to_string(lrText.size()) + " characters";
             return code(lrEvent.mName) + " " + std::to_string(lrEvent.mLevel) + ", " +
-                   (lErrorText == lText ? "error text" : lText);
+                   (lErrorText == lText ? "error text" : lText) +
+                   (acrRow.mEvents[0].mProcess == lrEvent.mProcess ? "" : ", in a child; " + acrRow.mTells);
         } else if (Event::End == lrEvent.mKind && !lCondition.empty()) {
             return "assertion " + code(lCondition) + ", " + lrEvent.mName;
         }
@@ -51,9 +52,14 @@ std::string thrown(const OutcomeRow& acrRow)
 std::string logged(const OutcomeRow& acrRow)
 {
     std::string lLines;
+    pid_t lLast = acrRow.mEvents.empty() ? 0 : acrRow.mEvents[0].mProcess;
     for (const Event& lrEvent : acrRow.mEvents) {
         if (Event::Log == lrEvent.mKind) {
             lLines += lLines.empty() ? "" : ", ";
+            lLines += lLast == lrEvent.mProcess                        ? ""
+                      : acrRow.mEvents[0].mProcess == lrEvent.mProcess ? "in the parent: "
+                                                                       : "in the child: ";
+            lLast = lrEvent.mProcess;
             lLines += code(isWord(lrEvent) ? lrEvent.mArguments[0] : lrEvent.mTag + " \"" + message(lrEvent) + "\"");
         }
     }
