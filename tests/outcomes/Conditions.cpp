@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <limits>
+
 #include "Outcome.h"
 
 namespace
@@ -245,16 +247,18 @@ OUTCOME(OsConditionalTimedWait, DoesNotNoticeThatTheClockCannotBeRead)
 OUTCOME(OsConditionalTimedWait, AddsTheSecondsWithoutARangeCheck)
 {
     Condition lGiven;
-    stopClock(1000000000, 5);
+    const unsigned int cSeconds = 4294967295U;
+    const time_t cLast = std::numeric_limits<time_t>::max();
+    stopClock(cLast, 5);
     substitute::pthread_cond_timedwait.fail(0, 0);
     mWhen = "the sum of clock and seconds leaves the range of the seconds";
     mTrace =
         "clock_gettime(CLOCK_REALTIME, local) = 0\n"
         "pthread_cond_timedwait(condition, mutex, " +
-        std::to_string(static_cast<time_t>(5294967295LL)) + ".000000005) = 0";
+        std::to_string(static_cast<time_t>(static_cast<unsigned long long>(cLast) + cSeconds)) + ".000000005) = 0";
     mTells = "the sum is not checked";
     mStays = "-";
-    run([&] { OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, 4294967295U); });
+    run([&] { OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, cSeconds); });
 }
 
 }  // namespace

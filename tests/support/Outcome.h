@@ -50,7 +50,8 @@ public:
     std::string mWhen;       ///< the condition, for the page
     std::string mTrace;      ///< every event; indentation is ignored, ERROR stands for error()
     std::string mTells;      ///< how the caller can tell, where nothing is thrown; for the page
-    std::string mStays;      ///< what keeps its value and what is left behind; for the page
+    /// What keeps its value and what is left behind; for the page.
+    std::string mStays = "-";
     unsigned int mFailingAllocation =
         0;                      ///< this allocation fails, counted from 1; skip where !FailingMemory::isPossible()
     bool mNeedsMemory = false;  ///< the operation does not end like this when every allocation fails

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace
@@ -262,6 +263,9 @@ RENAMED(ssize_t, read, (int a, void* b, size_t c), (a, b, c),
 RENAMED(ssize_t, write, (int a, const void* b, size_t c), (a, b, c),
         (number(a), place(b), number(static_cast<long long>(c))), )
 RENAMED(int, gethostname, (char* a, size_t b), (a, b), (place(a), number(static_cast<long long>(b))), noexcept)
+// Takes as many arguments as there may be, so it may pass on values behind the last one that its caller gave.
+RENAMED(long, syscall, (long a, long b, long c, long d, long e, long f, long g), (a, b, c, d, e, f, g),
+        (SYS_write == a ? Shown{"SYS_write"} : number(a), number(b)), noexcept)
 
 // Takes any arguments, so it cannot be called as planned: it formats, or has the text that the test has planned.
 Substitute<int(char*, const char*)> substitute::ClibSprintf("", true);

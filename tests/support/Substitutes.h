@@ -200,6 +200,7 @@ extern Substitute<int(const void*)> shmdt;
 extern Substitute<int(key_t, size_t, int)> shmget;
 extern Substitute<int(int, const struct sigaction*, struct sigaction*)> sigaction;
 extern Substitute<int(const char*, struct stat*)> stat;
+extern Substitute<long(long, long, long, long, long, long, long)> syscall;
 extern Substitute<int(const char*)> system;
 extern Substitute<int(const char*)> unlink;
 extern Substitute<pid_t()> vfork;
