@@ -181,7 +181,6 @@ OUTCOME(OsExecute, DropsALastLineWithoutANewline)
         ClibFread(memory, 1, 3998, stream) = 0
     )" + cClosed;
     mTells = "the line is dropped";
-    mStays = "-";
     run([&] { OsExecute("true", lCommand.mLines); });
     EXPECT_EQ((Texts{"a"}), lCommand.appended());
 }
@@ -253,7 +252,6 @@ OUTCOME(OsExecute, LosesTheRestOfAReadAfterAZeroByte)
         ClibFread(buffer, 1, 3999, stream) = 0
     )" + cClosed;
     mTells = "the rest of that read is lost";
-    mStays = "-";
     run([&] { OsExecute("true", lCommand.mLines); });
     EXPECT_EQ((Texts{"a"}), lCommand.appended());
 }
@@ -416,7 +414,6 @@ OUTCOME(OsBreak, MovesAnUnfinishedLineToTheStart)
         Left
     )";
     mTells = "the next read is stored behind the unfinished line, which is moved to the start of the buffer";
-    mStays = "-";
     run([&] { lpNext = OsBreak(lText.mBuffer, lText.mLines); });
     EXPECT_EQ(lText.mBuffer + 7, lpNext);
     EXPECT_STREQ("bcdefgh", lText.mBuffer);

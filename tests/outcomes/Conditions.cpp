@@ -50,7 +50,6 @@ OUTCOME(OsInitConditional, Succeeds)
     nameObject("condition", &lCondition);
     mWhen = "succeeds";
     mTrace = "pthread_cond_init(condition, null) = 0";
-    mStays = "-";
     run([&] { OsInitConditional(lCondition); });
     pthread_cond_destroy(&lCondition);
 }
@@ -74,7 +73,6 @@ OUTCOME(OsDestroyConditional, Succeeds)
     Condition lGiven;
     mWhen = "succeeds";
     mTrace = "pthread_cond_destroy(condition) = 0";
-    mStays = "-";
     run([&] { OsDestroyConditional(lGiven.mCondition); });
 }
 
@@ -98,7 +96,6 @@ OUTCOME(OsSignal, IsLostWhenNobodyWaits)
     mWhen = "nobody waits";
     mTrace = "pthread_cond_signal(condition) = 0";
     mTells = "the signal is lost";
-    mStays = "-";
     run([&] { OsSignal(lGiven.mCondition); });
     const timespec lPast = {1, 0};
     EXPECT_EQ(ETIMEDOUT, pthread_cond_timedwait(&lGiven.mCondition, &lGiven.mMutex, &lPast));
@@ -240,7 +237,6 @@ OUTCOME(OsConditionalTimedWait, DoesNotNoticeThatTheClockCannotBeRead)
         pthread_cond_timedwait(condition, mutex, 201.000000003) = 0
     )";
     mTells = "the result of the clock is not checked";
-    mStays = "-";
     run([&] { OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, 1); });
 }
 
@@ -257,7 +253,6 @@ OUTCOME(OsConditionalTimedWait, AddsTheSecondsWithoutARangeCheck)
         "pthread_cond_timedwait(condition, mutex, " +
         std::to_string(static_cast<time_t>(static_cast<unsigned long long>(cLast) + cSeconds)) + ".000000005) = 0";
     mTells = "the sum is not checked";
-    mStays = "-";
     run([&] { OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, cSeconds); });
 }
 

@@ -144,7 +144,6 @@ OUTCOME(OsGetIpAddress, StoresTheFirstAddressThatIsNotLoopback)
         -T- "Using %s as the System's primary IP Address" "10.1.2.3"
         Left
     )";
-    mStays = "-";
     run([&] { OsGetIpAddress(lHost.mAddress); });
     EXPECT_EQ(0x0a010203U, lHost.mAddress);
 }
@@ -164,7 +163,6 @@ OUTCOME_OF_ERRORS(OsGetIpAddress, LooksUpTheEmptyNameWhenTheNameCannotBeRead, EF
         Left
     )";
     mTells = "the empty name is looked up";
-    mStays = "-";
     run([&] { OsGetIpAddress(lHost.mAddress); });
 }
 
@@ -311,7 +309,6 @@ OUTCOME(OsGetOsName, StoresTheFirstLineOfTheReleaseFile)
         name changes
         Left
     )";
-    mStays = "-";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ(" release %s ", lSystem.mName.get());
 }
@@ -334,7 +331,6 @@ OUTCOME(OsGetOsName, StoresAnEmptyNameWhenTheReleaseFileIsEmpty)
         Left
     )";
     mTells = "the empty line";
-    mStays = "-";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ("", lSystem.mName.get());
 }
@@ -349,7 +345,6 @@ OUTCOME(OsGetOsName, StoresTheFixedTextWithoutAReleaseFile)
         Left
     )";
     mTells = "the fixed text";
-    mStays = "-";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ(cFixedName, lSystem.mName.get());
 }
@@ -367,7 +362,6 @@ OUTCOME(OsGetOsName, StoresTheFixedTextWhenTheFirstLineCannotBeRead)
         Left
     )";
     mTells = "the fixed text";
-    mStays = "-";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ(cFixedName, lSystem.mName.get());
 }

@@ -58,7 +58,6 @@ OUTCOME_OF_ERRORS(OsUnlockFile, Succeeds, 0, 7)
         Entered
         lockf(5, F_ULOCK, 0) = )" +
              std::to_string(error()) + "\nLeft";
-    mStays = "-";
     run([] { OsUnlockFile(5); });
 }
 
@@ -148,7 +147,6 @@ OUTCOME(OsKill, Succeeds)
     mWhen = "succeeds";
     mTrace = "kill(process 4711, 15) = 0";
     mTells = "the result is 0";
-    mStays = "-";
     run([&] { lResult = OsKill(4711, SIGTERM); });
     EXPECT_EQ(0, lResult);
 }
@@ -161,7 +159,6 @@ OUTCOME_OF_ERRORS(OsKill, ReturnsTheResultOfKillWhenItFails, EINVAL, EPERM, ESRC
     mWhen = "`kill` fails";
     mTrace = "kill(process 4711, 15) = -7 ERROR";
     mTells = "the result of `kill`, -1, with `errno` as `kill` set it";
-    mStays = "-";
     run([&] {
         lResult = OsKill(4711, SIGTERM);
         lErrno = errno;

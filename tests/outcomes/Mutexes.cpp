@@ -29,7 +29,6 @@ OUTCOME(OsInitMutex, Succeeds)
     nameObject("mutex", &lMutex);
     mWhen = "succeeds";
     mTrace = "pthread_mutex_init(mutex, null) = 0";
-    mStays = "-";
     run([&] { OsInitMutex(lMutex); });
     EXPECT_FALSE(isHeld(lMutex));
     pthread_mutex_destroy(&lMutex);
@@ -54,7 +53,6 @@ OUTCOME(OsDestroyMutex, Succeeds)
     Mutex lMutex;
     mWhen = "succeeds";
     mTrace = "pthread_mutex_destroy(mutex) = 0";
-    mStays = "-";
     run([&] { OsDestroyMutex(lMutex); });
 }
 
@@ -262,7 +260,6 @@ OUTCOME(OsUnlockMutex, UnlocksWhatAnotherThreadHolds)
     mWhen = "another thread holds the mutex";
     mTrace = "pthread_mutex_unlock(mutex) = 0";
     mTells = "the mutex is unlocked";
-    mStays = "-";
     run([&] { OsUnlockMutex(lMutex); });
     EXPECT_FALSE(isHeld(lMutex));
 }

@@ -142,7 +142,6 @@ OUTCOME(OsNamedPipeOpen, StoresTheDescriptor)
     mWhen = "succeeds";
     mTrace = cOpening + "0\ndescriptor changes\nLeft";
     mTells = "the descriptor is not negative";
-    mStays = "-";
     run([&] { OsNamedPipeOpen(lFile.mDescriptor, lFile.mPath, OQFM_Mode3, OQPS_NonBlocking, OQCM_Client); });
     EXPECT_EQ(0, lFile.mDescriptor);
 }
@@ -261,7 +260,6 @@ OUTCOME(OsNamedPipeRead, GivesWhatThePipeHolds)
     Pipe lPipe(600);
     mWhen = "the pipe holds fewer bytes than the length";
     mTells = "the count is the number of bytes that the pipe held";
-    mStays = "-";
     read(*this, cRead, lPipe, "600", 600);
 }
 
@@ -297,7 +295,6 @@ OUTCOME(OsNamedPipeWrite, GivesHowManyBytesWereWritten)
         Left
     )";
     mTells = "the count is the number of bytes that were written";
-    mStays = "-";
     run([&] { OsNamedPipeWrite(lPipe.mEnds[1], lPipe.mBytes, 1000, lPipe.mCount); });
     EXPECT_EQ(600U, lPipe.mCount);
 }

@@ -94,7 +94,6 @@ OUTCOME(ProcessCreate, Succeeds)
     mWhen = "succeeds";
     mTrace = cSucceeds;
     mTells = "returns the child's id when the child runs its program";
-    mStays = "-";
     for (const bool lCopies : cCopies) {
         Start lStart(lCopies);
         run([&] { EXPECT_EQ(0, lStart()); });
@@ -156,7 +155,6 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoMemoryThatTheChildShares, ENOENT)
     mTells =
         "returns the child's id; the program runs, or `ProcessCreate` throws as above. Where `vfork` copies memory, as "
         "in emulators, it does not throw: the child of a program that cannot be run ends with exit status 127";
-    mStays = "-";
     for (const bool lCopies : cCopies) {
         for (const bool lRuns : {true, false}) {
             const bool lIsThrown = !lRuns && !lCopies && OQ_SHARING_VFORK;
@@ -179,7 +177,6 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoFreeDescriptor, ENOENT)
 {
     mWhen = "no descriptor is free (`EMFILE`)";
     mTells = "returns the child's id; the program runs, or `ProcessCreate` throws as above";
-    mStays = "-";
     for (const bool lCopies : cCopies) {
         for (const bool lRuns : {true, false}) {
             if (OQ_SANITIZED && !lRuns) {
@@ -241,7 +238,6 @@ OUTCOME(ProcessWait, ReturnsTheExitCode)
 {
     mWhen = "the child ended by itself";
     mTells = "returns the exit code";
-    mStays = "-";
     for (const int lCode : {0, 1, 42, 255}) {
         planStatus(lCode << 8 | 0x80);  // the low seven bits decide
         mTrace = cWaits + R"(process 4711
@@ -259,7 +255,6 @@ OUTCOME(ProcessWait, ReturnsMinusOneWhenASignalEndedTheChild)
         Left
     )";
     mTells = "returns -1";
-    mStays = "-";
     for (const int lStatus : {0x0009, 0x0086, 0x0140, 0x137f, 0xffff}) {
         planStatus(lStatus);
         run([] { EXPECT_EQ(-1, ProcessWait(4711, 0)); });
@@ -386,7 +381,6 @@ OUTCOME_OF_ERRORS(isProcessRunning, ReturnsZeroWhenTheFileCannotBeExamined, EACC
     mWhen = "`ClibStat` throws `OQCClibStatFailedEx` 173: the result file cannot be examined";
     mTrace = cAsks + "\n ClibStrerror(local, 512) = \"ERROR #1\"" + cIsNotRunning;
     mTells = "returns 0";
-    mStays = "-";
     run([&] { EXPECT_EQ(0, lQuestion()); });
 }
 

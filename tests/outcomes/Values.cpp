@@ -135,7 +135,6 @@ OUTCOME(Pointer, StarOfADestroyedOneEndsTheProcess)
     mOperation = "Pointer::operator*";
     mWhen = "destroyed";
     mTrace = assertion("operator*", "0 != mPointer");
-    mStays = "-";
     runInChild([&] { *lrDestroyed = 1; });
 }
 
@@ -146,7 +145,6 @@ OUTCOME(Pointer, StarWithoutACounterEndsTheProcess)
     mOperation = "Pointer::operator*";
     mWhen = "a pointee without a counter";
     mTrace = assertion("operator*", "0 != mReferenceCount");
-    mStays = "-";
     runInChild([&] { *lrNumber = 1; });
 }
 
@@ -156,7 +154,6 @@ OUTCOME_OF_ERRORS(Pointer, StarOfAnUnknownSizeTypeEndsTheProcess, 0, 3, 7, 255)
     mOperation = "Pointer::operator*";
     mWhen = "size type neither individual nor array";
     mTrace = assertion("operator*", "false");
-    mStays = "-";
     runInChild([this] { *Number(new (std::nothrow) int(5), sizeType(error()), OQPMT_New) = 1; });
 }
 
@@ -165,7 +162,6 @@ OUTCOME(Pointer, ArrowOfAnEmptyOneEndsTheProcess)
     mOperation = "Pointer::operator->";
     mWhen = "empty";
     mTrace = assertion("operator->", "0 != mPointer");
-    mStays = "-";
     runInChild([] { Number().operator->(); });
 }
 
@@ -176,7 +172,6 @@ OUTCOME(Pointer, ArrowWithoutACounterEndsTheProcess)
     mOperation = "Pointer::operator->";
     mWhen = "a pointee without a counter";
     mTrace = assertion("operator->", "0 != mReferenceCount");
-    mStays = "-";
     runInChild([&] { lrNumber.operator->(); });
 }
 
@@ -186,7 +181,6 @@ OUTCOME_OF_ERRORS(Pointer, ArrowOfAnArrayEndsTheProcess, OQPST_Array, 0, 7)
     mOperation = "Pointer::operator->";
     mWhen = "an array, or an unknown size type";
     mTrace = assertion("operator->", "OQPST_Individual == mSizeType");
-    mStays = "-";
     runInChild([this] {
         const Number lArray(new (std::nothrow) int[2], sizeType(error()), OQPMT_New);
         lArray.operator->();
@@ -211,7 +205,6 @@ OUTCOME(Pointer, AssignmentOfAnEmptyOneToItselfEndsTheProcess)
     mOperation = "Pointer::operator=";
     mWhen = "from an empty one to itself";
     mTrace = assertion("operator=", "0 != acrCopy.mPointer");
-    mStays = "-";
     runInChild([&] { lEmpty = lrSelf; });
 }
 
@@ -235,7 +228,6 @@ OUTCOME(Pointer, AssignmentOfOneWithoutACounterToItselfEndsTheProcess)
     mOperation = "Pointer::operator=";
     mWhen = "from one without a counter to itself";
     mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
-    mStays = "-";
     runInChild([&] { lrNumber = lrSelf; });
 }
 
@@ -363,7 +355,6 @@ OUTCOME(OQCString, CopyOfAnEmptyOneEndsTheProcess)
     mOperation = "OQCString::OQCString";
     mWhen = "copy of an empty one";
     mTrace = assertion("OQCString", "acrCopy.mString != 0");
-    mStays = "-";
     runInChild([&] { const OQCString lCopy(lGone.string()); });
 }
 
@@ -400,7 +391,6 @@ OUTCOME(OQCString, AppendToAnEmptyOneEndsTheProcess)
     mOperation = "OQCString::operator+=";
     mWhen = "to an empty one";
     mTrace = assertion("operator+=", "mString != 0");
-    mStays = "-";
     runInChild([&] { lGone.string() += lAlso.string(); });
 }
 
@@ -433,7 +423,6 @@ OUTCOME(OQCString, GetOfAnEmptyOneEndsTheProcess)
     mOperation = "OQCString::get";
     mWhen = "empty";
     mTrace = assertion("get", "mString != 0");
-    mStays = "-";
     runInChild([&] { lGone.string().get(); });
 }
 
@@ -444,7 +433,6 @@ OUTCOME(OQCString, GetOfAConstantEmptyOneEndsTheProcess)
     mOperation = "OQCString::get";
     mWhen = "empty and constant";
     mTrace = assertion("get", "mString != 0");
-    mStays = "-";
     runInChild([&] { lrGone.get(); });
 }
 
@@ -537,7 +525,6 @@ OUTCOME(OQCList, AppendOfADestroyedTextEndsTheProcess)
     mNeedsMemory = true;
     mWhen = "a destroyed text (in the name of `OQCString`)";
     mTrace = assertion("backend/common/include/OQString OQCString", "acrCopy.mString != 0");
-    mStays = "-";
     runInChild([&] { lList.append(lGone.string()); });
 }
 
@@ -556,7 +543,6 @@ OUTCOME(OQCException, LongMessagesAreCut)
     mWhen = "message longer than 255 characters";
     mTells = "the text is cut at 255";
     mTrace = "throws OQCTimeOutEx 323 the first 255 characters";
-    mStays = "-";
     run([&] { throw OQCTimeOutEx(lText.c_str(), 323); });
 }
 

@@ -32,7 +32,6 @@ OUTCOME(OsWaitForActivity, ReturnsWhenThereIsDataToRead)
         -T- "Data is available now."
         Left
     )";
-    mStays = "-";
     run([] { OsWaitForActivity(37, INT_MAX); });
 }
 
@@ -107,7 +106,6 @@ OUTCOME(OsWaitForActivity, EndsTheProcessWhenTheDescriptorIsBeyondTheSet)
         killed by signal 6
     )";
     mTells = "the C library ends the process where it checks (optimised builds with `_FORTIFY_SOURCE`)";
-    mStays = "-";
     runInChild([] {
         const rlimit lNoCore = {0, 0};
         setrlimit(RLIMIT_CORE, &lNoCore);
