@@ -107,7 +107,12 @@ OUTCOME(PrintLogMessageWithTimeStamp, WritesOneLine)
     mTells = "one line: time, process, thread, tag, function, file, line and message";
     mTrace = "clock_gettime(CLOCK_REALTIME, local) = 0\nsyscall(SYS_write, 1000) = rest";
     mStays = "`errno`";
-    run([&] { lLog.write("%m: %d%% of %s", 7, "all"); });
+    unsigned int lAllocations = 1;
+    run([&] {
+        lLog.write("%m: %d%% of %s", 7, "all");
+        lAllocations = FailingMemory::taken();
+    });
+    EXPECT_EQ(0U, lAllocations);
     EXPECT_EQ(Log::line("Interrupted system call: 7% of all"), lLog.mText);
 }
 
