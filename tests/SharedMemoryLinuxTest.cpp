@@ -67,10 +67,12 @@ Bytes message(size_t aLength, unsigned int aSeed = 1)
 }
 
 /// \return the count
-unsigned int write(OQShmDesc& arDesc, const Bytes& acrMessage)
+unsigned int write(OQShmDesc& arDesc, Bytes aMessage)
 {
+    const unsigned int lLength = static_cast<unsigned int>(aMessage.size());
+    aMessage.push_back(0);  // an empty message has an address, too
     unsigned int lWritten = 4711;
-    OsSharedMemoryWrite(arDesc, acrMessage.data(), static_cast<unsigned int>(acrMessage.size()), lWritten);
+    OsSharedMemoryWrite(arDesc, aMessage.data(), lLength, lWritten);
     return lWritten;
 }
 
