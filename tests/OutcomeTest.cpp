@@ -37,8 +37,9 @@ std::string thrown(const OutcomeRow& acrRow)
             lCondition = lrEvent.mArguments[0];
         } else if (Event::Throw == lrEvent.mKind) {
             const std::string& lrText = lrEvent.mArguments[0];
-            const std::string lText = lrText.size() < 100 ? "\"" + lrText + "\""
-                                                          : "a text of " + std::to_string(lrText.size()) + " characters";
+            const std::string lText = lrText.size() < 100
+                                          ? "\"" + lrText + "\""
+                                          : "a text of " + std::to_string(lrText.size()) + " characters";
             return code(lrEvent.mName) + " " + std::to_string(lrEvent.mLevel) + ", " +
                    (lErrorText == lText ? "error text" : lText) +
                    (acrRow.mEvents[0].mProcess == lrEvent.mProcess ? "" : ", in a child; " + acrRow.mTells);

@@ -763,8 +763,6 @@ TEST_F(ProcessLinuxTest, AGigabyteOfMemoryDoesNotSlowTheStart)
 }
 #endif
 
-// Waiting
-
 TEST_F(ProcessLinuxTest, WaitReturnsTheExitCodeOrMinusOneForASignalAndThrowsAfterwards)
 {
     pid_t lChild;
@@ -836,8 +834,6 @@ TEST_F(ProcessLinuxTest, WaitInterruptedByAHandledSignalThrowsAndTheChildIsStill
     EXPECT_EQ(8, ProcessWait(lChild, 0));
 }
 
-// Signal handlers
-
 volatile sig_atomic_t sHandled = 0;
 volatile sig_atomic_t sUnblocked = 0;
 
@@ -888,8 +884,6 @@ TEST_F(ProcessLinuxTest, ALaterHandlerReplacesTheEarlier)
     EXPECT_EQ(0, sHandled);
 }
 
-// Whether a program runs
-
 /// The whole machine has one result file: its tests take turns, including those of other processes.
 class RunningLinuxTest : public ProcessLinuxTest
 {
@@ -912,12 +906,6 @@ protected:
 private:
     int mLock = -1;
 };
-
-TEST_F(RunningLinuxTest, ANameThatMatchesNothingIsNotRunningAndLeavesAnEmptyFile)
-{
-    EXPECT_EQ(0, isProcessRunning("oqnosuchname"));
-    EXPECT_EQ("", contents(cResultFile));
-}
 
 TEST_F(RunningLinuxTest, AProcessIsFoundByItsNameAndTheNextCallRewritesTheFile)
 {

@@ -373,7 +373,7 @@ OUTCOME(isProcessRunning, ReturnsZeroWhenNoProcessMatches)
 OUTCOME_OF_ERRORS(isProcessRunning, ReturnsZeroWhenTheFileCannotBeExamined, EACCES, EBADF, EFAULT, EINVAL, ELOOP,
                   ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOVERFLOW)
 {
-    const Question lQuestion("daemon", 0, 0);
+    const Question lQuestion("daemon", -1, 0);
     recordCompanion();
     substitute::stat.fail(-1, error());
     substitute::ClibStat.instead(
