@@ -824,7 +824,7 @@ void exchange(int aKey, unsigned int aCount, bool aSpins, const std::function<vo
                       }
                       const Recording lRecording;
                       readMany(lClient, aCount, 55);
-                      arServer.signal();  // what is in the slot from now on is no longer the server's own
+                      arServer.signal();  // the next message in the slot is not the server's own
                       writeMany(lClient, aCount, 77);
                   });
                   if (aSpins) {
@@ -832,7 +832,7 @@ void exchange(int aKey, unsigned int aCount, bool aSpins, const std::function<vo
                   }
                   const Recording lRecording;
                   writeMany(lServer, aCount, 55);
-                  if (!::testing::Test::HasFailure()) {  // or the peer, which waits in vain, is killed
+                  if (!::testing::Test::HasFailure()) {  // otherwise ~Peer() kills the peer
                       lPeer.meet();
                       readMany(lServer, aCount, 77);
                       EXPECT_EQ(0, lPeer.wait());
@@ -879,7 +879,7 @@ TEST_F(SharedMemoryLinuxTest, AnOnlookerNeverSeesBothFlagsSet)
     ASSERT_NE(MAP_FAILED, lpShared);
     Seen& lrSeen = *new (lpShared) Seen();
     uint64_t lDuring = 0;
-    for (unsigned int lRound = 0; 0 == lDuring && lRound < 100; ++lRound) {  // once, unless it was kept from looking
+    for (int lRound = 0; 0 == lDuring && !HasFailure() && lRound < 100; ++lRound) {  // once, unless kept from looking
         memset(lpShared, 0, sizeof(Seen));
         uint64_t lBefore = 0;
         std::unique_ptr<Peer> lOnlooker;

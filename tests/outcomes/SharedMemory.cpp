@@ -46,19 +46,19 @@ struct Steps {
 };
 const Steps cServerOpens = {OsSharedMemoryOpen, OQCM_Server, R"(Entered
 shmget(77, 64, 01666) = 4711
-descriptor changes
+shm_id changes
 shmctl(4711, IPC_STAT, local) = 0
 shmctl(4711, SHM_LOCK, local) = 0
 shmat(4711, null, 0) = segment
-descriptor changes
+shm_addr changes
 header changes
 Left
 )"};
 const Steps cClientOpens = {OsSharedMemoryOpen, OQCM_Client, R"(Entered
 shmget(77, 64, 0666) = 4711
-descriptor changes
+shm_id changes
 shmat(4711, null, 0) = segment
-descriptor changes
+shm_addr changes
 header changes
 Left
 )"};
@@ -75,14 +75,15 @@ const Steps cClientCloses = {OsSharedMemoryClose, OQCM_Client, "Entered\nshmdt(s
 /// The trace until the system call of this number fails. The open stores a failed result, too.
 std::string refused(const Steps& acrSteps, unsigned int aCall, const std::string& acrThrown)
 {
-    const std::string lChange = "\ndescriptor changes";
     const std::string lSteps = acrSteps.mTrace;
     size_t lResult = 0;
     for (; 0 < aCall; --aCall) {
         lResult = lSteps.find(" = ", lResult + 1);
     }
-    const bool lStores = 0 == lSteps.compare(lSteps.find("\n", lResult), lChange.size(), lChange);
-    return lSteps.substr(0, lResult) + " = -1 ERROR" + (lStores ? lChange : "") + R"(
+    const size_t lNext = lSteps.find('\n', lResult) + 1;
+    const bool lStores = 0 == lSteps.compare(lNext, 4, "shm_");
+    return lSteps.substr(0, lResult) + " = -1 ERROR\n" +
+           (lStores ? lSteps.substr(lNext, lSteps.find('\n', lNext) - lNext) : "") + R"(
         ClibStrerror(local, 256) = "ERROR #1"
         ClibStrcpy(local, memory) = local
         throws )" +
@@ -122,7 +123,10 @@ protected:
         nameObject("segment", &mHeader);
         nameObject("data", mData);
         nameObject("buffer", mBuffer);
-        watchObject("descriptor", &mDesc, sizeof mDesc);
+        watchObject("shm_key", &mDesc.shm_key, sizeof mDesc.shm_key);
+        watchObject("shm_size", &mDesc.shm_size, sizeof mDesc.shm_size);
+        watchObject("shm_id", &mDesc.shm_id, sizeof mDesc.shm_id);
+        watchObject("shm_addr", &mDesc.shm_addr, sizeof mDesc.shm_addr);
         watchObject("header", &mHeader, sizeof mHeader);
         watchObject("data", mData, sizeof mData);
         watchObject("buffer", mBuffer, sizeof mBuffer);
