@@ -3,6 +3,7 @@
 #include <gtest/gtest-spi.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -196,6 +197,20 @@ TEST_F(KitTest, CallsOfTheRuntimeAreNeitherRecordedNorMadeToFail)
         }
     }
     EXPECT_EQ("", trace());
+}
+
+/// Nor does a sanitizer for its view of them.
+TEST_F(KitTest, SubstitutesNeedNoDescriptor)
+{
+    EXPECT_EQ(0, inChild([] {
+                  const rlimit lNone = {0, 0};
+                  setrlimit(RLIMIT_NOFILE, &lNone);
+                  pthread_mutex_t lMutex;
+                  OsInitMutex(lMutex);
+                  OsLockMutex(lMutex);
+                  OsUnlockMutex(lMutex);
+                  OsDestroyMutex(lMutex);
+              }));
 }
 
 TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)

@@ -203,7 +203,7 @@ struct Read {
 const Read cRead = {"ClibRead", OsNamedPipeRead};
 const Read cBlockRead = {"ClibBlockRead", OsNamedPipeBlockRead};
 
-/// Reads 1000 bytes. The count is cleared before the first line.
+/// Reads 1000 bytes. The count is cleared after "Entered" and, unless it stays 0, set before "Left".
 void read(Outcome& arRow, const Read& acrRead, Pipe& arPipe, const std::string& acrResult, unsigned int aCount)
 {
     arRow.mTrace = "Entered\ncount changes\n-T- \"Reading %u bytes\" \"1000\"\n" + std::string(acrRead.mCall) +

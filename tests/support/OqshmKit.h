@@ -1,60 +1,36 @@
-// oqshm as its tests run it, and channels for it to look at.
+/// \file
+/// oqshm as its tests run it, and channels for it to look at.
 #ifndef OQ_OQSHM_KIT_H
 #define OQ_OQSHM_KIT_H
 
-#include <signal.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
 
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "TestKit.h"
+#include "Command.h"
 
-inline bool contains(const std::string& acrText, const std::string& acrPart)
+inline Result oqshm(Strings aWords, const std::function<void()>& acrPrepare = {})
 {
-    return std::string::npos != acrText.find(acrPart);
+    aWords.insert(aWords.begin(), OQSHM);
+    return resultOf(aWords, acrPrepare);
 }
 
-struct Result {
-    int mStatus;
-    std::string mOut;
-};
-
-/// Runs a shell command.
-inline Result shell(const std::string& acrCommand)
-{
-    Result lResult = {-1, ""};
-    FILE* const lpOutput = popen(acrCommand.c_str(), "re");
-    char lBytes[4096];
-    for (size_t lRead; nullptr != lpOutput && 0 < (lRead = fread(lBytes, 1, sizeof lBytes, lpOutput));) {
-        lResult.mOut.append(lBytes, lRead);
-    }
-    const int lStatus = nullptr == lpOutput ? -1 : pclose(lpOutput);
-    lResult.mStatus = WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -1;
-    return lResult;
-}
-
-/// For the shell: the path may contain spaces.
-const std::string cOqshm = "'" OQSHM "' ";
-
-/// What is on standard error counts as output.
-inline Result oqshm(const std::string& acrWords) { return shell(cOqshm + acrWords + " 2>&1"); }
-
-class OqshmTest : public LayerTest
+class OqshmTest : public RecordedTest
 {
 protected:
+    void SetUp() override
+    {
+        RecordedTest::SetUp();
+        keepNoEvents();
+    }
     void TearDown() override
     {
         for (const int lId : mIds) {
             shmctl(lId, IPC_RMID, nullptr);
         }
-        LayerTest::TearDown();
+        RecordedTest::TearDown();
     }
 
     /// A segment that is removed after the test.
@@ -72,12 +48,16 @@ protected:
     }
 
     /// A process that has the channel open until it is told to close it; it sends the messages before it says so.
-    std::unique_ptr<Peer> side(OQEConnectionMode aSide, unsigned int aMessages = 0, bool aHidden = false)
+    std::unique_ptr<Peer> side(OQEConnectionMode aSide, unsigned int aMessages = 0,
+                               const std::function<void()>& acrPrepare = {})
     {
         OQShmDesc lDesc = {mKey, 64, -1, nullptr};
-        std::unique_ptr<Peer> lPeer(new Peer([=](Peer& arTest) mutable {
-            prctl(PR_SET_DUMPABLE, aHidden ? 0 : 1);
+        std::unique_ptr<Peer> lPeer(new Peer([&](Peer& arTest) {
+            prctl(PR_SET_DUMPABLE, 1);
             prctl(PR_SET_NAME, "OqshmTest");  // also where this program is run by another one
+            if (acrPrepare) {
+                acrPrepare();
+            }
             OsSharedMemoryOpen(lDesc, aSide);
             for (unsigned int lMessage = 0; lMessage < aMessages; ++lMessage) {
                 unsigned int lWritten = 0;
@@ -103,16 +83,28 @@ protected:
     }
 
     /// Shows the key, expects an exit status. \return what is shown below the heading, blanks as one
-    std::string shown(int aStatus, const std::string& acrOptions = "") const
+    std::string shown(int aStatus, const Strings& acrOptions = {}) const
     {
-        const Result lResult = oqshm(acrOptions + " " + std::to_string(mKey));
-        EXPECT_EQ(aStatus, lResult.mStatus) << lResult.mOut;
-        std::istringstream lWords(lResult.mOut.substr(lResult.mOut.find('\n') + 1));
+        Strings lWords = acrOptions;
+        lWords.push_back(std::to_string(mKey));
+        const Result lResult = oqshm(lWords);
+        EXPECT_EQ(aStatus, lResult.mStatus) << lResult.mOut << lResult.mError;
+        std::istringstream lText(lResult.mOut.substr(lResult.mOut.find('\n') + 1));
         std::string lShown;
-        for (std::string lWord; lWords >> lWord;) {
+        for (std::string lWord; lText >> lWord;) {
             lShown += (lShown.empty() ? "" : " ") + lWord;
         }
         return lShown;
+    }
+    /// The same, and expects that these are part of it, one behind the other.
+    void expectShown(int aStatus, const Strings& acrParts, const Strings& acrOptions = {}) const
+    {
+        const std::string lShown = shown(aStatus, acrOptions);
+        size_t lAt = 0;
+        for (const std::string& lrPart : acrParts) {
+            lAt = lShown.find(lrPart, lAt);
+            EXPECT_NE(std::string::npos, lAt) << lrPart << "\n" << lShown;
+        }
     }
     std::string keyText() const
     {
@@ -124,9 +116,9 @@ protected:
     {
         return keyText() + " " + std::to_string(shmget(mKey, 0, 0)) + " " + acrRest;
     }
-    static std::string creator(const std::unique_ptr<Peer>& acrSide)
+    static std::string nameOf(const std::unique_ptr<Peer>& acrSide)
     {
-        return std::to_string(acrSide->pid()) + " OqshmTest (creator)";
+        return std::to_string(acrSide->pid()) + " OqshmTest";
     }
 
     const int mKey = key(1);

@@ -44,7 +44,7 @@ int inChild(const std::function<void()>& acrRun)
 Peer::Peer(const std::function<void(Peer&)>& acrRun) : mPid(-1), mSocket(-1)
 {
     int lEnds[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, lEnds) < 0) {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, lEnds) < 0) {
         abort();
     }
     fflush(stdout);  // or the child prints it again
