@@ -1,4 +1,4 @@
-// Values for GDB to show, good and bad; tests/check-gdb says how.
+// Values for GDB to show, good and bad. expected.txt is the output of GDB with show.gdb.
 
 #include <stdlib.h>
 #include <string.h>
@@ -75,7 +75,7 @@ int main()
     try {
         OsWaitForActivity(-1, 0);  // no descriptor: the time is over at once
     } catch (const OQCException& caught) {
-        here(caught);  // the breakpoint
+        here(caught);
     }
     here(destroyedText), here(zeroText), here(wildText), here(destroyedList), here(zeroList), here(destroyedPointer);
     here(wildPointer), here(zeroException), here(endlessException), here(zeroTimeOut), here(wildTimeOut);
