@@ -1,4 +1,4 @@
-// Runs each operation that callers make often, and has callgrind write down the instructions of each by itself.
+// Runs each operation that callers make often. callgrind writes one profile for each operation.
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -15,7 +15,7 @@
 namespace
 {
 
-const unsigned int cTimes = 1000;  // check-instructions divides by it
+const unsigned int cTimes = 1000;  // scripts/bench divides by it
 
 /// The first call binds and fills what is kept, so it is not counted.
 template <class Operation>
