@@ -11,8 +11,6 @@
 #include <fstream>
 #include <sstream>
 
-extern "C" void __gcov_dump() __attribute__((weak));
-
 namespace
 {
 
@@ -119,9 +117,6 @@ bool eventually(const std::function<bool()>& acrCondition)
 
 void endChild()
 {
-    if (nullptr != __gcov_dump) {
-        __gcov_dump();
-    }
     _exit(::testing::Test::HasFailure() ? 99 : 0);
 }
 
