@@ -35,6 +35,8 @@ std::string thrown(const OutcomeRow& acrRow)
             lErrorText = lrEvent.mResult;
         } else if (Event::Log == lrEvent.mKind && OQLL_Halt == lrEvent.mLevel && !lrEvent.mArguments.empty()) {
             lCondition = lrEvent.mArguments[0];
+        } else if (Event::Throw == lrEvent.mKind && 0 == lrEvent.mLevel) {  // not the layer's
+            return code(lrEvent.mName);
         } else if (Event::Throw == lrEvent.mKind) {
             const std::string& lrText = lrEvent.mArguments[0];
             const std::string lText = lrText.size() < 100
