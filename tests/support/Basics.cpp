@@ -115,10 +115,7 @@ bool eventually(const std::function<bool()>& acrCondition)
     return true;
 }
 
-void endChild()
-{
-    _exit(::testing::Test::HasFailure() ? 99 : 0);
-}
+void endChild() { _exit(::testing::Test::HasFailure() ? 99 : 0); }
 
 bool isHeld(pthread_mutex_t& arMutex)
 {
