@@ -177,6 +177,8 @@ TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
 {
     const std::string lPath = path("pipe");
     const int lShared = key();
+    char lTrue[] = "/bin/true";
+    char* const lpTrue[] = {lTrue, nullptr};
     const int lStatus = inChild([&] {
         const int lFile = open(lPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         unlink(lPath.c_str());
@@ -208,13 +210,22 @@ TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
         EXPECT_EQ("Entered\n-T- \"Calling popen\"\n-T- \"Failed in popen\"\nLeft\n",
                   traceOf(recorded(), "OsExecute", ".//MiscLinux"));
         EXPECT_EQ(0, lLines.size());
-        if (!OQ_SANITIZED) {  // a sanitizer needs a descriptor to check an exception, and this one catches some
+        if (!OQ_SANITIZED) {  // a sanitizer needs a descriptor to check an exception, and these throw or catch some
             OQEOperatingSystem lOs;
             OsGetOsName(lOs, lLine);
             EXPECT_STREQ(cFallbackName, lLine.get());
+            unsigned int lAddress = 7;
+            EXPECT_THROW(OsGetIpAddress(lAddress), OQCGetIpAddressFailEx);
+            EXPECT_EQ(7U, lAddress);
         }
 
         // What needs none that is not open yet.
+        pthread_mutex_t lMutex;
+        OsInitMutex(lMutex);
+        OsLockMutex(lMutex);
+        OsUnlockMutex(lMutex);
+        OsDestroyMutex(lMutex);
+        EXPECT_EQ(0, ProcessWait(ProcessCreate(lpTrue[0], lpTrue, lpTrue + 1), 0));
         unsigned int lCount = 0;
         unsigned char lByte = 7;
         OsNamedPipeWrite(lEnds[1], &lByte, 1, lCount);

@@ -469,6 +469,7 @@ OUTCOME(OsSharedMemoryWrite, IsCancelledWhenAPeerIsNotReady)
     for (const Header& lrHeader : {Header{0, 1, 0, 0, 9}, Header{1, 0, 1, 0, 9}, Header{0, 0, 0, 1, 9}}) {
         given(lrHeader);
         run([&] { OsSharedMemoryWrite(mDesc, mBuffer, 58, mCount); });
+        expect(lrHeader, 77);
     }
 }
 
