@@ -254,6 +254,7 @@ TEST_F(KitTest, EventsOfChildrenAreInTheSequenceOfTheirParent)
         ProcessWait(ProcessCreate("/nowhere", lTexts, lTexts), 0);
     } catch (const OQCException&) {
         if (getpid() != lTest) {
+            Recording::end();
             endChild();
         }
         ADD_FAILURE() << "the parent threw";
