@@ -87,7 +87,8 @@ void Outcome::TestBody()
             mError = lError;
             mFailingAllocation = mAllocationsAreFailing ? static_cast<unsigned int>(lError) : 0;
             mIsWithoutMemory = lIsWithoutMemory;
-            SCOPED_TRACE(std::string(errorName(lError).mText) + (lIsWithoutMemory ? ", without memory" : ""));
+            SCOPED_TRACE((mAllocationsAreFailing ? "allocation " + std::to_string(lError) : errorName(lError).mText) +
+                         std::string(lIsWithoutMemory ? ", without memory" : ""));
             SubstituteBase::resetAll();
             clearEvents();
             row();
@@ -146,7 +147,7 @@ void Outcome::compare()
 {
     const Events lEvents = recorded();
     std::string lTrace = traceOf(lEvents, mOperation, mFamily.mFile);
-    if (0 != mError) {
+    if (0 != mError && !mAllocationsAreFailing) {
         lTrace = replaced(lTrace, errorName(mError).mText, "ERROR");
     }
     EXPECT_EQ(plain(mTrace), lTrace);
