@@ -1,8 +1,8 @@
 /// \file
 /// The Linux operating-system abstraction layer. This header includes everything that a caller needs.
 ///
-/// All functions are free functions in the global namespace. They keep no state, start no thread and take no lock of
-/// their own. They need no initialisation. Every handle belongs to the caller.
+/// All functions are free functions in the global namespace. They keep no state, start no thread and hold no lock beyond
+/// a call. They need no initialisation. Every handle belongs to the caller.
 ///
 /// **Failures** are exceptions. A function throws them by value, as one leaf of the tree in OQException.h, with a fixed
 /// code per class. Unless stated otherwise, the message is the system's text for the current errno. A few operations
