@@ -70,12 +70,12 @@ public:
 
 const std::string cCreating = "Entered\n-T- \"Creating linux named pipe...\"\nmknod(FILE, 010660, 0) = ";
 
-OUTCOME(OsNamedPipeCreate, Succeeds)
+OUTCOME_OF_ERRORS(OsNamedPipeCreate, Succeeds, 0, 7)
 {
     File lFile(path("fifo"));
-    substitute::mknod.fail(0, EEXIST);
+    substitute::mknod.fail(error(), EEXIST);
     mWhen = "succeeds, whatever `errno` is";
-    mTrace = cCreating + "0\nLeft";
+    mTrace = cCreating + std::to_string(error()) + "\nLeft";
     mStays = "the descriptor";
     run([&] { OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor); });
 }
@@ -151,9 +151,9 @@ OUTCOME_OF_ERRORS(OsNamedPipeOpen, KeepsTheDescriptorWhenTheFileCannotBeOpened, 
                   ENOSPC, ENOTDIR, ENXIO, EOPNOTSUPP, EOVERFLOW, EPERM, EROFS, ETXTBSY, EWOULDBLOCK)
 {
     File lFile(path("fifo"));
-    substitute::ClibOpen.fail(-1, error());
+    substitute::ClibOpen.fail(-2, error());
     mWhen = "`ClibOpen` fails";
-    mTrace = cOpening + "-1 ERROR\nLeft";
+    mTrace = cOpening + "-2 ERROR\nLeft";
     mTells = "the descriptor keeps its value";
     mStays = "the descriptor";
     run([&] { OsNamedPipeOpen(lFile.mDescriptor, lFile.mPath, OQFM_Mode3, OQPS_NonBlocking, OQCM_Client); });
@@ -203,12 +203,15 @@ struct Read {
 const Read cRead = {"ClibRead", OsNamedPipeRead};
 const Read cBlockRead = {"ClibBlockRead", OsNamedPipeBlockRead};
 
-/// Reads 1000 bytes. The count is cleared after "Entered" and, unless it stays 0, set before "Left".
-void read(Outcome& arRow, const Read& acrRead, Pipe& arPipe, const std::string& acrResult, unsigned int aCount)
+/// The count is cleared after "Entered" and, unless it stays 0, set before "Left".
+void read(Outcome& arRow, const Read& acrRead, Pipe& arPipe, const std::string& acrResult, unsigned int aCount,
+          unsigned int aLength = 1000)
 {
-    arRow.mTrace = "Entered\ncount changes\n-T- \"Reading %u bytes\" \"1000\"\n" + std::string(acrRead.mCall) +
-                   "(reader, bytes, 1000) = " + acrResult + (0 == aCount ? "\nLeft" : "\ncount changes\nLeft");
-    arRow.run([&] { acrRead.mRun(arPipe.mEnds[0], arPipe.mBytes, 1000, arPipe.mCount); });
+    const std::string lLength = std::to_string(aLength);
+    arRow.mTrace = "Entered\ncount changes\n-T- \"Reading %u bytes\" \"" + lLength + "\"\n" + acrRead.mCall +
+                   "(reader, bytes, " + lLength + ") = " + acrResult +
+                   (0 == aCount ? "\nLeft" : "\ncount changes\nLeft");
+    arRow.run([&] { acrRead.mRun(arPipe.mEnds[0], arPipe.mBytes, aLength, arPipe.mCount); });
     EXPECT_EQ(aCount, arPipe.mCount);
 }
 
@@ -227,7 +230,7 @@ void readFails(Outcome& arRow, const Read& acrRead)
     arRow.mWhen = "the read fails; `EAGAIN`: a non-blocking pipe is empty";
     arRow.mTells = "the count is 0";
     arRow.mStays = "the buffer as the read left it";
-    read(arRow, acrRead, lPipe, "-2 ERROR", 0);
+    read(arRow, acrRead, lPipe, "-2 ERROR", 0, 4294967295U);
 }
 
 OUTCOME(OsNamedPipeRead, ReadsTheLength) { readSucceeds(*this, cRead); }
@@ -284,19 +287,20 @@ OUTCOME(OsNamedPipeBlockRead, LosesTheBytesOfANonBlockingPipeThatHoldsFewer)
 
 OUTCOME(OsNamedPipeWrite, GivesHowManyBytesWereWritten)
 {
-    Pipe lPipe(0);
-    substitute::ClibWrite.fail(600, EAGAIN);
     mWhen = "succeeds; a non-blocking pipe may have room for a part only";
-    mTrace = R"(
-        Entered
-        -T- "Writing %u bytes" "1000"
-        ClibWrite(writer, bytes, 1000) = 600
-        count changes
-        Left
-    )";
     mTells = "the count is the number of bytes that were written";
-    run([&] { OsNamedPipeWrite(lPipe.mEnds[1], lPipe.mBytes, 1000, lPipe.mCount); });
-    EXPECT_EQ(600U, lPipe.mCount);
+    for (const unsigned int lWritten : {600U, 0U}) {
+        clearEvents();
+        Pipe lPipe(0);
+        substitute::ClibWrite.fail(lWritten, EAGAIN);
+        mTrace = R"(
+            Entered
+            -T- "Writing %u bytes" "1000"
+            ClibWrite(writer, bytes, 1000) = )" +
+                 std::to_string(lWritten) + "\ncount changes\nLeft";
+        run([&] { OsNamedPipeWrite(lPipe.mEnds[1], lPipe.mBytes, 1000, lPipe.mCount); });
+        EXPECT_EQ(lWritten, lPipe.mCount);
+    }
 }
 
 OUTCOME_OF_ERRORS(OsNamedPipeWrite, KeepsTheCountWhenTheWriteFails, EAGAIN, EBADF, EDESTADDRREQ, EDQUOT, EFAULT, EFBIG,

@@ -352,8 +352,10 @@ OUTCOME(isProcessRunning, ReturnsOneWhenAProcessMatches)
     for (const std::string& lrName :
          {std::string("-f 'a b'; true"), std::string("%s%n"), std::string(""), std::string(231, 'x')}) {
         for (const off_t lSize : {1, 5, INT_MAX}) {
-            const Question lQuestion(lrName, 0, lSize);
-            run([&] { EXPECT_EQ(1, lQuestion()); });
+            for (const int lStatus : {0, 256, 32512, -1}) {  // not examined
+                const Question lQuestion(lrName, lStatus, lSize);
+                run([&] { EXPECT_EQ(1, lQuestion()); });
+            }
         }
     }
 }

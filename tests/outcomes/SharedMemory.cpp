@@ -55,9 +55,9 @@ header changes
 Left
 )"};
 const Steps cClientOpens = {OsSharedMemoryOpen, OQCM_Client, R"(Entered
-shmget(77, 64, 0666) = 4711
+shmget(77, 64, 0666) = 0
 shm_id changes
-shmat(4711, null, 0) = segment
+shmat(0, null, 0) = segment
 shm_addr changes
 header changes
 Left
@@ -105,8 +105,8 @@ const char* const cTimesOut = R"(
     throws OQCTimeOutEx 323 "Timed out waiting on Shared Memory"
 )";
 
-/// A row that is given a segment of 64 bytes, opened by both sides. shmget() and shmat() return this segment; shmctl()
-/// and shmdt() succeed.
+/// A row that is given a segment of 64 bytes, opened by both sides. shmget() and shmat() return this segment, to a client
+/// with the identifier 0; shmctl() and shmdt() succeed.
 class Outcome : public ::Outcome
 {
 protected:
@@ -131,7 +131,9 @@ protected:
         watchObject("data", mData, sizeof mData);
         watchObject("buffer", mBuffer, sizeof mBuffer);
         watchObject("count", &mCount, sizeof mCount);
-        substitute::shmget.instead([this](key_t, size_t, int) { return isRefused() ? -1 : 4711; });
+        substitute::shmget.instead([this](key_t, size_t, int aFlags) {
+            return isRefused() ? -1 : 0 == (aFlags & IPC_CREAT) ? 0 : 4711;
+        });
         substitute::shmctl.instead([this](int, int, shmid_ds*) { return isRefused() ? -1 : 0; });
         substitute::shmat.instead([this](int, const void*, int) { return isRefused() ? cNowhere : &mHeader; });
         substitute::shmdt.instead([this](const void*) { return isRefused() ? -1 : 0; });
@@ -165,7 +167,7 @@ protected:
         mDesc = {77, 64, -99, nullptr};
         mTrace = acrSteps.mTrace;
         run([&] { acrSteps.mRun(mDesc, acrSteps.mSide); });
-        EXPECT_EQ(4711, mDesc.shm_id);
+        EXPECT_EQ(OQCM_Client == acrSteps.mSide ? 0 : 4711, mDesc.shm_id);
         EXPECT_EQ(&mHeader, mDesc.shm_addr);
         expect(acrAfter, 77);
     }
@@ -176,8 +178,9 @@ protected:
         mCallsToRefusal = aCall;
         mTrace = refused(acrSteps, aCall, acThrown);
         run([&] { acrSteps.mRun(mDesc, acrSteps.mSide); });
-        EXPECT_EQ(std::string::npos != mTrace.find("shmget(77") && 1 == aCall ? -1 : 4711, mDesc.shm_id);
-        EXPECT_EQ(std::string::npos != mTrace.find("shmat(4711, null, 0) = -1") ? cNowhere : &mHeader, mDesc.shm_addr);
+        const bool lOpens = OsSharedMemoryOpen == acrSteps.mRun;
+        EXPECT_EQ(lOpens && 1 == aCall ? -1 : lOpens && OQCM_Client == acrSteps.mSide ? 0 : 4711, mDesc.shm_id);
+        EXPECT_EQ(std::string::npos != mTrace.find(", null, 0) = -1") ? cNowhere : &mHeader, mDesc.shm_addr);
     }
     void timesOut(unsigned int aSeconds, int64_t aStep, unsigned int aSleeps)
     {

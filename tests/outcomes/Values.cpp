@@ -1,6 +1,7 @@
 // How the operations of the value types end.
 
 #include <string.h>
+#include <unistd.h>
 
 #include <new>
 #include <stdexcept>
@@ -72,6 +73,29 @@ private:
     alignas(Number) char mBytes[sizeof(Number)];
     Number* mPointer;
 };
+
+/// Ends the child with status 2 if the number is freed before the exit handlers run.
+void expectKept(const int* acNumber)
+{
+    followMemory(0, acNumber);
+    atexit([] {
+        if (isFreed(0)) {
+            _exit(2);
+        }
+    });
+}
+
+/// A new number that must not be freed. It is still reachable when the child ends.
+int* kept()
+{
+    static int* spKept = nullptr;
+    spKept = new (std::nothrow) int(5);
+    expectKept(spKept);
+    return spKept;
+}
+
+/// The only holder lets go of memory of an unknown type.
+const std::string cNotReleased = "decrement() = 0\n~OQCReferenceCount()\n" + assertion("_releaseMemory", "false");
 
 OUTCOME(Pointer, ConstructionFromNullIsOutOfMemory)
 {
@@ -190,12 +214,16 @@ OUTCOME_OF_ERRORS(Pointer, ArrowOfAnArrayEndsTheProcess, OQPST_Array, 0, 7)
 OUTCOME(Pointer, AssignmentFromAnEmptyOneEndsTheProcess)
 {
     const Number lEmpty;
-    Number lTarget(new (std::nothrow) int(5), OQPST_Individual, OQPMT_New);
+    int* const lpNumber = new (std::nothrow) int(5);
+    Number lTarget(lpNumber, OQPST_Individual, OQPMT_New);
     mOperation = "Pointer::operator=";
     mWhen = "from an empty one";
     mTrace = assertion("operator=", "0 != acrCopy.mPointer");
     mStays = "the target's pointee is not released";
-    runInChild([&] { lTarget = lEmpty; });
+    runInChild([&] {
+        expectKept(lpNumber);
+        lTarget = lEmpty;
+    });
 }
 
 OUTCOME(Pointer, AssignmentOfAnEmptyOneToItselfEndsTheProcess)
@@ -212,12 +240,16 @@ OUTCOME(Pointer, AssignmentFromOneWithoutACounterEndsTheProcess)
 {
     Damaged lDamaged;
     const Number& lrNumber = lDamaged.withoutCounter();
-    Number lTarget(new (std::nothrow) int(5), OQPST_Individual, OQPMT_New);
+    int* const lpNumber = new (std::nothrow) int(5);
+    Number lTarget(lpNumber, OQPST_Individual, OQPMT_New);
     mOperation = "Pointer::operator=";
     mWhen = "from one without a counter";
     mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
     mStays = "the target's pointee is not released";
-    runInChild([&] { lTarget = lrNumber; });
+    runInChild([&] {
+        expectKept(lpNumber);
+        lTarget = lrNumber;
+    });
 }
 
 OUTCOME(Pointer, AssignmentOfOneWithoutACounterToItselfEndsTheProcess)
@@ -231,19 +263,15 @@ OUTCOME(Pointer, AssignmentOfOneWithoutACounterToItselfEndsTheProcess)
     runInChild([&] { lrNumber = lrSelf; });
 }
 
-int* spKept = nullptr;  // still reachable when the child ends
-
 OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownSizeTypeEndsTheProcess, 0, 3, 7, 255)
 {
     mNeedsMemory = true;
     mOperation = "Pointer::~Pointer";
     mWhen = "the last holder of memory from `new` lets go, unknown size type";
-    mTrace = assertion("_releaseMemory", "false");
+    substitute::counter.show();
+    mTrace = "OQCReferenceCount(1)\n" + cNotReleased;
     mStays = "the counter is freed, the pointee is not";
-    runInChild([this] {
-        spKept = new (std::nothrow) int(5);
-        const Number lLast(spKept, sizeType(error()), OQPMT_New);
-    });
+    runInChild([this] { const Number lLast(kept(), sizeType(error()), OQPMT_New); });
 }
 
 OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownMemoryTypeEndsTheProcess, 0, 3, 7, 255)
@@ -251,12 +279,10 @@ OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownMemoryTypeEndsTheProcess, 0, 3, 
     mNeedsMemory = true;
     mOperation = "Pointer::~Pointer";
     mWhen = "the last holder lets go, unknown memory type";
-    mTrace = assertion("_releaseMemory", "false");
+    substitute::counter.show();
+    mTrace = "OQCReferenceCount(1)\n" + cNotReleased;
     mStays = "the counter is freed, the pointee is not";
-    runInChild([this] {
-        spKept = new (std::nothrow) int(5);
-        const Number lLast(spKept, OQPST_Individual, memoryType(error()));
-    });
+    runInChild([this] { const Number lLast(kept(), OQPST_Individual, memoryType(error())); });
 }
 
 OUTCOME_OF_ERRORS(Pointer, AssignmentToTheLastHolderOfAnUnknownTypeEndsTheProcess, 0, 3, 7, 255)
@@ -265,11 +291,16 @@ OUTCOME_OF_ERRORS(Pointer, AssignmentToTheLastHolderOfAnUnknownTypeEndsTheProces
     mNeedsMemory = true;
     mOperation = "Pointer::operator=";
     mWhen = "the last holder lets go, unknown memory or size type";
-    mTrace = assertion("_releaseMemory", "false");
+    substitute::counter.show();
+    mTrace = "OQCReferenceCount(1)\n" + cNotReleased;
     mStays = "the counter is freed, the pointee is not";
     runInChild([&] {
-        spKept = new (std::nothrow) int(5);
-        Number lLast(spKept, OQPST_Individual, memoryType(error()));
+        Number lLast(kept(), OQPST_Individual, memoryType(error()));
+        lLast = lOther;
+    });
+    clearEvents();
+    runInChild([&] {
+        Number lLast(kept(), sizeType(error()), OQPMT_New);
         lLast = lOther;
     });
 }

@@ -60,6 +60,31 @@ OUTCOME_OF_ERRORS(OsWaitForActivity, GoesOnAfterASignal, EINTR, 514)
     mStays = "set and time are not rebuilt";
     run([] { OsWaitForActivity(37, 9); });
     EXPECT_TRUE(lIsLocal);
+    for (const int lResult : {0, -1}) {
+        clearEvents();
+        lIsInterrupted = false;
+        substitute::select.instead([&](int, fd_set*, fd_set*, fd_set*, timeval*) {
+            lIsInterrupted = !lIsInterrupted;
+            errno = lIsInterrupted ? error() : ENOMEM;
+            return lIsInterrupted ? -1 : lResult;
+        });
+        mTrace = std::string(R"(
+            Entered
+            select(38, local 37, null, null, 9.000000) = -1 ERROR
+            -I- "The select() call was interrupted.. Ignoring"
+            select(38, local 37, null, null, 9.000000) = )") +
+                 (0 == lResult ? R"(0
+            -T- "No data within %u seconds." "9"
+            Left
+            throws OQCTimeOutEx 323 "Timed out")"
+                               : R"(-1 ENOMEM
+            ClibStrerror(local, 512) = "ENOMEM #1"
+            -E- "Error waiting on Named Pipe: %u, Error : %s" "37", "ENOMEM #1"
+            Left
+            ClibStrerror(local, 512) = "ENOMEM #2"
+            throws OQCPipeWaitFailedEx 332 "ENOMEM #2")");
+        run([] { OsWaitForActivity(37, 9); });
+    }
 }
 
 OUTCOME_OF_ERRORS(OsWaitForActivity, ThrowsWhenSelectFails, EBADF, EINVAL, ENOMEM, EAGAIN, 513)
