@@ -214,7 +214,12 @@ TEST_F(SharedMemoryLinuxTest, ServerOpenFailsAtTheLimitOfLockedMemoryAndGoesOnWh
 
 TEST_F(SharedMemoryLinuxTest, TheExceptionHasTheTextThatTheCompanionCopied)
 {
-    substitute::ClibStrcpy.instead([](char* apTo, const char*) { return strcpy(apTo, "what the copy left"); });
+    char* lpBuffer = nullptr;
+    substitute::ClibStrerror.instead([&](char* apBuffer, unsigned int) { return lpBuffer = apBuffer; });
+    substitute::ClibStrcpy.instead([&](char* apTo, const char*) {
+        EXPECT_EQ(static_cast<void*>(lpBuffer), apTo);
+        return strcpy(apTo, "what the copy left");
+    });
     const Recording lRecording;
     EXPECT_FAILURE(OQCOpenFailedEx, 326, "what the copy left", OsSharedMemoryOpen(mDesc, OQCM_Client));
 }

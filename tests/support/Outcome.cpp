@@ -44,12 +44,16 @@ std::string replaced(std::string aText, const std::string& acrOld, const std::st
 
 unsigned int sTextCount = 0;
 
-/// Takes the place of ClibStrerror() in rows: the text shows which errno it was made of, and which text of the row it is.
+/// Takes the place of ClibStrerror() in rows: the text shows which errno it was made of, which text of the row it is, and
+/// whether it was fetched into another buffer than the first one.
 char* textOfErrno(char* apBuffer, unsigned int)
 {
-    static char sText[sizeof(Shown) + 16];
+    static const char* spFirst = nullptr;
+    static char sText[sizeof(Shown) + 64];
+    spFirst = 0 == sTextCount ? apBuffer : spFirst;
     strcpy(apBuffer, "the text is elsewhere");
-    snprintf(sText, sizeof sText, "%s #%u", errorName(errno).mText, ++sTextCount);
+    snprintf(sText, sizeof sText, "%s #%u%s", errorName(errno).mText, ++sTextCount,
+             spFirst == apBuffer ? "" : " of another buffer");
     return sText;
 }
 
