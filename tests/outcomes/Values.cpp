@@ -19,6 +19,21 @@ std::string assertion(const std::string& acrPlace, const char* acCondition)
     return acrPlace + ": -H- \"Assertion [ %s ] failed\\n\" \"" + acCondition + "\"\nexit status 1";
 }
 
+/// Runs the operation. When it throws, arBlocks becomes the number of blocks that it has asked for, refused ones included,
+/// and has not given back.
+void countBlocks(unsigned int& arBlocks, const std::function<void()>& acrOperation)
+{
+    try {
+        acrOperation();
+    } catch (...) {
+        arBlocks = FailingMemory::taken() - FailingMemory::freed();
+        throw;
+    }
+}
+
+/// The only block that is left: the exception's own.
+unsigned int oneBlock() { return FailingMemory::isPossible() ? 1 : 0; }
+
 namespace pointers
 {
 
@@ -135,7 +150,9 @@ OUTCOME(Pointer, ExceptionOfTheCounterPasses)
         throws int 0 ""
     )";
     mStays = "that exception passes unchanged; the counter's memory is freed; the pointee stays allocated";
-    run([lpNumber] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); });
+    unsigned int lBlocks = 0;
+    run([&] { countBlocks(lBlocks, [&] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); }); });
+    EXPECT_EQ(oneBlock(), lBlocks);
     EXPECT_FALSE(isFreed(0));
     delete lpNumber;
 }
@@ -375,7 +392,14 @@ OUTCOME_OF_ALLOCATIONS(OQCString, ExceptionOfTheNewHandlerPasses, Characters)
     mWhen = "the host's new handler throws anything but `std::bad_alloc` for the characters";
     mTrace = R"(throws std::runtime_error 0 "handler")";
     mStays = "that exception passes unchanged; the original; nothing stays allocated";
-    run([&] { const OQCString lCopy(lOriginal); });
+    for (const bool lCopies : {true, false}) {
+        unsigned int lBlocks = 0;
+        clearEvents();
+        run([&] {
+            countBlocks(lBlocks, [&] { const OQCString lString(lCopies ? OQCString(lOriginal) : OQCString(cLong)); });
+        });
+        EXPECT_EQ(3U, lBlocks) << "the characters, which are refused, and the exception with its text";
+    }
     std::set_new_handler(lBefore);
     EXPECT_STREQ(cLong, lOriginal.get());
 }
@@ -517,7 +541,9 @@ OUTCOME_OF_ALLOCATIONS(OQCList, ExceptionOfTheNewHandlerPasses, 1)
     mWhen = "the host's new handler throws anything but `std::bad_alloc` for the node";
     mTrace = R"(throws std::runtime_error 0 "handler")";
     mStays = "that exception passes unchanged; the list; the element is not copied";
-    run([&] { lList.append(1); });
+    unsigned int lBlocks = 0;
+    run([&] { countBlocks(lBlocks, [&] { lList.append(1); }); });
+    EXPECT_EQ(3U, lBlocks) << "the node, which is refused, and the exception with its text";
     std::set_new_handler(lBefore);
     EXPECT_EQ(0, lList.size());
 }
@@ -531,7 +557,9 @@ OUTCOME(OQCList, ExceptionOfTheElementPasses)
     mWhen = "the element's copy throws anything";
     mTrace = R"(throws OQCInvalidEx 6 "from the element")";
     mStays = "that exception passes unchanged; the list; the node is freed";
-    run([&] { lList.append(lElement); });
+    unsigned int lBlocks = 0;
+    run([&] { countBlocks(lBlocks, [&] { lList.append(lElement); }); });
+    EXPECT_EQ(oneBlock(), lBlocks);
     EXPECT_EQ(0, lList.size());
 }
 
@@ -544,7 +572,9 @@ OUTCOME(OQCList, BadAllocOfTheElementPasses)
     mWhen = "the element's copy throws `std::bad_alloc`";
     mTrace = R"(throws std::bad_alloc 0 "std::bad_alloc")";
     mStays = "that exception passes unchanged; the list; the node is freed";
-    run([&] { lList.append(lElement); });
+    unsigned int lBlocks = 0;
+    run([&] { countBlocks(lBlocks, [&] { lList.append(lElement); }); });
+    EXPECT_EQ(oneBlock(), lBlocks);
     EXPECT_EQ(0, lList.size());
 }
 
