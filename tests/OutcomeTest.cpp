@@ -72,11 +72,10 @@ std::string logged(const OutcomeRow& acrRow)
 void printFailures()
 {
     for (const Family* lpFamily : families()) {
-        std::cout
-            << "\n## " << lpFamily->mTitle << "\n\n"
-            << lpFamily->mNote << "\n\n"
-            << "| operation | condition | thrown, or what tells | logged, in order | left untouched, left behind | "
-               "tests |\n|---|---|---|---|---|---|\n";
+        std::cout << "\n## " << lpFamily->mTitle << "\n\n"
+                  << lpFamily->mNote << "\n\n"
+                  << "| operation | condition | thrown, or other result | logged, in order | what stays | "
+                     "tests |\n|---|---|---|---|---|---|\n";
         for (const OutcomeRow& lrRow : outcomeRows()) {
             if (lpFamily == lrRow.mFamily) {
                 std::cout << "| " << code(lrRow.mOperation) << " | " << lrRow.mWhen << " | " << thrown(lrRow) << " | "

@@ -9,19 +9,18 @@ namespace
 
 const Family cFamily(
     "Commands", ".//MiscLinux",
-    "After each read, `OsExecute` calls `OsBreak`, whose lines are among its own. Only `ClibFread` throws a read "
-    "failure. A command's status is never examined.",
+    "After each read, `OsExecute` calls `OsBreak`. The sequence contains the lines of both. Only `ClibFread` throws a "
+    "read failure. `OsExecute` never examines the exit status of the command.",
     {{"-T- Calling popen", "before the shell is started"},
      {"-T- Failed in popen", "no pipe or no process; the list is unchanged and nothing is thrown"},
      {"-T- Buffer got = %s", "what one read returned, newlines included"},
      {"-T- Fread returned ERROR. lLength = %d",
-      "the end of the output, despite the word, or a line of 3999 bytes and more, which ends the reading; the number "
-      "is 0"},
+      "the output has ended, despite the word, or a line of 3999 bytes or more ends the reading; the number is 0"},
      {"-T- Failed to read - %s", "the read failed; a throw follows"},
-     {"-T- Number of lines in output: %u", "how many are in the list, including those that were there before"},
-     {"-T- Line: %s", "a complete line, appended next"},
-     {"-T- Incomplete line: %s", "kept for the next read; dropped when there is none"},
-     {"-T- End of popened Buffer", "the text ended with its last line"},
+     {"-T- Number of lines in output: %u", "the number of lines in the list, including earlier entries"},
+     {"-T- Line: %s", "a complete line, which is appended next"},
+     {"-T- Incomplete line: %s", "the line is kept for the next read, or dropped if there is no next read"},
+     {"-T- End of popened Buffer", "the text ends with a complete line"},
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after a read failure: a throw follows"}});
 
@@ -200,7 +199,7 @@ OUTCOME(OsExecute, IgnoresTheStatusOfTheCommand)
         -T- "Number of lines in output: %u" "1"
         Left
     )";
-    mTells = "its status is not examined";
+    mTells = "`OsExecute` does not examine the exit status";
     mStays = "lines that it printed are in the list";
     run([&] { OsExecute("/nonexistent/program", lCommand.mLines); });
     EXPECT_EQ(Texts(), lCommand.appended());
@@ -230,8 +229,8 @@ OUTCOME(OsExecute, EndsWithALineThatFillsTheBuffer)
         OsBreak: Left
         ClibFread(memory, 1, 0, stream) = 0
     )" + cClosed;
-    mTells = "it and all after it are lost";
-    mStays = "lines before it are in the list";
+    mTells = "that line and all later lines are lost";
+    mStays = "earlier lines are in the list";
     run([&] { OsExecute("true", lCommand.mLines); });
     EXPECT_EQ((Texts{"a"}), lCommand.appended());
 }
@@ -268,7 +267,7 @@ OUTCOME_OF_ERRORS(OsExecute, ReturnsWhenPopenFails, EAGAIN, EMFILE, ENFILE, ENOM
         -T- "Failed in popen"
         Left
     )";
-    mTells = "only the log";
+    mTells = "only the log reports the failure";
     mStays = "the list";
     run([&] { OsExecute("true", lLines); });
     EXPECT_EQ(0, lLines.size());
@@ -278,7 +277,8 @@ OUTCOME(OsExecute, ThrowsAReadFailureAgain)
 {
     Command lCommand({"a\nb"}, []() -> unsigned int { throw OQCReadFailedEx("Input/output error", 328); });
     mNeedsMemory = true;
-    mWhen = "`ClibFread` throws a read failure, here with the error text of `EIO`; the same object is thrown again";
+    mWhen =
+        "`ClibFread` throws a read failure, here with the error text of `EIO`; `OsExecute` rethrows the same object";
     mTrace = cOpened + R"(
         ClibFread(buffer, 1, 3999, stream) = 3
         -T- "Buffer got = %s" "a\nb"
@@ -304,7 +304,7 @@ OUTCOME(OsExecute, PassesAnyOtherExceptionOfTheRead)
 {
     Command lCommand({}, []() -> unsigned int { throw OQCOpenFailedEx("another failure", 326); });
     mNeedsMemory = true;
-    mWhen = "the read throws anything else, which passes unchanged";
+    mWhen = "the read throws another exception, which passes unchanged";
     mTrace = cOpened + R"(
         ClibFread(buffer, 1, 3999, stream)
         throws OQCOpenFailedEx 326 "another failure"
@@ -333,7 +333,7 @@ OUTCOME_OF_ALLOCATIONS(OsExecute, ThrowsWithoutMemoryToBreakTheText, 2, 3, 4, 5,
     mTrace = cOpened + "ClibFread(buffer, 1, 3999, stream) = 51\n-T- \"Buffer got = %s\" \"" + cLong +
              "\\n\"\nOsBreak: Entered\n" + (error() < 6 ? "" : "OsBreak: -T- \"Line: %s\" \"" + cLong + "\"\n") +
              "throws OQCNoMemoryEx 2 \"Out of Memory\"";
-    mStays = "the stream and both buffers stay; lines before it stay in the list";
+    mStays = "the stream and both buffers stay; earlier lines stay in the list";
     run([&] { OsExecute("true", lCommand.mLines); });
     EXPECT_EQ(Texts(), lCommand.appended());
     lCommand.expectLeft();
@@ -413,7 +413,7 @@ OUTCOME(OsBreak, MovesAnUnfinishedLineToTheStart)
         ClibStrcpy(buffer, memory) = buffer
         Left
     )";
-    mTells = "the next read is stored behind the unfinished line, which is moved to the start of the buffer";
+    mTells = "the unfinished line moves to the start of the buffer; the next read is stored after it";
     run([&] { lpNext = OsBreak(lText.mBuffer, lText.mLines); });
     EXPECT_EQ(lText.mBuffer + 7, lpNext);
     EXPECT_STREQ("bcdefgh", lText.mBuffer);
@@ -428,7 +428,7 @@ OUTCOME_OF_ALLOCATIONS(OsBreak, ThrowsWithoutMemoryForTheLineBufferOrALine, 1, 2
         Entered
         throws OQCNoMemoryEx 2 "Out of Memory"
     )";
-    mStays = "the line buffer, if there is one, stays; lines before it stay in the list";
+    mStays = "the line buffer, if there is one, stays; earlier lines stay in the list";
     run([&] { OsBreak(lText.mBuffer, lText.mLines); });
     lText.expectLeft();
 }
@@ -446,7 +446,7 @@ OUTCOME_OF_ALLOCATIONS(OsBreak, ThrowsWithoutMemoryForAnEntryOfTheList, 10, 11, 
              cLong + R"("
         throws OQCNoMemoryEx 2 "Out of Memory"
     )";
-    mStays = "the line buffer stays; lines before it stay in the list";
+    mStays = "the line buffer stays; earlier lines stay in the list";
     run([&] { OsBreak(lText.mBuffer, lText.mLines); });
     EXPECT_EQ((Texts{"old", "one"}), textsOf(lText.mLines));
     lText.expectLeft();

@@ -14,10 +14,11 @@
 namespace
 {
 
-const Family cFamily("Companion", "companion",
-                     "Wrappers report as the functions they wrap, with `errno` as those left it; only two of them "
-                     "throw. No function here logs; the third column says what the log function itself writes.",
-                     {});
+const Family cFamily(
+    "Companion", "companion",
+    "A wrapper reports a failure as the wrapped function does, and leaves `errno` as that function set it. Only two "
+    "wrappers throw. No wrapper logs. For the log function, the third column says what it writes.",
+    {});
 
 // The companion's functions: this program defines functions of these names, too.
 const auto cLog = reinterpret_cast<decltype(&PrintLogMessageWithTimeStamp)>(
@@ -124,7 +125,7 @@ OUTCOME(PrintLogMessageWithTimeStamp, WritesTheTimeInUtc)
     tzset();
     const time_t cEnd = static_cast<time_t>(sizeof(time_t) < 8 ? INT_MAX - 86400 : 253402300800LL);  // 2038 or 10000
     unsigned int lWrong = 0;
-    mWhen = "whatever the time zone, from 1970 to 9999 (on 32-bit systems to 2037)";
+    mWhen = "any time zone, from 1970 to 9999 (on 32-bit systems to 2037)";
     mTells = "the time is in UTC";
     mStays = "`errno`";
     run([&] {
@@ -178,7 +179,7 @@ OUTCOME_OF_ERRORS(PrintLogMessageWithTimeStamp, DropsTheRestOfALineThatIsWritten
 {
     Log lLog({20, -error(), LONG_MAX, 1, -error()});
     mWhen = "the line can be written only in part";
-    mTells = "its rest is dropped; the next line to that descriptor begins with a line feed";
+    mTells = "the rest of the line is dropped; the next line to that descriptor begins with a line feed";
     mTrace = R"(
         syscall(SYS_write, 1000) = 20
         syscall(SYS_write, 1000) = -1 ERROR
@@ -251,7 +252,7 @@ OUTCOME(PrintLogMessageWithTimeStamp, CutsALineOfMoreThan8192Bytes)
     Log lLog;
     const std::string lLong(9000, 'x');
     mWhen = "the line is longer than 8192 bytes";
-    mTells = "it is cut and ended";
+    mTells = "the line is cut to 8192 bytes and still ends with a line feed";
     mTrace = "syscall(SYS_write, 1000) = rest";
     mStays = "`errno`";
     run([&] { lLog.write("%s", lLong.c_str()); });
@@ -271,8 +272,8 @@ OUTCOME(PrintLogMessageWithTimeStamp, WritesTheLineOfACancelledThread)
 {
     Log lLog;
     bool lIsWritten = false;
-    mWhen = "the calling thread was asked to end";
-    mTells = "the line is no cancellation point";
+    mWhen = "the calling thread has a pending cancellation request";
+    mTells = "writing the line is not a cancellation point";
     mTrace = "pthread_cancel(itself) = 0\nsyscall(SYS_write, 1000) = rest";
     mStays = "`errno`; the request stays pending";
     std::function<void()> lWrite = [&] {
@@ -469,7 +470,7 @@ OUTCOME(ClibBlockRead, GoesOnAfterAPartAndAnInterruption)
     nameObject("buffer + 3", sBuffer + 3);
     nameObject("buffer + 4", sBuffer + 4);
     mWhen = "a part arrives, or a signal interrupts a read";
-    mTells = "it goes on";
+    mTells = "the wrapper continues";
     mTrace = R"(
         ClibBlockRead(5, buffer, 9) = 9
         read(5, buffer, 9) = 3
@@ -483,7 +484,7 @@ OUTCOME(ClibBlockRead, GoesOnAfterAPartAndAnInterruption)
 OUTCOME_OF_ERRORS(ClibBlockRead, FailsWhateverHasArrived, EAGAIN, EBADF, EFAULT, EINVAL, EIO, EISDIR)
 {
     planReads({3, -error()});
-    mWhen = "a read fails otherwise, whatever had arrived";
+    mWhen = "a read fails in another way, even after data has arrived";
     mTells = cMinusOne;
     mTrace = "ClibBlockRead(5, memory, 9) = -1 ERROR\nread(5, memory, 9) = 3\nread(5, memory, 6) = -1 ERROR";
     mStays = "what had arrived is in the buffer";
@@ -591,7 +592,7 @@ OUTCOME(ClibSleepMS, GoesOnAfterAnInterruption)
     });
     static_assert(1 == CLOCK_MONOTONIC && 4 == EINTR, "the trace shows their numbers");
     mWhen = "a signal interrupts the sleep";
-    mTells = "it goes on";
+    mTells = "the wrapper continues";
     mTrace = "clock_nanosleep(1, 0, 3.007000000, local) = 4\nclock_nanosleep(1, 0, 0.000000005, local) = 0";
     run([] { ClibSleepMS(3007); });
 }
@@ -601,7 +602,7 @@ OUTCOME_OF_ERRORS(ClibSleepMS, ReturnsAtOnceWhenTheClockFails, EFAULT, EINVAL, E
     recordCompanion();
     substitute::clock_nanosleep.show();
     substitute::clock_nanosleep.fail(error(), 0);
-    mWhen = "`clock_nanosleep` fails otherwise";
+    mWhen = "`clock_nanosleep` fails in another way";
     mTells = "returns at once";
     mTrace = "clock_nanosleep(1, 0, 60.000000000, local) = " + std::to_string(error());
     run([] { ClibSleepMS(60000); });
@@ -672,7 +673,8 @@ bool copiesOverlapped()
         run([&] { lIsRight = (__VA_ARGS__); });         \
         EXPECT_TRUE(lIsRight);                          \
     }
-RETURNS(ClibStrerror, CutsTheText, "the text does not fit; the size is 0", "it is cut; nothing is stored", "`errno`",
+RETURNS(ClibStrerror, CutsTheText, "the text does not fit, or the size is 0",
+        "the text is cut; with size 0 nothing is stored", "`errno`",
         storesWhatFits(0, "Success") && storesWhatFits(EPERM, "Operation not permitted"))
 RETURNS(ClibStrerror, NamesANumberWithoutAText, "a number without a text", "`Unknown error` and the number", "`errno`",
         storesWhatFits(99999, "Unknown error 99999") && storesWhatFits(-1, "Unknown error -1"))
@@ -682,14 +684,16 @@ RETURNS(ClibMemcpy, CannotFail, "cannot fail", "", "-",
 RETURNS(ClibMemset, CannotFail, "cannot fail", "", "-",  // the value's low byte counts
         sBuffer + 1 == ClibMemset(sBuffer + 1, 0x141, 2) && 0 == strcmp("#AA####", sBuffer) &&
             sBuffer == ClibMemset(sBuffer, 0, 0) && '#' == sBuffer[0])
-RETURNS(ClibStrcpy, CopiesTextsThatOverlap, "the texts overlap", "copied all the same", "-", copiesOverlapped())
+RETURNS(ClibStrcpy, CopiesTextsThatOverlap, "the texts overlap", "the text is copied correctly", "-",
+        copiesOverlapped())
 RETURNS(ClibStrlen, CannotFail, "cannot fail", "", "-",
         0 == ClibStrlen("") && 3 == ClibStrlen("abc") && 1 == ClibStrlen("a\0bc"))
 RETURNS(ClibnStrcmp, CannotFail, "cannot fail", "", "-",
         0 == ClibnStrcmp("lo", "lo0", 2) && 0 != ClibnStrcmp("lo", "LO", 2) && 0 > ClibnStrcmp("lo", "lo0", 3) &&
             0 < ClibnStrcmp("abd", "abc", 3) && 0 == ClibnStrcmp("x", "y", 0) && 0 == ClibnStrcmp("ab", "ab", 100))
 RETURNS(ClibNtohl, CannotFail, "cannot fail", "", "-", 0x7F000001 == ClibNtohl(htonl(0x7F000001)))
-RETURNS(ClibSprintf, DoesNotCheckTheSize, "the buffer is too small: the caller's breach, not checked", "", "-",
+RETURNS(ClibSprintf, DoesNotCheckTheSize, "the buffer is too small: a mistake of the caller, which is not checked", "",
+        "-",
         9 == cSprintf(sBuffer, "%s %d-%u%%", "abc", -1, 2U) && 0 == strcmp("abc -1-2%", sBuffer) &&
             0 == cSprintf(sBuffer, "%s", "") && '\0' == sBuffer[0])
 

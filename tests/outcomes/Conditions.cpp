@@ -10,7 +10,7 @@ namespace
 {
 
 const Family cFamily("Condition variables", ".//ConditionalLinux",
-                     "The error text is that of `errno`, not of what the POSIX call returned.",
+                     "The error text is that of `errno`, not that of the error that the POSIX call returned.",
                      {{"-H- Assertion [ aSeconds > 0 ] failed", "the caller passed 0 seconds"},
                       {"-T- Condition wait timed out.", "nobody signalled in time; a throw follows"}});
 
@@ -129,7 +129,7 @@ OUTCOME_OF_ERRORS(OsWait, ThrowsWhenThePosixCallFails, EINVAL, EPERM, ENOTRECOVE
 {
     Condition lGiven;
     substitute::pthread_cond_wait.fail(error(), EXDEV);
-    mWhen = "`pthread_cond_wait` fails, `ETIMEDOUT` included";
+    mWhen = "`pthread_cond_wait` fails, also with `ETIMEDOUT`";
     mTrace = R"(
         pthread_cond_wait(condition, mutex) = ERROR
         ClibStrerror(local, 512) = "EXDEV #1"

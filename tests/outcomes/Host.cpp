@@ -12,20 +12,22 @@ namespace
 
 const Family cFamily(
     "Host identity", ".//MiscLinux",
-    "The text of a failed lookup is the system's text for the number in `h_errno`. The throw for a host without an "
-    "address has no `Left` before it.",
+    "The text of a failed lookup is the system's text for the number in `h_errno`. For a host without an address, the "
+    "operation throws without logging `Left`.",
     {{"-H- Assertion [ lpHostEntry->h_addr_list != __null ] failed", "the resolver's entry has no list of addresses"},
      {"-H- No non-loopback IP Address configured on system",
-      "the host's name leads to addresses of 127.x.y.z only, or to none; a throw follows, without `Left`; the process "
+      "the host's name resolves only to addresses 127.x.y.z, or to none; a throw follows, without `Left`; the process "
       "continues"},
      {"-E- Can't get local host entry, error: %s",
-      "the host's own name is not resolved; the text is the system's for the resolver's number, so it may mislead"},
-     {"-T- IP Address #%u - %s", "an address of the host, examined"},
-     {"-T- Using %s as one of System's IP Addresses", "appended"},
-     {"-T- Using %s as the System's primary IP Address", "the answer"},
-     {"-T- Going to determine Linux variant string", "there is a release file"},
-     {"-T- Found OS Info: '%s'", "its first line"},
-     {"-T- Not able to determine the OS variant information", "it cannot be read; the fixed text is reported"},
+      "the host's own name cannot be resolved; the text is the system's text for the number in `h_errno`, so it may "
+      "mislead"},
+     {"-T- IP Address #%u - %s", "the operation examines this address of the host"},
+     {"-T- Using %s as one of System's IP Addresses", "the address is appended"},
+     {"-T- Using %s as the System's primary IP Address", "the address is the result"},
+     {"-T- Going to determine Linux variant string", "a release file exists"},
+     {"-T- Found OS Info: '%s'", "the first line of the release file"},
+     {"-T- Not able to determine the OS variant information",
+      "the release file cannot be read; the fixed text is reported"},
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after an error line: a throw follows"}});
 
@@ -132,7 +134,7 @@ OUTCOME(OsGetIpAddress, StoresTheFirstAddressThatIsNotLoopback)
     substitute::ClibnStrcmp.instead([](const char* acText, const char* acPrefix, unsigned int aLength) {
         return 0 == substitute::ClibnStrcmp.real(acText, acPrefix, aLength) ? 0 : 1;
     });
-    mWhen = "succeeds; a null entry in the first place is passed over";
+    mWhen = "succeeds; a null entry in the first place is skipped";
     mTrace = cLookedUp + R"(
         ClibMemcpy(local, memory, 4) = local
         -T- "IP Address #%u - %s" "1", "127.0.1.1"
@@ -162,7 +164,7 @@ OUTCOME_OF_ERRORS(OsGetIpAddress, LooksUpTheEmptyNameWhenTheNameCannotBeRead, EF
         -T- "Using %s as the System's primary IP Address" "10.1.2.3"
         Left
     )";
-    mTells = "the empty name is looked up";
+    mTells = "the operation looks up the empty name";
     run([&] { OsGetIpAddress(lHost.mAddress); });
 }
 
@@ -240,7 +242,7 @@ OUTCOME_OF_ALLOCATIONS(OsGetAllIpAddresses, ThrowsWithoutMemoryForAnEntryOfTheLi
         -T- "Using %s as one of System's IP Addresses" "10.1.2.4"
         throws OQCNoMemoryEx 2 "Out of Memory"
     )";
-    mStays = "addresses before it stay in the list";
+    mStays = "earlier addresses stay in the list";
     run([&] { OsGetAllIpAddresses(lHost.mAddresses); });
     EXPECT_EQ(2, lHost.mAddresses.size());
 }
@@ -296,7 +298,7 @@ OUTCOME(OsGetOsName, StoresTheFirstLineOfTheReleaseFile)
     System lSystem("/etc/redhat-release");
     setFirstLine(" release %s ");
     mNeedsMemory = true;
-    mWhen = "one of the release files exists; the first one that does is read";
+    mWhen = "a release file exists; the first existing file is read";
     mTrace = R"(
         Entered
         family changes
@@ -330,7 +332,7 @@ OUTCOME(OsGetOsName, StoresAnEmptyNameWhenTheReleaseFileIsEmpty)
         name changes
         Left
     )";
-    mTells = "the empty line";
+    mTells = "the name is empty";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ("", lSystem.mName.get());
 }
@@ -344,7 +346,7 @@ OUTCOME(OsGetOsName, StoresTheFixedTextWithoutAReleaseFile)
         name changes
         Left
     )";
-    mTells = "the fixed text";
+    mTells = "the name is the fixed text";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ(cFixedName, lSystem.mName.get());
 }
@@ -361,7 +363,7 @@ OUTCOME(OsGetOsName, StoresTheFixedTextWhenTheFirstLineCannotBeRead)
         name changes
         Left
     )";
-    mTells = "the fixed text";
+    mTells = "the name is the fixed text";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ(cFixedName, lSystem.mName.get());
 }
@@ -370,7 +372,7 @@ OUTCOME(OsGetOsName, PassesAnyOtherExceptionOfTheLookForAFile)
 {
     System lSystem(nullptr);
     substitute::ClibStat.instead([](const char*, struct stat*) -> int { throw OQCOpenFailedEx("another", 326); });
-    mWhen = "`ClibStat` throws anything else, which passes unchanged";
+    mWhen = "`ClibStat` throws another exception, which passes unchanged";
     mTrace = R"(
         Entered
         family changes

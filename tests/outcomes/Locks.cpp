@@ -7,17 +7,16 @@
 namespace
 {
 
-const Family cFamily(
-    "File locks", ".//MiscLinux",
-    "A lock belongs to the process and begins at the descriptor's offset. `OsKill`, which sends a signal, is silent.",
-    {{"-H- Assertion [ false ] failed", "`lockf` returned a positive number, which it never does"},
-     {"-E- Failed to lock file, error: %s",
-      "another process holds a lock on the region, or the descriptor is not open for writing"},
-     {"-E- Failed to unlock file, error: %s", "the descriptor is not open"},
-     {"-T- Going to lock file", "before the attempt"},
-     {"-T- Going to find locking status", "before the test"},
-     {"-T- Entered", "the operation begins"},
-     {"-T- Left", "the operation returns; after an error line: a throw follows"}});
+const Family cFamily("File locks", ".//MiscLinux",
+                     "A lock belongs to the process and begins at the descriptor's offset. `OsKill` logs nothing.",
+                     {{"-H- Assertion [ false ] failed", "`lockf` returned a positive number, which it never does"},
+                      {"-E- Failed to lock file, error: %s",
+                       "another process holds a lock on the region, or the descriptor is not open for writing"},
+                      {"-E- Failed to unlock file, error: %s", "the descriptor is not open"},
+                      {"-T- Going to lock file", "before the attempt"},
+                      {"-T- Going to find locking status", "before the test"},
+                      {"-T- Entered", "the operation begins"},
+                      {"-T- Left", "the operation returns; after an error line: a throw follows"}});
 
 OUTCOME_OF_ERRORS(OsLockFile, Succeeds, 0, 7)
 {
@@ -46,7 +45,7 @@ OUTCOME_OF_ERRORS(OsLockFile, ThrowsWhenTheFileCannotBeLocked, EACCES, EAGAIN, E
         ClibStrerror(local, 512) = "ERROR #2"
         throws OQCFileLockFailedEx 330 "ERROR #2"
     )";
-    mStays = "never waits; the file is not locked";
+    mStays = "the call does not wait; the file is not locked";
     run([] { OsLockFile(5); });
 }
 
@@ -87,7 +86,7 @@ OUTCOME(OsFileLockStatus, IsUnlockedWhenNoOtherProcessHoldsALock)
 {
     Status lStatus;
     substitute::lockf.fail(0, EIO);
-    mWhen = "no other process holds a lock on the region; this process may";
+    mWhen = "no other process holds a lock on the region, even if this process does";
     mTrace = R"(
         Entered
         -T- "Going to find locking status"
@@ -113,7 +112,7 @@ OUTCOME_OF_ERRORS(OsFileLockStatus, IsLockedWhenLockfFails, EACCES, EAGAIN, EBAD
         status changes
         Left
     )";
-    mTells = "the status is `OQFLS_Locked`, `errno` as `lockf` set it";
+    mTells = "the status is `OQFLS_Locked`; `errno` is as `lockf` set it";
     mStays = "the locks";
     int lErrno = 0;
     run([&] {
@@ -158,7 +157,7 @@ OUTCOME_OF_ERRORS(OsKill, ReturnsTheResultOfKillWhenItFails, EINVAL, EPERM, ESRC
     int lErrno = 0;
     mWhen = "`kill` fails";
     mTrace = "kill(process 4711, 15) = -7 ERROR";
-    mTells = "the result of `kill`, -1, with `errno` as `kill` set it";
+    mTells = "returns -1; `errno` is as `kill` set it";
     run([&] {
         lResult = OsKill(4711, SIGTERM);
         lErrno = errno;

@@ -9,7 +9,9 @@ namespace
 {
 
 const Family cFamily("Mutexes", ".//MutexLinux",
-                     "Silent always. The error text is that of `errno`, not of what the POSIX call returned.", {});
+                     "These operations log nothing. The error text is that of `errno`, not that of the error that the "
+                     "POSIX call returned.",
+                     {});
 
 /// A mutex that is shown as "mutex".
 class Mutex
@@ -131,7 +133,7 @@ OUTCOME(OsLockMutex, ThrowsTheTextOfNoErrorWhenErrnoIsZero)
         ClibStrerror(local, 512) = "0 #1"
         throws OQCMutexLockFailedEx 335 "0 #1"
     )";
-    mStays = "the caller does not hold the mutex; the text is the one for 0";
+    mStays = "the caller does not hold the mutex; the text is that of error 0";
     run([&] { OsLockMutex(lMutex); });
 }
 

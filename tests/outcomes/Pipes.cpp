@@ -12,16 +12,16 @@ namespace
 
 const Family cFamily(
     "Named pipes", ".//NamedPipeLinux",
-    "`OsNamedPipeWaitForActivity` logs the first `Entered` and, when it returns, the last `Left`. `OsWaitForActivity` "
-    "logs the lines between.",
+    "`OsNamedPipeWaitForActivity` logs the first `Entered`. When it returns, it logs the last `Left`. "
+    "`OsWaitForActivity` logs the lines between.",
     {{"-E- Failed to create fifo file %s. Error: '%s' ", "the path cannot be written, or has no directory"},
-     {"-E- Invalid flags %d passed to open file", "the caller's file mode is none of 1 to 4"},
+     {"-E- Invalid flags %d passed to open file", "the caller's file mode is not 1, 2, 3 or 4"},
      {"-T- Creating linux named pipe...", "before the attempt"},
      {"-T- Fifo file %s already exists", "a file of any kind exists and is accepted"},
      {"-T- Destroying linux named pipe...", "before the attempt; a failure is not logged"},
      {"-T- Opening %s with %d flags", "before the attempt, with the flags of `open`; a failure is not logged"},
-     {"-T- Reading %u bytes", "how many bytes to read; how many arrived is not logged"},
-     {"-T- Writing %u bytes", "how many bytes to write; how many were written is not logged"},
+     {"-T- Reading %u bytes", "the number of bytes to read; the number that arrived is not logged"},
+     {"-T- Writing %u bytes", "the number of bytes to write; the number that was written is not logged"},
      {"-T- Closing linux named pipe. pipe desc: %u", "the descriptor; 4294967295 is -1"},
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after an error line: a throw follows"}});
@@ -74,7 +74,7 @@ OUTCOME_OF_ERRORS(OsNamedPipeCreate, Succeeds, 0, 7)
 {
     File lFile(path("fifo"));
     substitute::mknod.fail(error(), EEXIST);
-    mWhen = "succeeds, whatever `errno` is";
+    mWhen = "succeeds, for any `errno`";
     mTrace = cCreating + std::to_string(error()) + "\nLeft";
     mStays = "the descriptor";
     run([&] { OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor); });
@@ -84,7 +84,7 @@ OUTCOME(OsNamedPipeCreate, AcceptsAFileThatExists)
 {
     File lFile(path("file"));
     close(creat(lFile.mPath.get(), 0600));
-    mWhen = "the file exists (`EEXIST`), of any kind";
+    mWhen = "a file of any kind exists (`EEXIST`)";
     mTrace = cCreating + "-1 EEXIST\n-T- \"Fifo file %s already exists\" FILE\nLeft";
     mStays = "the file; the descriptor";
     run([&] { OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor); });
@@ -218,7 +218,7 @@ void read(Outcome& arRow, const Read& acrRead, Pipe& arPipe, const std::string& 
 void readSucceeds(Outcome& arRow, const Read& acrRead)
 {
     Pipe lPipe(1600);
-    arRow.mWhen = "the pipe holds as many bytes, or more";
+    arRow.mWhen = "the pipe holds at least that number of bytes";
     arRow.mTells = "the count is the length";
     arRow.mStays = "further bytes stay in the pipe";
     read(arRow, acrRead, lPipe, "1000", 1000);
@@ -345,7 +345,7 @@ OUTCOME_OF_ERRORS(OsNamedPipeWaitForActivity, GoesOnWhenSignalsInterruptIt, EINT
     mWhen = "signals interrupt the wait (`EINTR`, 514)";
     mTrace = cWaiting + "-1 ERROR\n" + cWait + "-I- \"The select() call was interrupted.. Ignoring\"\n" +
              "select(38, local 37, null, null, 30.000000) = " + cReady;
-    mTells = "it goes on, and ends in any of these ways";
+    mTells = "the wait continues; it ends as another row says";
     mStays = "the data";
     run([] { OsNamedPipeWaitForActivity(37, 30); });
 }
@@ -379,7 +379,7 @@ OUTCOME(OsNamedPipeClose, KeepsTheNumber)
     watchObject("descriptor", &lPipe.mEnds[1], sizeof(int));
     mWhen = "succeeds";
     mTrace = cClosing + "writer\nClibClose(writer) = 0\nLeft";
-    mStays = "the variable keeps the number, which a second close passes on again";
+    mStays = "the variable keeps the number; a second close would use it again";
     run([&] { OsNamedPipeClose(lPipe.mEnds[1], OQCM_Server); });
     EXPECT_EQ(-1, close(lPipe.mEnds[1]));
 }

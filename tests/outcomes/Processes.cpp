@@ -12,21 +12,21 @@
 namespace
 {
 
-const Family cFamily(
-    "Processes", ".//ProcessLinux",
-    "When a program cannot be run, `ProcessCreate` ends twice: it throws in a child that is a copy of the caller, and "
-    "it returns in the parent.",
-    {{"-E- Failed to create child :%s", "the system cannot create a process"},
-     {"-E- Failed to exec child :%s", "the program cannot be run; the child writes the line"},
-     {"-E- Failed to wait on child process", "not a child of this process, already reaped, or interrupted by a signal"},
-     {"-E- The child process exited abnormally", "a signal ended the child; the result is -1"},
-     {"-I- Registering signal handler for signal %d", "before the attempt; a failure is not logged"},
-     {"-T- Going to wait for child process to complete", "the wait begins"},
-     {"-T- The child process exited normally, with exit code: %d", "the child ended by itself"},
-     {"-T- Process '%s' is running", "the result file is not empty"},
-     {"-T- Process '%s' is not running", "the result file is empty, or cannot be examined"},
-     {"-T- Entered", "the operation begins"},
-     {"-T- Left", "it returns; after an error line of `ProcessCreate`: a throw follows"}});
+const Family cFamily("Processes", ".//ProcessLinux",
+                     "When a program cannot be run, `ProcessCreate` completes twice. It throws in a child that is a "
+                     "copy of the caller, and it returns in the parent.",
+                     {{"-E- Failed to create child :%s", "the system cannot create a process"},
+                      {"-E- Failed to exec child :%s", "the program cannot be run; the child writes the line"},
+                      {"-E- Failed to wait on child process",
+                       "not a child of this process, already reaped, or interrupted by a signal"},
+                      {"-E- The child process exited abnormally", "a signal ended the child; the result is -1"},
+                      {"-I- Registering signal handler for signal %d", "before the attempt; a failure is not logged"},
+                      {"-T- Going to wait for child process to complete", "the wait begins"},
+                      {"-T- The child process exited normally, with exit code: %d", "the child ended by itself"},
+                      {"-T- Process '%s' is running", "the result file is not empty"},
+                      {"-T- Process '%s' is not running", "the result file is empty, or cannot be examined"},
+                      {"-T- Entered", "the operation begins"},
+                      {"-T- Left", "the operation returns; after an error line of `ProcessCreate`: a throw follows"}});
 
 /// The kinds of vfork(): its child shares the memory of the parent, or has a copy, as in emulators.
 const bool cCopies[] = {false, true};
@@ -130,7 +130,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, ThrowsWhenTheProgramCannotBeRun, E2BIG, EACCES,
 
 OUTCOME_OF_ERRORS(ProcessCreate, ThrowsWhenForkOfTheThrowingChildFails, EAGAIN, ENOMEM, ENOSYS)
 {
-    mWhen = "the program cannot be run, and `fork` of the child in which `ProcessCreate` would throw fails";
+    mWhen = "the program cannot be run, and `fork` cannot create the child that would throw";
     mTrace = R"(
         Entered
         fflush(stdin) = 0
@@ -139,7 +139,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, ThrowsWhenForkOfTheThrowingChildFails, EAGAIN, 
         waitpid(child 1, null, 0) = child 1
         fork() = -1 ERROR)" +
              cThrows;
-    mStays = "there is no child; the text is the one of `fork`";
+    mStays = "there is no child; the text is that of the error of `fork`";
     for (const bool lCopies : cCopies) {
         Start lStart(lCopies);
         substitute::execve.fail(-1, ENOENT);
@@ -153,8 +153,9 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoMemoryThatTheChildShares, ENOENT)
 {
     mWhen = "`mmap` fails: no memory that parent and child share";
     mTells =
-        "returns the child's id; the program runs, or `ProcessCreate` throws as above. Where `vfork` copies memory, as "
-        "in emulators, it does not throw: the child of a program that cannot be run ends with exit status 127";
+        "returns the child's id; the program runs, or `ProcessCreate` throws as above. In emulators, where `vfork` "
+        "copies memory, `ProcessCreate` does not throw: if the program cannot be run, the child ends with exit status "
+        "127";
     for (const bool lCopies : cCopies) {
         for (const bool lRuns : {true, false}) {
             const bool lIsThrown = !lRuns && !lCopies && OQ_SHARING_VFORK;
@@ -305,7 +306,7 @@ OUTCOME(RegisterSignalHandler, IgnoresAFailure)
         sigaction(signal, local, null) = -1 EINVAL
         Left
     )";
-    mStays = "the present handler";
+    mStays = "the current handler";
     for (const int lSignal : {-1, 0, 65, 1000, SIGKILL, SIGSTOP}) {
         clearEvents();
         nameNumber("signal", &lSignal);
@@ -392,7 +393,7 @@ OUTCOME(isProcessRunning, PassesOnAnyOtherExceptionOfTheExamination)
     substitute::ClibStat.instead([](const char*, struct stat*) -> int { throw OQCOpenFailedEx("other", 326); });
     mWhen = "`ClibStat` throws any other exception";
     mTrace = cAsks + "\n throws OQCOpenFailedEx 326 \"other\"";
-    mStays = "the exception, unchanged; `/tmp/.vyrsyscmd`";
+    mStays = "the exception passes unchanged; `/tmp/.vyrsyscmd` stays";
     run([&] { lQuestion(); });
 }
 

@@ -12,8 +12,9 @@ namespace
 
 const Family cFamily(
     "Shared memory", ".//SharedMemoryLinux",
-    "A step of the open or of the close that fails undoes no earlier step. Both log nothing before they throw. The "
-    "error text has at most 255 characters. `OsSharedMemoryWaitForActivity` and the wait of a write log as "
+    "When a step of the open or of the close fails, the earlier steps are not undone. Both operations log nothing "
+    "before they throw. The error text has at most 255 characters. `OsSharedMemoryWaitForActivity` and the wait of a "
+    "write log as "
     "`sTimedWaitOnFlag`.",
     {{"-H- Assertion [ 0 != arShmDesc.shm_size ] failed", "the segment has no size"},
      {"-H- Assertion [ 0 < arShmDesc.shm_key ] failed", "the key is not valid"},
@@ -26,8 +27,9 @@ const Family cFamily(
      {"-T- Timed out waiting on Shared Memory",
       "no message came, or the reader did not take the last one; a throw follows, without `Left`"},
      {"-T- Entered",
-      "the operation begins; `sTimedWaitOnFlag` is the whole of OsSharedMemoryWaitForActivity and the wait of a write"},
-     {"-T- Left", "it returns; where this line is missing, it threw, or an assertion ended the process"}});
+      "the operation begins; `OsSharedMemoryWaitForActivity` and the wait of a write are logged as `sTimedWaitOnFlag`"},
+     {"-T- Left",
+      "the operation returns; if this line is missing, the operation threw, or an assertion ended the process"}});
 
 #define GET_ERRORS EACCES, EEXIST, EINVAL, ENFILE, ENOENT, ENOMEM, ENOSPC, EPERM
 #define CONTROL_ERRORS EACCES, EFAULT, EIDRM, EINVAL, ENOMEM, EOVERFLOW, EPERM
@@ -295,14 +297,14 @@ OUTCOME(OsSharedMemoryOpen, EndsTheProcessWhenTheSideIsNotValid)
 OUTCOME_OF_ERRORS(OsSharedMemoryOpen, ServerThrowsWhenShmgetFails, GET_ERRORS)
 {
     mWhen = "server: `shmget` fails (the segment is smaller than `shm_size`, no permission, limits)";
-    mStays = "`shm_id` is negative, `shm_addr` as it was";
+    mStays = "`shm_id` is negative; `shm_addr` is unchanged";
     isRefused(cServerOpens, 1, "OQCOpenFailedEx 326");
 }
 
 OUTCOME_OF_ERRORS(OsSharedMemoryOpen, ClientThrowsWhenShmgetFails, GET_ERRORS)
 {
-    mWhen = "client: `shmget` fails (no segment yet or any more, smaller than `shm_size`, no permission)";
-    mStays = "`shm_id` is negative, `shm_addr` as it was; no segment is made";
+    mWhen = "client: `shmget` fails (there is no segment, it is smaller than `shm_size`, no permission)";
+    mStays = "`shm_id` is negative; `shm_addr` is unchanged; no segment is made";
     isRefused(cClientOpens, 1, "OQCOpenFailedEx 326");
 }
 
@@ -316,7 +318,7 @@ OUTCOME_OF_ERRORS(OsSharedMemoryOpen, ServerThrowsWhenIpcStatFails, CONTROL_ERRO
 OUTCOME_OF_ERRORS(OsSharedMemoryOpen, ServerThrowsWhenTheSegmentCannotBeLocked, CONTROL_ERRORS)
 {
     mWhen = "server: `SHM_LOCK` fails (no privilege, limit of locked memory)";
-    mStays = "the segment stays, unattached, its header untouched";
+    mStays = "the segment stays, unattached; its header is unchanged";
     isRefused(cServerOpens, 3, "OQCFileLockFailedEx 330");
 }
 
@@ -424,14 +426,14 @@ OUTCOME(OsSharedMemoryWaitForActivity, ThrowsATimeOutWhenNoMessageComesInTime)
 
 OUTCOME(OsSharedMemoryWaitForActivity, ThrowsATimeOutWhenTheClockIsSet)
 {
-    mWhen = "the clock is set forward beyond the end, or back to before the start";
+    mWhen = "the clock is set forward past the end of the wait, or back to before its start";
     timesOut(1000, 3600000, 1);
     timesOut(1000, -1, 1);
 }
 
 OUTCOME(OsSharedMemoryWaitForActivity, ThrowsATimeOutEarlyWhenTheLimitWraps)
 {
-    mWhen = "4294968 seconds and more: the limit wraps in 32 bits, the time-out comes early";
+    mWhen = "4294968 seconds or more: the limit overflows 32 bits, so the wait times out early";
     timesOut(4294968, 704, 1);
 }
 
@@ -444,15 +446,15 @@ OUTCOME(OsSharedMemoryWrite, Succeeds)
 
 OUTCOME(OsSharedMemoryWrite, GoesBeyondASegmentThatIsSmallerThanTheHeader)
 {
-    mWhen = "`shm_size` below 6: the size check wraps and never fires";
-    mTells = "goes beyond the segment";
+    mWhen = "`shm_size` below 6: the size check overflows and never fails";
+    mTells = "the write goes past the end of the segment";
     mStays = "the ready flags";
     writes(5);
 }
 
 OUTCOME(OsSharedMemoryWrite, EndsTheProcessWhenTheMessageIsTooLong)
 {
-    mWhen = "message longer than `shm_size` - 6, whether the peers are ready or not";
+    mWhen = "message longer than `shm_size` - 6, even if a peer is not ready";
     mStays = "the header";
     asserts(cFits, 77, 64, [&] { OsSharedMemoryWrite(mDesc, mBuffer, 59, mCount); });
     asserts(cFits, 77, 64, [&] { OsSharedMemoryWrite(mDesc, mBuffer, UINT_MAX, mCount); });
@@ -496,22 +498,22 @@ OUTCOME(OsSharedMemoryRead, Succeeds)
 OUTCOME(OsSharedMemoryRead, CutsTheMessageWhenTheBufferIsShorter)
 {
     mWhen = "buffer shorter than the message";
-    mTells = "the count tells, the rest is lost";
+    mTells = "the count is the size of the buffer; the rest of the message is lost";
     mStays = "the slot is empty";
     reads(64, 19, 19);
 }
 
 OUTCOME(OsSharedMemoryRead, GoesBeyondASegmentThatIsSmallerThanTheHeader)
 {
-    mWhen = "`shm_size` below 6: the size check wraps and never fires";
-    mTells = "goes beyond the segment";
+    mWhen = "`shm_size` below 6: the size check overflows and never fails";
+    mTells = "the read goes past the end of the segment";
     mStays = "the ready flags, the length, the data";
     reads(5, 60, 20);
 }
 
 OUTCOME(OsSharedMemoryRead, EndsTheProcessWhenTheBufferIsTooLong)
 {
-    mWhen = "buffer larger than `shm_size` - 6, whatever is in the slot";
+    mWhen = "buffer larger than `shm_size` - 6, even if the slot is empty";
     mStays = "the header";
     asserts(cFits, 77, 64, [&] { OsSharedMemoryRead(mDesc, mBuffer, 59, mCount); });
     asserts(cFits, 77, 64, [&] { OsSharedMemoryRead(mDesc, mBuffer, UINT_MAX, mCount); });

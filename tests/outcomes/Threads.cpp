@@ -10,13 +10,14 @@ namespace
 const Family cFamily(
     "Threads", ".//ThreadLinux",
     "The handle in a log line is the value of the caller's variable at that moment. The error text is that of `errno`, "
-    "not of what the POSIX call returned. `OsStartThread` never destroys the attributes.",
-    {{"-E- Failed to initialize the thread %lu. Error: '%s'", "a new thread has no attributes"},
-     {"-E- Failed to set the detach state the thread %lu. Error: '%s' ", "a new thread is not joinable"},
-     {"-E- Failed to set the stack size for the thread %lu. Error: '%s'", "a stack of 512 KiB is refused"},
-     {"-E- Failed to start  the thread %lu. Error: '%s'", "a limit of threads, or of memory, is reached"},
-     {"-E- Failed to join the thread %lu. Error: '%s'", "joined before, no such thread, or a wait for itself"},
-     {"-E- Failed to destroy the thread %lu. Error: '%s'", "no such thread"},
+    "not that of the error that the POSIX call returned. `OsStartThread` never destroys the thread attributes.",
+    {{"-E- Failed to initialize the thread %lu. Error: '%s'", "the attributes of a new thread cannot be initialised"},
+     {"-E- Failed to set the detach state the thread %lu. Error: '%s' ", "a new thread cannot be made joinable"},
+     {"-E- Failed to set the stack size for the thread %lu. Error: '%s'", "the system refuses a stack of 512 KiB"},
+     {"-E- Failed to start  the thread %lu. Error: '%s'", "a limit of threads or of memory is reached"},
+     {"-E- Failed to join the thread %lu. Error: '%s'",
+      "the thread was joined before, does not exist, or waits for itself"},
+     {"-E- Failed to destroy the thread %lu. Error: '%s'", "the thread does not exist"},
      {"-T- Entered", "the wait begins"},
      {"-T- Left", "the thread has ended; after an error line: a throw follows"}});
 
@@ -123,7 +124,7 @@ OUTCOME(OsCreateThread, DoesNothing)
 {
     mWhen = "always";
     mTells = "no thread is started";
-    mStays = "the handle is not even read";
+    mStays = "the handle is neither read nor changed";
     run([&] { OsCreateThread(untouchableHandle(), nullptr, routine); });
 }
 
@@ -158,7 +159,7 @@ OUTCOME(OsWaitForExit, ThrowsWhenAThreadWaitsForItself)
     mWhen = "a thread waits for itself (`EDEADLK`)";
     mTrace = "Entered\npthread_join(itself, null) = EDEADLK\n" +
              failure(cNotJoined + "ITSELF", "OQCThreadWaitForExitFailedEx 344", "Left\n");
-    mStays = "the thread goes on and is joinable";
+    mStays = "the thread continues and is joinable";
     std::thread([this] {
         nameText("ITSELF", std::to_string(pthread_self()));
         run([] {
@@ -214,7 +215,7 @@ void isNotSupported(Outcome& arRow, void (*apOperation)(unsigned long&))
 {
     arRow.mWhen = "always";
     arRow.mTrace = "throws OQCNotSupportedEx 12 \"Not Supported\"";
-    arRow.mStays = "the handle is not even read";
+    arRow.mStays = "the handle is neither read nor changed";
     arRow.run([&] { apOperation(untouchableHandle()); });
 }
 

@@ -37,16 +37,15 @@ unsigned int oneBlock() { return FailingMemory::isPossible() ? 1 : 0; }
 namespace pointers
 {
 
-const Family cFamily("Pointers", "backend/common/include/Pointer", "Silent until an assertion fails.",
-                     {{"-H- Assertion [ 0 != mPointer ] failed",
-                       "an empty pointer is dereferenced; also assignment from a destroyed string"},
-                      {"-H- Assertion [ 0 != mReferenceCount ] failed", "a corrupted pointer is dereferenced"},
-                      {"-H- Assertion [ OQPST_Individual == mSizeType ] failed",
-                       "an array is asked for its single object"},
-                      {"-H- Assertion [ 0 != acrCopy.mPointer ] failed", "assignment from an empty pointer"},
-                      {"-H- Assertion [ 0 != acrCopy.mReferenceCount ] failed", "assignment from a corrupted pointer"},
-                      {"-H- Assertion [ false ] failed",
-                       "a pointer that is neither of one object nor of an array, or of memory of no known kind"}});
+const Family cFamily(
+    "Pointers", "backend/common/include/Pointer", "Nothing is logged until an assertion fails.",
+    {{"-H- Assertion [ 0 != mPointer ] failed",
+      "an empty pointer is dereferenced; also assignment from a destroyed string"},
+     {"-H- Assertion [ 0 != mReferenceCount ] failed", "a corrupted pointer is dereferenced"},
+     {"-H- Assertion [ OQPST_Individual == mSizeType ] failed", "`operator->` is used on a pointer to an array"},
+     {"-H- Assertion [ 0 != acrCopy.mPointer ] failed", "assignment from an empty pointer"},
+     {"-H- Assertion [ 0 != acrCopy.mReferenceCount ] failed", "assignment from a corrupted pointer"},
+     {"-H- Assertion [ false ] failed", "the size type or the memory type of a pointer is not valid"}});
 
 typedef Pointer<int> Number;
 
@@ -129,7 +128,7 @@ OUTCOME_OF_ALLOCATIONS(Pointer, ConstructionWithoutACounterIsOutOfMemory, 1)
     mOperation = "Pointer::Pointer";
     mWhen = "no memory for the counter";
     mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
-    mStays = "the pointee stays allocated, for ever unless the caller has kept its address";
+    mStays = "the pointee stays allocated; only a caller that kept its address can free it";
     run([lpNumber] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); });
     EXPECT_FALSE(isFreed(0));
     EXPECT_EQ(5, *lpNumber);
@@ -144,7 +143,7 @@ OUTCOME(Pointer, ExceptionOfTheCounterPasses)
     mNeedsMemory = true;
     substitute::counter.show();
     substitute::counter.instead([](unsigned int) { throw 42; });
-    mWhen = "the host's counter throws while it is made";
+    mWhen = "the constructor of the host's counter throws";
     mTrace = R"(
         OQCReferenceCount(1)
         throws int 0 ""
@@ -234,7 +233,7 @@ OUTCOME(Pointer, AssignmentFromAnEmptyOneEndsTheProcess)
     int* const lpNumber = new (std::nothrow) int(5);
     Number lTarget(lpNumber, OQPST_Individual, OQPMT_New);
     mOperation = "Pointer::operator=";
-    mWhen = "from an empty one";
+    mWhen = "assignment from an empty pointer";
     mTrace = assertion("operator=", "0 != acrCopy.mPointer");
     mStays = "the target's pointee is not released";
     runInChild([&] {
@@ -248,7 +247,7 @@ OUTCOME(Pointer, AssignmentOfAnEmptyOneToItselfEndsTheProcess)
     Number lEmpty;
     const Number& lrSelf = lEmpty;
     mOperation = "Pointer::operator=";
-    mWhen = "from an empty one to itself";
+    mWhen = "assignment of an empty pointer to itself";
     mTrace = assertion("operator=", "0 != acrCopy.mPointer");
     runInChild([&] { lEmpty = lrSelf; });
 }
@@ -260,7 +259,7 @@ OUTCOME(Pointer, AssignmentFromOneWithoutACounterEndsTheProcess)
     int* const lpNumber = new (std::nothrow) int(5);
     Number lTarget(lpNumber, OQPST_Individual, OQPMT_New);
     mOperation = "Pointer::operator=";
-    mWhen = "from one without a counter";
+    mWhen = "assignment from a pointer without a counter";
     mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
     mStays = "the target's pointee is not released";
     runInChild([&] {
@@ -275,7 +274,7 @@ OUTCOME(Pointer, AssignmentOfOneWithoutACounterToItselfEndsTheProcess)
     Number& lrNumber = lDamaged.withoutCounter();
     const Number& lrSelf = lrNumber;
     mOperation = "Pointer::operator=";
-    mWhen = "from one without a counter to itself";
+    mWhen = "assignment of a pointer without a counter to itself";
     mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
     runInChild([&] { lrNumber = lrSelf; });
 }
@@ -284,7 +283,7 @@ OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownSizeTypeEndsTheProcess, 0, 3, 7,
 {
     mNeedsMemory = true;
     mOperation = "Pointer::~Pointer";
-    mWhen = "the last holder of memory from `new` lets go, unknown size type";
+    mWhen = "the last holder of memory from `new` is destroyed; unknown size type";
     substitute::counter.show();
     mTrace = "OQCReferenceCount(1)\n" + cNotReleased;
     mStays = "the counter is freed, the pointee is not";
@@ -295,7 +294,7 @@ OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownMemoryTypeEndsTheProcess, 0, 3, 
 {
     mNeedsMemory = true;
     mOperation = "Pointer::~Pointer";
-    mWhen = "the last holder lets go, unknown memory type";
+    mWhen = "the last holder is destroyed; unknown memory type";
     substitute::counter.show();
     mTrace = "OQCReferenceCount(1)\n" + cNotReleased;
     mStays = "the counter is freed, the pointee is not";
@@ -307,7 +306,7 @@ OUTCOME_OF_ERRORS(Pointer, AssignmentToTheLastHolderOfAnUnknownTypeEndsTheProces
     const Number lOther(new (std::nothrow) int(6), OQPST_Individual, OQPMT_New);
     mNeedsMemory = true;
     mOperation = "Pointer::operator=";
-    mWhen = "the last holder lets go, unknown memory or size type";
+    mWhen = "the last holder is assigned another pointer; unknown memory or size type";
     substitute::counter.show();
     mTrace = "OQCReferenceCount(1)\n" + cNotReleased;
     mStays = "the counter is freed, the pointee is not";
@@ -340,7 +339,7 @@ OUTCOME(Pointer, DestructionWithoutACounterLeavesThePointee)
 namespace strings
 {
 
-const Family cFamily("Strings", "backend/common/include/OQString", "Silent until an assertion fails.",
+const Family cFamily("Strings", "backend/common/include/OQString", "Nothing is logged until an assertion fails.",
                      {{"-H- Assertion [ acrCopy.mString != 0 ] failed", "copy of a destroyed string"},
                       {"-H- Assertion [ mString != 0 ] failed", "use of a destroyed string"},
                       {"-H- Assertion [ acrString.mString != 0 ] failed", "a destroyed string is appended"}});
@@ -408,7 +407,7 @@ OUTCOME(OQCString, CopyOfAnEmptyOneEndsTheProcess)
 {
     Destroyed lGone;
     mOperation = "OQCString::OQCString";
-    mWhen = "copy of an empty one";
+    mWhen = "copy of an empty string";
     mTrace = assertion("OQCString", "acrCopy.mString != 0");
     runInChild([&] { const OQCString lCopy(lGone.string()); });
 }
@@ -433,7 +432,7 @@ OUTCOME(OQCString, AssignmentFromAnEmptyOneEndsTheProcess)
     Destroyed lGone;
     OQCString lString("some");
     mOperation = "OQCString::operator=";
-    mWhen = "from an empty one (in the name of the pointer's `operator*`)";
+    mWhen = "assignment from an empty string (logged as the pointer's `operator*`)";
     mTrace = assertion("backend/common/include/Pointer operator*", "0 != mPointer");
     mStays = "the text";
     runInChild([&] { lString = lGone.string(); });
@@ -444,7 +443,7 @@ OUTCOME(OQCString, AppendToAnEmptyOneEndsTheProcess)
     Destroyed lGone;
     Destroyed lAlso;
     mOperation = "OQCString::operator+=";
-    mWhen = "to an empty one";
+    mWhen = "append to an empty string";
     mTrace = assertion("operator+=", "mString != 0");
     runInChild([&] { lGone.string() += lAlso.string(); });
 }
@@ -454,7 +453,7 @@ OUTCOME(OQCString, AppendOfAnEmptyOneEndsTheProcess)
     Destroyed lGone;
     OQCString lString("some");
     mOperation = "OQCString::operator+=";
-    mWhen = "of an empty one";
+    mWhen = "append of an empty string";
     mTrace = assertion("operator+=", "acrString.mString != 0");
     mStays = "the text";
     runInChild([&] { lString += lGone.string(); });
@@ -486,7 +485,7 @@ OUTCOME(OQCString, GetOfAConstantEmptyOneEndsTheProcess)
     Destroyed lGone;
     const OQCString& lrGone = lGone.string();
     mOperation = "OQCString::get";
-    mWhen = "empty and constant";
+    mWhen = "empty constant string";
     mTrace = assertion("get", "mString != 0");
     runInChild([&] { lrGone.get(); });
 }
@@ -496,7 +495,7 @@ OUTCOME(OQCString, GetOfAConstantEmptyOneEndsTheProcess)
 namespace lists
 {
 
-const Family cFamily("Lists", "backend/common/include/OQList", "Silent always.", {});
+const Family cFamily("Lists", "backend/common/include/OQList", "Lists log nothing.", {});
 
 /// An element whose copy throws what the row says.
 struct Element {
@@ -554,7 +553,7 @@ OUTCOME(OQCList, ExceptionOfTheElementPasses)
     const Element lElement([] { throw OQCInvalidEx("from the element", 6); });
     mOperation = "OQCList::append";
     mNeedsMemory = true;
-    mWhen = "the element's copy throws anything";
+    mWhen = "the element's copy constructor throws any exception";
     mTrace = R"(throws OQCInvalidEx 6 "from the element")";
     mStays = "that exception passes unchanged; the list; the node is freed";
     unsigned int lBlocks = 0;
@@ -569,7 +568,7 @@ OUTCOME(OQCList, BadAllocOfTheElementPasses)
     const Element lElement([] { throw std::bad_alloc(); });
     mOperation = "OQCList::append";
     mNeedsMemory = true;
-    mWhen = "the element's copy throws `std::bad_alloc`";
+    mWhen = "the element's copy constructor throws `std::bad_alloc`";
     mTrace = R"(throws std::bad_alloc 0 "std::bad_alloc")";
     mStays = "that exception passes unchanged; the list; the node is freed";
     unsigned int lBlocks = 0;
@@ -584,7 +583,7 @@ OUTCOME(OQCList, AppendOfADestroyedTextEndsTheProcess)
     OQCList<OQCString> lList;
     mOperation = "OQCList::append";
     mNeedsMemory = true;
-    mWhen = "a destroyed text (in the name of `OQCString`)";
+    mWhen = "copy of a destroyed string (logged as `OQCString`)";
     mTrace = assertion("backend/common/include/OQString OQCString", "acrCopy.mString != 0");
     runInChild([&] { lList.append(lGone.string()); });
 }
@@ -594,7 +593,7 @@ OUTCOME(OQCList, AppendOfADestroyedTextEndsTheProcess)
 namespace exceptions
 {
 
-const Family cFamily("Exceptions", "backend/common/include/OQException", "Silent always.", {});
+const Family cFamily("Exceptions", "backend/common/include/OQException", "Exceptions log nothing.", {});
 
 OUTCOME(OQCException, LongMessagesAreCut)
 {

@@ -15,7 +15,8 @@ const Family cFamily(
     "Descriptor wait", ".//MiscLinux", "The descriptor keeps its data: the wait reads nothing.",
     {{"-E- Error waiting on Named Pipe: %u, Error : %s",
       "the descriptor is not open, or the system does not accept the wait"},
-     {"-I- The select() call was interrupted.. Ignoring", "a signal came; the wait goes on for the time that is left"},
+     {"-I- The select() call was interrupted.. Ignoring",
+      "a signal arrived; the wait continues for the remaining time"},
      {"-T- Data is available now.", "the descriptor is readable: data, the end of the data or a connection to accept"},
      {"-T- No data within %u seconds.", "the time is over; a throw follows"},
      {"-T- Entered", "the operation begins"},
@@ -56,8 +57,8 @@ OUTCOME_OF_ERRORS(OsWaitForActivity, GoesOnAfterASignal, EINTR, 514)
         -T- "Data is available now."
         Left
     )";
-    mTells = "the wait goes on for the time that is left, and ends in any of these ways";
-    mStays = "set and time are not rebuilt";
+    mTells = "the wait continues for the remaining time; it ends as another row says";
+    mStays = "the set and the time are passed again as `select` left them";
     run([] { OsWaitForActivity(37, 9); });
     EXPECT_TRUE(lIsLocal);
     for (const int lResult : {0, -1}) {
@@ -90,7 +91,9 @@ OUTCOME_OF_ERRORS(OsWaitForActivity, GoesOnAfterASignal, EINTR, 514)
 OUTCOME_OF_ERRORS(OsWaitForActivity, ThrowsWhenSelectFails, EBADF, EINVAL, ENOMEM, EAGAIN, 513)
 {
     substitute::select.fail(-2, error());
-    mWhen = "`select` fails otherwise (closed descriptor of the kernel's table, below -1, no memory)";
+    mWhen =
+        "`select` fails in another way (descriptor closed but within the kernel's table, descriptor below -1, no "
+        "memory)";
     mTrace = R"(
         Entered
         select(-1, local, null, null, 1.000000) = -2 ERROR
@@ -108,8 +111,8 @@ OUTCOME(OsWaitForActivity, ThrowsATimeOutWhenTheTimeIsOver)
 {
     substitute::select.fail(0, EINTR);
     mWhen =
-        "nothing to read within the seconds (0: at once), also for -1 and for a closed descriptor beyond the kernel's "
-        "table";
+        "nothing to read within the seconds (0: at once); also descriptor -1, and a closed descriptor beyond the "
+        "kernel's table";
     mTrace = "Entered\nselect(1024, local 1023, null, null, " + std::to_string(static_cast<time_t>(UINT_MAX)) +
              ".000000) = 0\n" + R"(
         -T- "No data within %u seconds." "4294967295"
@@ -125,12 +128,12 @@ OUTCOME(OsWaitForActivity, EndsTheProcessWhenTheDescriptorIsBeyondTheSet)
 #ifndef OQ_FORTIFIED
     GTEST_SKIP() << "the C library does not check the number in this build";
 #endif
-    mWhen = "descriptor of 1024 and more: a mistake of the caller";
+    mWhen = "descriptor above 1023: a mistake of the caller";
     mTrace = R"(
         Entered
         killed by signal 6
     )";
-    mTells = "the C library ends the process where it checks (optimised builds with `_FORTIFY_SOURCE`)";
+    mTells = "in builds that check the number (optimised, with `_FORTIFY_SOURCE`), the C library ends the process";
     runInChild([] {
         const rlimit lNoCore = {0, 0};
         setrlimit(RLIMIT_CORE, &lNoCore);
