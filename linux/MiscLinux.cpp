@@ -53,7 +53,7 @@ const hostent* lookUpHost(const char* acFunction)
         OQ_TRACE_AS(acFunction, "%s", "Left");
         throwOsError<OQCGetIpAddressFailEx>(lText);
     }
-    // Readers of the log know this condition with the expanded form of NULL.
+    // The logged text contains the expanded form of NULL. Readers of the log match this text.
     OQ_ASSERT_AS(lpHostEntry->h_addr_list != NULL, "lpHostEntry->h_addr_list != __null", acFunction, OQ_LOG_FILE);
     return lpHostEntry;
 }

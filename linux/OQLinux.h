@@ -97,7 +97,7 @@ OQ_EXPORT void OsUnlockMutex(pthread_mutex_t& arMutex);
 /// \throws OQCNullPointerEx 3 "Null Pointer" for a null routine
 /// \throws OQCThreadStartFailedEx 342 when the thread cannot be started
 /// \logs Not traced. Each failure except the null routine logs one line with the error text and the current value of
-/// arThread. As long as no thread exists, that value is the caller's.
+/// arThread. Until a thread exists, that value is the one that the caller passed.
 /// \threads Any.
 /// \trap An exception that leaves the routine ends the process.
 OQ_EXPORT void OsStartThread(unsigned long& arThread, void* apArgument, void* (*apRoutine)(void*));
@@ -233,7 +233,7 @@ enum OQEFileMode : unsigned char {
 /// Whether reads and writes on a descriptor block. Every value but OQPS_NonBlocking means blocking.
 enum OQEPipeState : unsigned char {
     OQPS_Blocking = 1,    ///< they wait for data or for room
-    OQPS_NonBlocking = 2  ///< they fail at once where they would wait
+    OQPS_NonBlocking = 2  ///< they fail at once instead of waiting
 };
 
 /// Which side of a channel the caller is.
@@ -274,13 +274,13 @@ OQ_EXPORT void OsNamedPipeDestroy(const OQCString& acrPath, int& arPipe);
 /// \logs Traced; "Opening %s with %d flags". A refused mode logs "Invalid flags %d passed to open file", then "Left",
 /// before the throw. A file that cannot be opened adds no line.
 /// \threads Any. A cancellation point.
-/// \trap A failed open is not reported. Set arPipe to -1 before the call and test 0 <= arPipe after it. An open
-/// that waits for a peer also fails when a signal handler interrupts it. A wait on descriptor -1 does not fail; it
+/// \trap A failed open is not reported. Set arPipe to -1 before the call and test 0 <= arPipe after the call. An open
+/// that waits for a peer also fails when a signal handler interrupts it. A wait on descriptor -1 does not fail, but
 /// times out.
 OQ_EXPORT void OsNamedPipeOpen(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState,
                                OQEConnectionMode aSide);
 
-/// Does nothing on Linux but trace.
+/// Only traces: on Linux there is nothing to do.
 /// \posix none
 /// \param[in] arPipe  not used
 /// \param[in] acrPath not used
@@ -291,7 +291,7 @@ OQ_EXPORT void OsNamedPipeOpen(int& arPipe, const OQCString& acrPath, OQEFileMod
 /// \threads Any.
 OQ_EXPORT void OsNamedPipeConnect(int& arPipe, const OQCString& acrPath, OQEFileMode aMode, OQEPipeState aState);
 
-/// Does nothing on Linux but trace.
+/// Only traces: on Linux there is nothing to do.
 /// \posix none
 /// \param[in] aPipe not used
 /// \nothrow
@@ -313,8 +313,8 @@ OQ_EXPORT void OsNamedPipeAccept(int aPipe);
 /// waits although OsNamedPipeWaitForActivity found data.
 OQ_EXPORT void OsNamedPipeRead(int aPipe, unsigned char* apBuffer, unsigned int aLength, unsigned int& arDone);
 
-/// Reads until aLength bytes have arrived. With the companion runtime of this project, fewer bytes are read only at end
-/// of data, and a failure part-way gives 0.
+/// Reads until aLength bytes have arrived. With the companion runtime of this project, arDone is less than aLength only
+/// at the end of the data, and 0 after a failed read.
 /// \posix read(), through ClibBlockRead
 /// \param[in]  aPipe    descriptor
 /// \param[out] apBuffer receives the bytes; the caller's, at least aLength bytes
@@ -376,9 +376,9 @@ OQ_EXPORT void OsNamedPipeClose(int& arPipe, OQEConnectionMode aSide);
 /// | Changing | 0          | 0            | waits at most 3 seconds      | OQCTryAgainEx         |
 ///
 /// Every write and every read passes through Changing. If a process dies there, the mailbox stays in Changing until
-/// a server opens the segment again. A server that opens the segment again while a client writes can leave both
-/// flags set, or the state Full, with data_length 0. The next read then returns 0 bytes. When both flags are set, a
-/// write also proceeds and replaces the message.
+/// a server opens the segment again. If a server opens the segment again while a client writes, data_length can become
+/// 0, with both flags set or in the state Full. The next read then returns 0 bytes. When both flags are set, a write
+/// does not wait either, and replaces the message.
 /// @{
 
 /// The first 6 bytes of every segment, in the host's byte order. The message follows directly. Two processes share the
@@ -400,7 +400,7 @@ struct OQShmDesc {
 };
 
 /// Opens a segment and marks this side ready. The server creates a missing segment (permissions 0666), locks it into
-/// memory and resets the header. An unread message of an earlier session is thereby discarded. The client opens the
+/// memory and resets the header. The reset discards an unread message of an earlier session. The client opens the
 /// segment that the server created.
 /// \posix shmget(), for the server shmctl(IPC_STAT) and shmctl(SHM_LOCK), shmat()
 /// \param[in,out] arShmDesc shm_key and shm_size are read; shm_id and shm_addr are set. After a failure they hold the
@@ -437,9 +437,9 @@ OQ_EXPORT void OsSharedMemoryClose(OQShmDesc& arShmDesc, OQEConnectionMode aSide
 /// \throws OQCTimeOutEx 323 "Timed out waiting on Shared Memory"
 /// \logs "Entered" and "Left", logged as "sTimedWaitOnFlag". A time-out logs its text and no "Left".
 /// \threads Any, one at a time for one OQShmDesc. A cancellation point.
-/// \trap Setting the clock forward shortens the wait. Setting the clock back to before the start of the wait ends it;
-/// setting it back by less lengthens it. The limit in milliseconds is computed in 32 bits. 4294968 seconds and more
-/// therefore wrap to a short wait.
+/// \trap Setting the clock forward shortens the wait. Setting the clock back to before the start of the wait ends the
+/// wait. Setting the clock back by less lengthens the wait. The limit in milliseconds is computed in 32 bits, so
+/// 4294968 seconds and more become a short wait.
 OQ_EXPORT void OsSharedMemoryWaitForActivity(const OQShmDesc& arShmDesc, unsigned int aSeconds);
 
 /// Places one message in the slot. Waits up to 3 seconds until the slot is free. When a side is not ready, the write is
@@ -578,9 +578,9 @@ OQ_EXPORT void RegisterSignalHandler(int aSignal, void (*apHandler)(int));
 /// bytes.** Check names against a strict pattern first, such as 1 to 15 letters, digits, dots, underscores and
 /// hyphens, not starting with a hyphen. A part of a name also matches. Longer names match nothing; a dot matches
 /// any character. Error messages of the shell and of pgrep go to the host's standard error. If the caller cannot
-/// rewrite the result file, the existing file determines the result, so whoever can write the file decides the
-/// result. If the file is a FIFO, the call waits, possibly for ever, until a process reads from it. Examine the
-/// file with lstat() first, and call only when it is missing or a regular file.
+/// rewrite the result file, the size of the existing file determines the result. Any user who can write that file
+/// controls the result. If the file is a FIFO, the call waits, possibly for ever, until a process reads from it.
+/// Examine the file with lstat() first, and call only when it is missing or a regular file.
 OQ_EXPORT int isProcessRunning(const OQCString& acrName);
 
 /// @}
@@ -687,8 +687,8 @@ enum OQEOperatingSystem : unsigned char {
 /// \posix gethostbyname(), inet_ntoa(); gethostname(), through ClibGethostname
 /// \param[in,out] arAddresses the caller's list; addresses are in host byte order, the first number in the highest
 ///                            byte. After a failure it keeps the addresses appended so far.
-/// \throws OQCGetIpAddressFailEx 347, when the lookup fails, with the system's error text for the number in h_errno;
-/// also, with "No non-loopback IP Address configured on system", when the host has no such address. A resolver entry
+/// \throws OQCGetIpAddressFailEx 347 when the lookup fails; the message is the system's text for the number in h_errno.
+/// Also thrown when the host has no such address: "No non-loopback IP Address configured on system". A resolver entry
 /// without an address list is a broken precondition, "lpHostEntry->h_addr_list != __null".
 /// \throws OQCNoMemoryEx 2 "Out of Memory"
 /// \logs Traced; each examined address ("IP Address #%u - %s") and each address used. A failed lookup logs one line,

@@ -164,8 +164,8 @@ pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp,
         _exit(cCannotRun);
     }
     if (0 < lChild && !lSharesMemory && NULL != lErrorOfCopy.get()) {
-        // The system implements vfork() as fork(), as emulators do, so the child may not have reached execve() yet. A
-        // child in a session of its own runs its program, because the child itself does not create a session.
+        // The system implements vfork() as fork(), as emulators do, so the child may not have reached execve() yet. If
+        // the child has its own session, its program already runs: this code never creates a session.
         waitUntil([=] { return runsProgram(lChild) || hasOwnSession(lChild) || hasEnded(lChild); });
         lError = *lErrorOfCopy.get();
     }
@@ -203,9 +203,9 @@ bool isReleased(pthread_mutex_t* apLock)
 }
 
 /// Creates the child that throws because the program cannot be run. This child has memory of its own. As with vfork(),
-/// the parent continues when the child runs a program or ends. Descriptors that the child closes have no effect on
-/// that. The child holds a lock for the case that it creates a session of its own: runsProgram() does not work for such
-/// a child.
+/// the parent continues when the child runs a program or ends, and not when the child closes its descriptors. The child
+/// holds a lock, because runsProgram() does not work for a child that creates its own session. The kernel releases the
+/// lock when the child runs a program or ends.
 /// \return the child's id in the parent, 0 in the child, -1 when no child could be created
 pid_t forkThrowingChild()
 {

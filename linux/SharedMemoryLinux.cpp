@@ -74,9 +74,9 @@ void setDataLength(OQSSharedMemoryHeader* apHeader, unsigned int aLength)
 /// Returns the address of the message, directly after the header.
 unsigned char* dataOf(OQSSharedMemoryHeader* apHeader) { return reinterpret_cast<unsigned char*>(apHeader + 1); }
 
-/// Throws the leaf with the text of errno. The text has at most 255 characters and is copied into this frame. The calls
-/// stay as they are because they are visible to a host that has its own companion runtime. If the companion returns
-/// lText, ClibStrcpy() copies the text onto itself; otherwise it copies the companion's text into lText.
+/// Throws the leaf with the text of errno. The text has at most 255 characters and is copied into this frame. A host
+/// with its own companion runtime can observe these calls, so they must not change. If the companion returns lText,
+/// ClibStrcpy() copies the text onto itself. Otherwise it copies the companion's text into lText.
 template <class Leaf>
 [[noreturn]] void throwSegmentError()
 {

@@ -44,7 +44,7 @@ void OsStartThread(unsigned long& arThread, void* apArgument, void* (*apRoutine)
     }
 }
 
-// Intentionally empty: the function exists so that callers link. Threads are started with OsStartThread alone.
+// Intentionally empty: the function exists so that callers link. Only OsStartThread starts threads.
 void OsCreateThread(unsigned long&, void*, void* (*)(void*)) {}
 
 void OsWaitForExit(unsigned long const& acrThread)
