@@ -51,7 +51,7 @@ struct stat;
 /// The severities of log lines, one bit each. The layer uses no others.
 enum OQELogLevel : unsigned int {
     OQLL_Halt = 1,          ///< tag "-H-": a broken precondition (exit status 1 follows), or a host without an address
-    OQLL_Error = 8,         ///< tag "-E-": a failure, with the system's error text where there is one
+    OQLL_Error = 8,         ///< tag "-E-": a failure, with the system's error text if there is one
     OQLL_Information = 64,  ///< tag "-I-": a noteworthy event that is not a failure
     OQLL_Trace = 128        ///< tag "-T-": entry, exit and details of operations
 };

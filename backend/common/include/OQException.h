@@ -17,7 +17,7 @@ template <class Leaf>
 struct OQErrorCode;
 
 // Destructors are out of line. The deleting destructor and the base-class thunks then jump to one copy instead of
-// containing it. Inline, they would make the text of the library 5.4 KB larger (109.6 instead of 104.1 KB).
+// containing it. Inline destructors would make the code of the library 5.4 KB larger (109.6 instead of 104.1 KB).
 
 /// Defines a family: a class between the root and its leaves.
 #define OQ_FAMILY(Family)                                                                                         \

@@ -45,7 +45,7 @@ public:
     /// \param[in] aCount   the count passed to allocate()
     void deallocate(T* apMemory, size_t aCount) { std::allocator<T>().deallocate(apMemory, aCount); }
 
-    /// Always true: each allocator can free what another allocated.
+    /// Always true: each allocator can free the memory of every other.
     friend bool operator==(const OQCListAllocator&, const OQCListAllocator&) { return true; }
     /// Always false.
     friend bool operator!=(const OQCListAllocator&, const OQCListAllocator&) { return false; }
@@ -81,13 +81,13 @@ public:
         return lSize;
     }
 
-    /// \return the first element's place, or end()
+    /// \return the position of the first element, or end()
     iterator begin() { return mList.begin(); }
-    /// \return the place behind the last element
+    /// \return the position after the last element
     iterator end() { return mList.end(); }
-    /// \return the first element's place, or end()
+    /// \return the position of the first element, or end()
     const_iterator begin() const { return mList.begin(); }
-    /// \return the place behind the last element
+    /// \return the position after the last element
     const_iterator end() const { return mList.end(); }
 
     /// Removes and destroys one element.

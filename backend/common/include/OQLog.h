@@ -1,7 +1,7 @@
 /// \file
 /// Macros with which the shared headers and the layer's sources log and assert.
 ///
-/// Macros are used only for what must come from the place of use: function name, line, and text of the condition.
+/// Only a macro can insert the caller's line and function name, and the text of the condition.
 #ifndef OQ_LOG_H
 #define OQ_LOG_H
 
@@ -25,8 +25,8 @@
     exit(1);
 }
 
-/// The text is a separate argument, because a condition that passes through several macros arrives with its own macros,
-/// such as NULL, expanded.
+/// The text is a separate argument: when a condition passes through several macros, the preprocessor expands the macros
+/// in it, such as NULL.
 #define OQ_ASSERT_AS(condition, text, function, file)          \
     do {                                                       \
         if (!(condition)) {                                    \

@@ -60,14 +60,14 @@ public:
         return *this;
     }
 
-    /// Of an empty one: "mString != 0".
+    /// Returns the text. Asserts "mString != 0".
     /// \return the zero-terminated text, valid until the string is next modified, assigned or destroyed
     OQ_EMITTED const char* get()
     {
         OQ_STRING_ASSERT(mString != 0);
         return mString->c_str();
     }
-    /// Of an empty one: "mString != 0".
+    /// Returns the text. Asserts "mString != 0".
     /// \return the zero-terminated text, valid until the string is next modified, assigned or destroyed
     OQ_EMITTED const char* get() const
     {

@@ -17,7 +17,7 @@
 /// Asserts; logs under this file's name.
 #define OQ_POINTER_ASSERT(condition) OQ_ASSERT_AS(condition, #condition, __func__, "backend/common/include/Pointer")
 
-/// What a Pointer refers to; 0 in an empty one.
+/// What a Pointer refers to; 0 in an empty Pointer.
 enum OQEPointerSizeType : unsigned char {
     OQPST_Individual = 1,  ///< one object
     OQPST_Array = 2        ///< an array of objects
@@ -147,8 +147,8 @@ private:
         }
     }
 
-    // Out of line: inlined, it makes the text of the library 3.0 KB larger. Copying a text then takes 146 instructions
-    // instead of 161.
+    // Out of line, because inlining makes the code of the library 3.0 KB larger. Inlined, a copy of a text would take
+    // 146 instructions instead of 161.
     [[gnu::noinline]] void _releaseMemory()
     {
         delete mReferenceCount;
