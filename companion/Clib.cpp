@@ -119,7 +119,7 @@ int ClibUnlink(const char* acPath) { return unlink(acPath); }
 unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, FILE* apStream)
 {
     const size_t lItems = fread(apBuffer, aSize, aCount, apStream);
-    // Throws even if items arrived before the error: a caller that used them would not notice the gap after them.
+    // Throws even if items arrived before the error. The caller would use them and not notice that data is missing.
     if (0 != ferror(apStream)) {
         throwErrorText<OQCReadFailedEx>();
     }

@@ -27,7 +27,7 @@ void OQCReferenceCount::increment()
 
 unsigned int OQCReferenceCount::decrement()
 {
-    // The last holder frees memory that other holders may have written. Acquire and release order their writes before
-    // that.
+    // The last holder frees memory that other holders may have written. Acquire and release order those writes before
+    // the free.
     return mCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
 }

@@ -62,8 +62,8 @@ public:
         }
     }
 
-    /// Adds date and time in UTC, computed here. gmtime_r() and localtime_r() take the C library's time-zone lock. In a
-    /// child of fork() that lock may belong to a thread that does not exist there.
+    /// Adds date and time in UTC. Does not use gmtime_r() or localtime_r(), which take the C library's time-zone lock.
+    /// In a child of fork(), a thread that does not exist there may hold that lock.
     void time(const timespec& acrTime)
     {
         const unsigned long lSeconds = static_cast<unsigned long>(acrTime.tv_sec);
