@@ -14,7 +14,7 @@ struct AnswerDropped {
     const char* mReason;
 };
 
-/// For one thread only, the mailbox's only writer. All operations that send can throw AnswerDropped.
+/// Only the thread that writes into the mailbox uses it. All operations that send can throw AnswerDropped.
 class AnswerWriter
 {
 public:

@@ -1,8 +1,8 @@
 /// \file
 /// The protocol of hostd and hostctl: paths and key, format of a request, and messages of an answer.
 ///
-/// A request is one write of at most 512 bytes into the FIFO: STX, "TOKEN VERB [ARGUMENT]", LF. A write of that size is
-/// complete or does not happen, so requests of several tools never mix.
+/// A request is one write of at most 512 bytes into the FIFO: STX, "TOKEN VERB [ARGUMENT]", LF. The kernel writes
+/// so few bytes completely or not at all, so requests of several tools never mix.
 ///
 /// An answer is one or more messages in the shared-memory mailbox, each an AnswerHeader and some text. Every message
 /// contains the token of the request and a sequence number from 0. The kind of the last message marks the end.

@@ -1,6 +1,6 @@
 /// \file
-/// Access only to files and segments that no other user can have prepared. The checks accept files and segments of this
-/// user, and files of root.
+/// Gives access only to files and segments that no other user can have prepared. The checks accept files and segments
+/// of this user, and files of root.
 #ifndef HOSTD_OWNERSHIP_H
 #define HOSTD_OWNERSHIP_H
 
@@ -16,7 +16,7 @@
 std::string privateDirectory();
 
 /// Opens a regular file. Does not follow a symbolic link and does not wait for the peer of a FIFO.
-/// \return the descriptor; negative with errno set when the file cannot be opened Throws: std::runtime_error when the
+/// \return the descriptor; negative with errno set when the file cannot be opened. Throws: std::runtime_error when the
 /// file is of another kind, belongs to another user or has a second name.
 int openOwnFile(const OQCString& acrPath, int aFlags);
 

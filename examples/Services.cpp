@@ -62,8 +62,8 @@ std::string processState(const std::string& acrName)
     if (1 == isProcessRunning(acrName.c_str())) {
         return acrName + " is running\n";
     }
-    // The result is also 0 when pgrep cannot be run or the disk is full. This check finds out: the pattern "." matches
-    // every process, and at least this one runs.
+    // The result is also 0 when pgrep cannot be run or the disk is full. The pattern "." matches every process, and
+    // at least this one runs. If the result is 0 even for this pattern, the check itself failed.
     if (1 != isProcessRunning(".")) {
         throw std::runtime_error(std::string("pgrep cannot be run, or cannot write ") + cRunningFile);
     }

@@ -16,7 +16,7 @@ struct Options {
 
 typedef std::vector<std::string> Words;
 
-/// Removes the options before the first other word from the words.
+/// Removes the leading options from the words, up to the first word that is not an option.
 /// \return a description of the error; empty if there is none
 std::string takeOptions(Words& arWords, Options& arOptions);
 

@@ -1,4 +1,4 @@
-// The identity of the host. A host may have only loopback addresses. That is an exception, not an address of 0.
+// The identity of the host. A host may have only loopback addresses. The lookup then throws.
 
 #include <OQCompanionSettings.h>
 #include <OQLinux.h>

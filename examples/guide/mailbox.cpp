@@ -17,7 +17,7 @@ static void put(OQShmDesc& arSide)
 static void take(OQShmDesc& arSide)
 {
     try {
-        unsigned char lBuffer[64 - sizeof(OQSSharedMemoryHeader)];  // a larger one would end the process
+        unsigned char lBuffer[64 - sizeof(OQSSharedMemoryHeader)];  // a larger buffer would end the process
         unsigned int lRead = 0;
         OsSharedMemoryRead(arSide, lBuffer, sizeof lBuffer, lRead);
         printf("read %u bytes\n", lRead);
