@@ -14,7 +14,7 @@ void* fixedCopy(void* apDestination, const void* acSource, unsigned int aCount);
 void* fixedSet(void* apDestination, int aValue, unsigned int aCount);
 char* fixedTextCopy(char* apDestination, const char* acSource);
 
-/// The shared counter behind a text.
+/// The shared counter of a text.
 class FixedCount
 {
 public:

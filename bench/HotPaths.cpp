@@ -17,7 +17,7 @@ namespace
 
 const unsigned int cTimes = 1000;  // scripts/bench divides by it
 
-/// The first call binds and fills what is kept, so it is not counted.
+/// The first call binds symbols and fills caches, so it is not counted.
 template <class Operation>
 void count(const char* acName, Operation aOperation)
 {

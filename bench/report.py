@@ -15,8 +15,8 @@ import statistics
 import subprocess
 import tempfile
 
-# Group: title, the reference row of the goal, the goal as a ratio to it, and whether the layer must also beat every
-# peer.
+# For each group: its title, the row with which the goal compares, the goal as a ratio to that row, and whether the
+# layer must also beat every peer.
 FAMILIES = {
     "lock": ("lock + unlock a mutex", "raw", 1.12, False),
     "condition": ("condition ping-pong", "raw", 1.02, False),
