@@ -39,9 +39,9 @@ def holders(pointer):
 
 
 def standard_text(address):
-    """Reads the text of a std::string. The object holds the address and the length of the text. Then follows the
-    capacity or, for a short text, the text itself. The function reads raw memory, because the program may have no debug
-    information for that class."""
+    """Reads the text of a std::string. The object holds the address and the length of the text. The
+    capacity follows, or the text itself if it is short. The function reads raw memory, because the program may have no
+    debug information for that class."""
     begin, length = word(address), word(address + word_size())
     room = 15 if begin == address + 2 * word_size() else word(address + 2 * word_size())
     if length > room or gdb.selected_inferior().read_memory(begin + length, 1)[0] != b"\0":
