@@ -31,7 +31,7 @@ std::set<std::string> entriesOf(const std::string& acrDirectory)
     return lEntries;
 }
 
-/// Descriptor number and what it is open on.
+/// Returns "NUMBER TARGET" for each open descriptor.
 std::set<std::string> openDescriptors()
 {
     std::set<std::string> lOpen;
@@ -40,7 +40,7 @@ std::set<std::string> openDescriptors()
         const ssize_t lLength = readlink(("/proc/self/fd/" + lrNumber).c_str(), lTarget, sizeof lTarget);
         if (0 < lLength && 0 <= fcntl(atoi(lrNumber.c_str()), F_GETFD)) {
             const std::string lText(lTarget, static_cast<size_t>(lLength));
-            lOpen.insert(lrNumber + " " + lText.substr(0, lText.find(" (deleted)")));  // somebody else may have
+            lOpen.insert(lrNumber + " " + lText.substr(0, lText.find(" (deleted)")));  // another process may delete it
         }
     }
     return lOpen;
@@ -52,13 +52,13 @@ std::string directoryOf(pid_t aPid) { return "/tmp/oqtest-" + std::to_string(aPi
 
 void LeftoverTest::SetUp()
 {
-    // A program that was killed may have left some, and its process number come round again.
+    // A killed program that had the same process id may have left segments and files.
     removeSegments();
     for (const std::string& lrEntry : entriesOf(directoryOf(getpid()))) {
         unlink((directoryOf(getpid()) + "/" + lrEntry).c_str());
     }
     mDescriptors = openDescriptors();
-    mThreads = entriesOf("/proc/self/task").size() + (OQ_SANITIZED ? 1 : 0);  // brings one of its own with the first
+    mThreads = entriesOf("/proc/self/task").size() + (OQ_SANITIZED ? 1 : 0);  // a sanitizer adds a thread
 }
 
 void LeftoverTest::TearDown()

@@ -1,6 +1,6 @@
 /// \file
-/// What every test of the layer needs, however it records events and plans failures: a check that the test left nothing
-/// behind, waiting for a condition, and a macro for exceptions.
+/// The base of every test of the layer: a check that the test leaves nothing behind, a wait for a condition, and a
+/// macro that expects an exception.
 #ifndef OQ_TESTS_BASICS_H
 #define OQ_TESTS_BASICS_H
 
@@ -17,7 +17,7 @@
 
 #include "OQLinux.h"
 
-/// Sanitizers bring their own allocator and their own view of threads and processes.
+/// True in sanitizer builds: sanitizers replace the allocator and intercept threads and processes.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define OQ_SANITIZED 1
 #elif defined(__has_feature)
@@ -29,24 +29,24 @@
 #define OQ_SANITIZED 0
 #endif
 
-/// After the test there is no descriptor, thread, child, segment or file that was not there before it.
+/// Fails a test that leaves a new descriptor, thread, child, segment or file behind.
 class LeftoverTest : public ::testing::Test
 {
 protected:
     void SetUp() override;
     void TearDown() override;
 
-    /// A path in a directory of this test's own, which must be empty again at its end.
+    /// Returns a path in this test's own directory. The directory must be empty again when the test ends.
     static std::string path(const std::string& acrName);
-    /// A System V key of this process's own; a segment with one of its 256 keys must not outlive the test.
+    /// Returns one of this process's 256 System V keys. A segment with such a key must not outlive the test.
     static int key(unsigned int aNumber = 0);
 
 private:
-    /// Removes all segments with keys of this process. \return the numbers of those that were there
+    /// Removes all segments with keys of this process. \return the numbers of their keys
     static std::vector<unsigned int> removeSegments();
 
     std::set<std::string> mDescriptors;
-    size_t mThreads = 0;  // an emulator or a sanitizer has some of its own
+    size_t mThreads = 0;  // an emulator or a sanitizer may have threads of its own
 };
 
 /// How long a test waits for a condition before it fails.
@@ -58,7 +58,7 @@ bool eventually(const std::function<bool()>& acrCondition);
 /// Ends a forked child without exit handlers: status 0, or 99 if an expectation failed in the child.
 [[noreturn]] void endChild();
 
-/// Whether a thread holds the mutex.
+/// Returns whether a thread holds the mutex.
 bool isHeld(pthread_mutex_t& arMutex);
 
 /// A thread that holds a mutex while the object lives.
@@ -74,7 +74,8 @@ private:
     std::thread mThread;
 };
 
-/// Expects that the operation throws exactly this leaf with this code and this text. The text is evaluated afterwards.
+/// Expects that the operation throws exactly this leaf with this code and this text. The text argument is evaluated
+/// after the throw.
 #define EXPECT_FAILURE(leaf, failureCode, text, operation)                                \
     do {                                                                                  \
         bool lThrown = false;                                                             \

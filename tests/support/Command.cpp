@@ -65,7 +65,7 @@ Command::Command(const Strings& acrWords, const std::function<void()>& acrPrepar
 bool Command::readUntil(const std::function<bool()>& acrCondition)
 {
     while (!acrCondition()) {
-        pollfd lEnds[] = {{mEnds[0], POLLIN, 0}, {mEnds[1], POLLIN, 0}};  // it passes over a closed one
+        pollfd lEnds[] = {{mEnds[0], POLLIN, 0}, {mEnds[1], POLLIN, 0}};  // poll() skips closed ones (-1)
         if (mEnds[0] < 0 && mEnds[1] < 0) {
             return false;
         }
@@ -99,7 +99,7 @@ Result Command::finish()
 {
     readUntil([] { return false; });
     if (0 <= mEnds[0] || 0 <= mEnds[1]) {
-        kill(SIGKILL);  // out of patience
+        kill(SIGKILL);  // readUntil() has timed out
     }
     const int lStatus = mPeer->wait();
     return Result{lStatus, mTexts[0], mTexts[1]};

@@ -47,7 +47,7 @@ struct Shared {
     Slot mSlots[cSlots];
 };
 
-/// Memory is taken from the system as slots are used.
+/// The system allocates the pages of the slots only when they are used.
 Shared& shared()
 {
     static Shared* const spShared = static_cast<Shared*>(
@@ -103,7 +103,8 @@ private:
     const int mErrno;
 };
 
-/// The loaded library or program that has this address. dladdr() would search its symbols, too, in each recorded call.
+/// Returns the library or program that contains this address. dladdr() would also search symbols, in each recorded
+/// call.
 void* objectOf(const void* acAddress)
 {
     dl_find_object lFound;
@@ -130,7 +131,7 @@ unsigned int newSlot(Event::Kind aKind)
 
 void complete(Slot& arSlot) { arSlot.mIsComplete.store(true, std::memory_order_release); }
 
-/// Records an event that has a name alone.
+/// Records an event that consists of a name only.
 void record(Event::Kind aKind, const char* acName)
 {
     Slot& lrSlot = shared().mSlots[newSlot(aKind)];
@@ -149,7 +150,7 @@ void recordChanges()
     }
 }
 
-/// Adds the value of each directive. The layer uses no other directives than these.
+/// Adds the value of each directive. The layer uses only these directives.
 void addArguments(Slot& arSlot, const char* acFormat, va_list aArguments)
 {
     for (const char* lpAt = strchr(acFormat, '%'); nullptr != lpAt; lpAt = strchr(lpAt + 1, '%')) {
@@ -168,7 +169,7 @@ void addArguments(Slot& arSlot, const char* acFormat, va_list aArguments)
     }
 }
 
-/// An argument or a result by its name, where it has one.
+/// Returns the name of an argument or a result, or the value itself if it has no name.
 std::string named(const std::string& acrValue)
 {
     for (const auto& lrNumber : sNamedNumbers) {
@@ -205,7 +206,7 @@ std::string joined(const std::vector<std::string>& acrTexts)
     return lJoined;
 }
 
-/// The process of the first event, then its children in the order of their first events.
+/// Returns the process of the first event, then its children in the order of their first events.
 std::vector<pid_t> processesOf(const Events& acrEvents)
 {
     std::vector<pid_t> lProcesses;
@@ -485,7 +486,7 @@ Shown resultWithErrno(long aResult)
     return 0 <= aResult ? number(aResult) : shown("%ld %s", aResult, errorName(errno).mText);
 }
 
-/// The operation's frames lie between this one and the Recording that its caller made.
+/// An object is "local" if it lies between this frame and the Recording in the frame of the operation's caller.
 Shown place(const void* acObject)
 {
     for (unsigned int lIndex = 0; lIndex < sNamedCount; ++lIndex) {

@@ -1,5 +1,5 @@
 /// \file
-/// oqshm as its tests run it, and channels for it to look at.
+/// Runs oqshm for its tests, and makes channels for oqshm to show.
 #ifndef OQ_OQSHM_KIT_H
 #define OQ_OQSHM_KIT_H
 
@@ -47,14 +47,14 @@ protected:
         return lId;
     }
 
-    /// A process that has the channel open until it is told to close it; it sends the messages before it says so.
+    /// Starts a process that opens the channel, sends the messages, signals, and closes the channel after end().
     std::unique_ptr<Peer> side(OQEConnectionMode aSide, unsigned int aMessages = 0,
                                const std::function<void()>& acrPrepare = {})
     {
         OQShmDesc lDesc = {mKey, 64, -1, nullptr};
         std::unique_ptr<Peer> lPeer(new Peer([&](Peer& arTest) {
             prctl(PR_SET_DUMPABLE, 1);
-            prctl(PR_SET_NAME, "OqshmTest");  // also where this program is run by another one
+            prctl(PR_SET_NAME, "OqshmTest");  // another program, such as Valgrind, may run this one
             if (acrPrepare) {
                 acrPrepare();
             }
@@ -82,7 +82,7 @@ protected:
         EXPECT_EQ(-SIGKILL, acrSide->wait());
     }
 
-    /// Shows the key, expects an exit status. \return what is shown below the heading, blanks as one
+    /// Runs oqshm with the key and expects an exit status. \return the output below the heading, with single blanks
     std::string shown(int aStatus, const Strings& acrOptions = {}) const
     {
         Strings lWords = acrOptions;
@@ -96,7 +96,7 @@ protected:
         }
         return lShown;
     }
-    /// The same, and expects that these are part of it, one behind the other.
+    /// The same, and expects that the output contains these parts in this order.
     void expectShown(int aStatus, const Strings& acrParts, const Strings& acrOptions = {}) const
     {
         const std::string lShown = shown(aStatus, acrOptions);

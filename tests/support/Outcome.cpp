@@ -17,11 +17,11 @@ std::vector<OutcomeRow> sRows;
 std::vector<const Family*>& familyList()
 {
     static std::vector<const Family*>
-        sFamilies;  // a function's: families of other sources add themselves before main()
+        sFamilies;  // local, because families of other sources add themselves before main()
     return sFamilies;
 }
 
-/// Without indentation and empty lines.
+/// Returns the trace without indentation and empty lines.
 std::string plain(const std::string& acrTrace)
 {
     std::istringstream lLines(acrTrace);
@@ -44,8 +44,8 @@ std::string replaced(std::string aText, const std::string& acrOld, const std::st
 
 unsigned int sTextCount = 0;
 
-/// Takes the place of ClibStrerror() in rows: the text shows which errno it was made of, which text of the row it is, and
-/// whether it was fetched into another buffer than the first one.
+/// Replaces ClibStrerror() in rows. The text shows the name of errno, how many texts the row has got so far, and whether
+/// the text went into another buffer than the first one.
 char* textOfErrno(char* apBuffer, unsigned int)
 {
     static const char* spFirst = nullptr;
@@ -111,10 +111,10 @@ void Outcome::run(const std::function<void()>& acrOperation)
 
 void Outcome::runInChild(const std::function<void()>& acrOperation)
 {
-    fflush(stdout);  // or the child prints it again
+    fflush(stdout);  // otherwise the child also prints the buffered output
     const pid_t lChild = fork();
     if (0 == lChild) {
-        atexit([] {  // what further exit handlers do is not the operation's
+        atexit([] {  // further exit handlers are not part of the operation
             Recording::end();
             FailingMemory::end();
         });
@@ -137,7 +137,7 @@ void Outcome::perform(const std::function<void()>& acrOperation)
         const Recording lRecording;
         const FailingMemory lFailingMemory(mIsWithoutMemory ? 1 : mFailingAllocation, mIsWithoutMemory);
         acrOperation();
-    } catch (const abi::__forced_unwind&) {  // the thread is being cancelled, or ends itself
+    } catch (const abi::__forced_unwind&) {  // the thread is cancelled or ends itself
         throw;
     } catch (...) {
         recordThrow();

@@ -1,6 +1,6 @@
 /// \file
-/// The table of outcomes: one row for each way in which an operation can end. A row is a test; the pages of failures and
-/// messages are printed from what the rows recorded.
+/// The table of outcomes: one row for each way in which an operation can end. A row is a test. The pages of failures
+/// and messages are printed from the events of the rows.
 #ifndef OQ_TESTS_OUTCOME_H
 #define OQ_TESTS_OUTCOME_H
 
@@ -19,16 +19,16 @@ struct Family {
 
     const char* const mTitle;
     const char* const mFile;                                           ///< the file's name in the log
-    const char* const mNote;                                           ///< stands above the table of failures
-    const std::vector<std::pair<std::string, std::string>> mMeanings;  ///< each message behind its tag, and its meaning
+    const char* const mNote;                                           ///< the text above the table of failures
+    const std::vector<std::pair<std::string, std::string>> mMeanings;  ///< each message after its tag, and its meaning
 };
 const std::vector<const Family*>& families();
 
 class Outcome : public RecordedTest
 {
 public:
-    /// \param[in] acrErrors            the row runs once for each; {0} where no error is planned
-    /// \param[in] aAllocationsAreFailing they are numbers of allocations that fail
+    /// \param[in] acrErrors            the row runs once for each error; {0} if no error is planned
+    /// \param[in] aAllocationsAreFailing whether acrErrors are the numbers of failing allocations
     Outcome(const char* acOperation, const Family& acrFamily, const std::vector<int>& acrErrors,
             bool aAllocationsAreFailing = false)
         : mOperation(acOperation),
@@ -37,31 +37,31 @@ public:
           mAllocationsAreFailing(aAllocationsAreFailing)
     {
     }
-    /// Runs the row for each error, with memory and then without.
+    /// Runs the row for each error, first with memory, then without.
     void TestBody() override;
 
 protected:
-    /// The row: plans what fails, fills the fields, runs the operation and looks at what is left.
+    /// The row: plans failures, sets the fields, runs the operation and checks the state after it.
     virtual void row() = 0;
 
-    // The rest is public for functions that several rows share.
+    // Public, because functions that several rows share use the following members.
 public:
-    std::string mOperation;  ///< for log and pages; the row sets it where it is no identifier: "Pointer::operator*"
+    std::string mOperation;  ///< its name in log and pages; set by a row if it is no identifier: "Pointer::operator*"
     std::string mWhen;       ///< the condition, for the page
-    std::string mTrace;      ///< every event; indentation is ignored, ERROR stands for error()
-    std::string mTells;      ///< how the caller can tell, where nothing is thrown; for the page
-    /// What keeps its value and what is left behind; for the page.
+    std::string mTrace;      ///< every event; indentation is ignored, ERROR represents error()
+    std::string mTells;      ///< how the caller detects this outcome if nothing is thrown; for the page
+    /// The values that stay unchanged and the resources that remain; for the page.
     std::string mStays = "-";
     unsigned int mFailingAllocation =
-        0;                      ///< this allocation fails, counted from 1; skip where !FailingMemory::isPossible()
-    bool mNeedsMemory = false;  ///< the operation does not end like this when every allocation fails
+        0;                      ///< this allocation fails, counted from 1; skip the row if !FailingMemory::isPossible()
+    bool mNeedsMemory = false;  ///< this outcome does not occur when every allocation fails
 
     /// The error of this pass.
     int error() const { return mError; }
 
-    /// Performs the operation and compares what it did with mTrace. ClibStrerror() returns the name of errno and the
-    /// number of the text, as in "EINTR #1", in a place outside of the caller's buffer. A child that the operation has
-    /// made ends with status 0 when the operation ends in it.
+    /// Runs the operation and compares its events with mTrace. ClibStrerror() returns the name of errno and the number
+    /// of the text, as in "EINTR #1", in memory outside of the caller's buffer. If the operation makes a child, the
+    /// child ends with status 0 when the operation returns or throws there.
     void run(const std::function<void()>& acrOperation);
     /// The same in a child, for an operation that ends its process.
     void runInChild(const std::function<void()>& acrOperation);
@@ -78,7 +78,7 @@ private:
     bool mIsKept = false;
 };
 
-/// What the pages need of a row.
+/// The data of a row that the pages use.
 struct OutcomeRow {
     const Family* mFamily;
     std::string mOperation;
@@ -88,10 +88,10 @@ struct OutcomeRow {
     std::string mStays;
     Events mEvents;
 };
-/// All rows that have run.
+/// Returns all rows that have run.
 const std::vector<OutcomeRow>& outcomeRows();
 
-/// Whether each log call of the rows reported its own line; prints those that did not.
+/// Returns whether each log call of the rows reported its own line. Prints the calls that did not.
 bool checkSites();
 
 bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,
@@ -103,8 +103,8 @@ bool addOutcome(const char* acOperation, const char* acName, const char* acSourc
 /// The same for a row that runs once for each of these errors.
 #define OUTCOME_OF_ERRORS(operation, name, ...) DEFINE_OUTCOME(operation, name, false, __VA_ARGS__)
 
-/// The same for a row that runs once for each of these numbers of a failing allocation, counted from 1. It is skipped
-/// where another allocator is in use.
+/// The same for a row that runs once for each failing allocation. The numbers count from 1. The row is skipped if
+/// allocations cannot be made to fail.
 #define OUTCOME_OF_ALLOCATIONS(operation, name, ...) DEFINE_OUTCOME(operation, name, true, __VA_ARGS__)
 
 #define DEFINE_OUTCOME(operation, name, allocationsAreFailing, ...)                                                  \

@@ -16,7 +16,7 @@ int endOf(pid_t aChild)
     return WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -WTERMSIG(lStatus);
 }
 
-/// Ends the child, also when acrRun throws: the child must not go on with the tests of its parent.
+/// Ends the child, even if acrRun throws. Otherwise the child would run the remaining tests of its parent.
 [[noreturn]] void runAndEnd(const std::function<void()>& acrRun)
 {
     try {
@@ -33,7 +33,7 @@ int endOf(pid_t aChild)
 
 int inChild(const std::function<void()>& acrRun)
 {
-    fflush(stdout);  // or the child prints it again
+    fflush(stdout);  // otherwise the child also prints the buffered output
     const pid_t lChild = fork();
     if (0 == lChild) {
         runAndEnd(acrRun);
@@ -47,7 +47,7 @@ Peer::Peer(const std::function<void(Peer&)>& acrRun) : mPid(-1), mSocket(-1)
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, lEnds) < 0) {
         abort();
     }
-    fflush(stdout);  // or the child prints it again
+    fflush(stdout);  // otherwise the child also prints the buffered output
     mPid = fork();
     close(lEnds[0 == mPid ? 0 : 1]);
     mSocket = lEnds[0 == mPid ? 1 : 0];

@@ -1,4 +1,4 @@
-// The source line of each log call that a row has made, looked up in the debug information.
+// Looks up the source line of each log call of the rows in the debug information.
 
 #include <dlfcn.h>
 #include <stdio.h>
@@ -13,7 +13,7 @@
 namespace
 {
 
-/// What addr2line says of return addresses of one object: for each the functions and places, innermost first.
+/// Runs addr2line on return addresses of one object. Returns the functions and lines of each address, innermost first.
 std::map<const void*, std::string> lookUp(const std::string& acrObject, const std::map<const void*, size_t>& acrOffsets)
 {
     std::string lCommand = "addr2line -afiC -e '" + acrObject + "'";
@@ -39,16 +39,16 @@ std::map<const void*, std::string> lookUp(const std::string& acrObject, const st
     return lFound;
 }
 
-/// The file's name in the log and the line, then the function and the format.
+/// Returns the logged file name and line, the function and the format.
 std::string nameOf(const Event& acrEvent)
 {
     return acrEvent.mFile + ":" + std::to_string(acrEvent.mLine) + " " + acrEvent.mFunction + ": \"" + acrEvent.mName +
            "\"";
 }
 
-/// Whether one of the frames is at the logged line of the file: ".//MiscLinux" is MiscLinux.cpp;
-/// "backend/common/include/Pointer" is Pointer.h. The rows compare the logged function: addr2line does not know the name of
-/// each inlined function.
+/// Returns whether one of the frames is at the logged line of the file. ".//MiscLinux" is MiscLinux.cpp, and
+/// "backend/common/include/Pointer" is Pointer.h. This function does not compare the function names, because addr2line
+/// does not know the name of each inlined function. The rows compare the logged names.
 bool isAtItsLine(const Event& acrEvent, const std::string& acrFrames)
 {
     const std::string lSource = "/" + acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
@@ -96,7 +96,7 @@ bool checkSites()
             lWrongSites[lrSite.first] = lFrames;
         }
     }
-    // The compiler may merge two calls that differ in their lines alone. The debug information has one of the lines.
+    // The compiler may merge two calls that differ only in their lines. The debug information then has only one line.
     unsigned int lWrong = 0;
     for (const auto& lrSite : lWrongSites) {
         if (0 == lRightCalls.count(lSites.at(lrSite.first).mFrames.at(1))) {

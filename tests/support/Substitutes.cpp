@@ -34,7 +34,7 @@ Shown segmentCommand(int aCommand)
                                     : number(aCommand);
 }
 
-/// The access mode by its name, further flags as octal digits: they differ between architectures by value.
+/// The access mode by its name and the other flags as octal digits. The values of flags differ between architectures.
 Shown openFlags(int aFlags)
 {
     const char* const cModes[] = {"O_RDONLY", "O_WRONLY", "O_RDWR", "O_ACCMODE"};
@@ -51,7 +51,7 @@ Shown openFlags(int aFlags)
     return lShown;
 }
 
-/// The numbers in a set of descriptors; "descriptor" stands for the only one.
+/// The numbers in a set of descriptors.
 Shown descriptors(int aCount, const fd_set* acSet)
 {
     Shown lShown = place(acSet);
@@ -69,7 +69,7 @@ Shown placeWithErrno(const void* acPlace)
     return reinterpret_cast<const void*>(-1) == acPlace ? resultWithErrno(-1) : place(acPlace);
 }
 
-/// Thread ids differ from run to run.
+/// Does not show the id, because it differs from run to run.
 Shown threadText(pthread_t aThread)
 {
     return 0 != pthread_equal(pthread_self(), aThread) ? Shown{"itself"} : Shown{"thread"};
@@ -93,8 +93,8 @@ void SubstituteBase::planned()
     }
 }
 
-// No static variable with a guard: a guard at which several threads wait changes errno. No std::atomic: its functions are
-// watched.
+// Uses no local static variable, because its guard changes errno when several threads wait for it. Uses no std::atomic,
+// because the thread sanitizer instruments its functions.
 UNWATCHED void* SubstituteBase::realFunction()
 {
     void* lpReal = __atomic_load_n(&mReal, __ATOMIC_RELAXED);
@@ -107,8 +107,8 @@ UNWATCHED void* SubstituteBase::realFunction()
     return lpReal;
 }
 
-// DEFINE(type, function, symbol, whether its calls are events unasked, parameters, arguments, what an event shows of them,
-//        what it shows of the result, exception specification of the function's header)
+// DEFINE(type, function, symbol, whether its calls are events by default, parameters, arguments, their texts,
+//        function that makes the text of the result, exception specification in the header)
 // The function has the linkage of its declaration in the header.
 #define LIST(...) __VA_ARGS__
 #define DEFINE(type, function, symbol, unasked, parameters, arguments, shown, result, ...) \
@@ -135,8 +135,8 @@ UNWATCHED void* SubstituteBase::realFunction()
         const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown}); \
         substitute::function.call arguments;                                             \
     }
-// A function of the C library that returns a negative number and sets errno when it fails; whose calls are no events
-// unasked; that returns its error.
+// SYSTEM: a function of the C library that returns a negative number and sets errno when it fails. QUIET: the same, but
+// its calls are not events by default. THREADS: a function that returns its error.
 #define SYSTEM(function, parameters, arguments, shown, ...) \
     DEFINE(int, function, #function, true, parameters, arguments, shown, resultWithErrno, __VA_ARGS__)
 #define QUIET(function, parameters, arguments, shown, ...) \
@@ -227,7 +227,7 @@ COMPANION(int, ClibWrite, "_Z9ClibWriteiPKvj", true, (int a, const void* b, unsi
 COMPANION(int, getFirstLineFromFile, "_Z20getFirstLineFromFileRK9OQCStringRS_", true,
           (const OQCString& a, OQCString& b), (a, b), (quoted(a.get()), place(&b)), number)
 
-// What ProcessCreate() and the companion use beside: plans without events, unless a test asks for them.
+// Further functions that ProcessCreate() and the companion call. Their calls are events only after show().
 QUIET(clock_nanosleep, (clockid_t a, int b, const timespec* c, timespec* d), (a, b, c, d),
       (number(a), number(b), timeText(c), place(d)), )
 QUIET(close, (int a), (a), (number(a)), )
@@ -237,13 +237,13 @@ QUIET(unlink, (const char* a), (a), (quoted(a)), noexcept)
 QUIET(waitid, (idtype_t a, id_t b, siginfo_t* c, int d), (a, b, c, d),
       (number(a), process(static_cast<pid_t>(b)), place(c), number(d)), )
 DEFINE(FILE*, fopen, "fopen", false, (const char* a, const char* b), (a, b), (quoted(a), quoted(b)), place, )
-#if !OQ_SANITIZED  // a sanitizer maps memory before it knows the real function
+#if !OQ_SANITIZED  // a sanitizer maps memory before the real function can be found
 DEFINE(void*, mmap, "mmap", false, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f),
        (place(a), number(static_cast<long long>(b)), number(c), number(d), number(e), number(f)), placeWithErrno, noexcept)
 #endif
 // clang-format on
 
-// The C library's headers may have these inline, so the definitions have names of their own.
+// The C library's headers may define these functions inline, so these definitions have other names.
 #define RENAMED(type, function, parameters, arguments, shown, ...)                       \
     Substitute<type parameters> substitute::function(#function, false);                  \
     extern "C" type planned_##function parameters __VA_ARGS__ __asm__(#function);        \
@@ -263,11 +263,11 @@ RENAMED(ssize_t, read, (int a, void* b, size_t c), (a, b, c),
 RENAMED(ssize_t, write, (int a, const void* b, size_t c), (a, b, c),
         (number(a), place(b), number(static_cast<long long>(c))), )
 RENAMED(int, gethostname, (char* a, size_t b), (a, b), (place(a), number(static_cast<long long>(b))), noexcept)
-// Takes as many arguments as there may be, so it may pass on values behind the last one that its caller gave.
+// Passes on the maximum number of arguments. Those beyond the caller's last one have undefined values and are ignored.
 RENAMED(long, syscall, (long a, long b, long c, long d, long e, long f, long g), (a, b, c, d, e, f, g),
         (SYS_write == a ? Shown{"SYS_write"} : number(a), number(b)), noexcept)
 
-// Takes any arguments, so it cannot be called as planned: it formats, or has the text that the test has planned.
+// Has variable arguments, which a plan cannot receive. It formats the text, or uses the text that the test planned.
 Substitute<int(char*, const char*)> substitute::ClibSprintf("", true);
 int ClibSprintf(char* apBuffer, const char* acFormat, ...)
 {
@@ -322,9 +322,9 @@ unsigned int OQCReferenceCount::decrement()
     return lCount;
 }
 
-// A function that calls vfork() and returns takes the frame away under which its child runs on. This vfork() therefore
-// jumps to the real one and leaves no frame of its own, which only the assembler can say. Elsewhere the tests know
-// vfork() as a fork(): the way it is emulated by some systems.
+// After vfork() the child runs on the parent's stack. A C++ wrapper would return in the child and destroy the frame
+// that the parent needs. This vfork() therefore jumps to the real function without a frame of its own, which requires
+// assembler. On other processors, and under a sanitizer, vfork() is a fork() here, as in some emulators.
 Substitute<pid_t()> substitute::vfork("vfork", true);
 #define IN_PROGRAM __attribute__((visibility("hidden"), used))
 extern "C" {

@@ -1,7 +1,7 @@
 /// \file
-/// The system and companion functions that the test programs define in place of the real ones, each of them once. The
-/// libraries are bound to these definitions. In a thread with a Recording, each call is an event and does what the test
-/// has planned; without a plan, and in every other thread, it calls the real function:
+/// The system and companion functions that the test programs define themselves. The libraries bind to these definitions
+/// instead of the real functions. In a thread with a Recording, each call is an event and does what the test planned.
+/// Without a plan, and in every other thread, a call only calls the real function:
 ///
 ///     substitute::pthread_mutex_lock.fail(EDEADLK, EINTR);
 ///     const Recording lRecording;
@@ -28,22 +28,22 @@
 #include "Basics.h"
 #include "Events.h"
 
-/// Whether the tests' vfork() shares the memory of its caller. Elsewhere it is a fork().
+/// Whether the tests' vfork() shares the memory of its caller. Otherwise it is a fork().
 #if defined(__x86_64__) && !OQ_SANITIZED
 #define OQ_SHARING_VFORK 1
 #else
 #define OQ_SHARING_VFORK 0
 #endif
 
-/// What all substitutes have in common. Constant-initialised: the loader and the sanitizers call some of them before any
-/// constructor runs.
+/// Base class of all substitutes. They are constant-initialised, because the loader and the sanitizers call some of
+/// them before any constructor runs.
 class SubstituteBase
 {
 public:
     /// Forgets the plans of all substitutes.
     static void resetAll();
 
-    /// Calls are events, or are not, until the reset. Most are unasked.
+    /// Makes calls events, or not, until resetAll(). The calls of most functions are events by default.
     void show() { setShown(true); }
     void hide() { setShown(false); }
     bool isShown() const { return mIsShown; }
@@ -70,7 +70,7 @@ private:
     const bool mIsShownUnasked;
     bool mIsShown;
     void* mReal = nullptr;
-    SubstituteBase* mNext = nullptr;  // of those that were planned at least once
+    SubstituteBase* mNext = nullptr;  // list of the substitutes that were planned at least once
     bool mIsListed = false;
 };
 
@@ -81,17 +81,17 @@ class Substitute<Result(Arguments...)> final : public SubstituteBase
 {
 public:
     /// \param[in] acSymbol  the function's name for the linker
-    /// \param[in] aIsShown  whether its calls are events unasked
+    /// \param[in] aIsShown  whether its calls are events by default
     constexpr Substitute(const char* acSymbol, bool aIsShown) : SubstituteBase(acSymbol, aIsShown) {}
 
-    /// Runs this in place of the real function.
+    /// Plans that calls run this function instead of the real one.
     void instead(std::function<Result(Arguments...)> aRun)
     {
         delete mPlan;
         mPlan = new std::function<Result(Arguments...)>(std::move(aRun));
         planned();
     }
-    /// Each call returns aResult with errno set to aErrno and does nothing else.
+    /// Plans that each call only sets errno to aErrno and returns aResult.
     template <class Value>
     void fail(Value aResult, int aErrno)
     {
@@ -100,7 +100,7 @@ public:
             return static_cast<Result>(aResult);
         });
     }
-    /// The n-th call from now returns aResult with errno set to aErrno; all others are real ones.
+    /// Plans that the n-th call from now sets errno to aErrno and returns aResult. All other calls are real.
     template <class Value>
     void failOn(unsigned int aNth, Value aResult, int aErrno)
     {
@@ -114,7 +114,7 @@ public:
         });
     }
     bool isPlanned() const { return nullptr != mPlan; }
-    /// As planned.
+    /// Runs the plan, or the real function if there is no plan.
     Result call(Arguments... aArguments) { return nullptr == mPlan ? real(aArguments...) : (*mPlan)(aArguments...); }
     UNWATCHED Result real(Arguments... aArguments)
     {
@@ -129,7 +129,7 @@ private:
         resetShown();
     }
 
-    // Not destroyed at the end of the program, when functions such as fflush() are still called.
+    // Never destroyed, because functions such as fflush() are still called when the program exits.
     std::function<Result(Arguments...)>* mPlan = nullptr;
 };
 
@@ -207,12 +207,13 @@ extern Substitute<pid_t()> vfork;
 extern Substitute<int(idtype_t, id_t, siginfo_t*, int)> waitid;
 extern Substitute<int(pid_t, int*, int)> waitpid;
 extern Substitute<ssize_t(int, const void*, size_t)> write;
-/// The counter of a Pointer: its four operations are events when this is shown. The plan is what its constructor does.
+/// The counter of a Pointer. After show(), its four operations are events. A plan also runs in its constructor.
 extern Substitute<void(unsigned int)> counter;
 }  // namespace substitute
 
-/// While it lives, malloc, and with it operator new, fails in this thread: the first call that fails, counted from 1, and
-/// perhaps all later ones; 0: none. Has no effect where another allocator takes the place of the tests' own.
+/// While the object exists, allocation number aFirst of this thread fails, by malloc() or operator new. The numbers
+/// count from 1; with 0 none fails. If aWithAllLater is set, all later allocations also fail. Has no effect if
+/// isPossible() returns false.
 class FailingMemory
 {
 public:
@@ -222,18 +223,18 @@ public:
     FailingMemory& operator=(const FailingMemory&) = delete;
     /// Lets allocations of this thread succeed again.
     static void end();
-    /// False in sanitized builds and under Valgrind.
+    /// Returns false in sanitizer builds and under Valgrind, which replace the allocator.
     static bool isPossible();
-    /// Blocks that this thread has asked for, and has given back, since the last object was made.
+    /// Count the blocks that this thread has requested, and freed, since the last object was constructed.
     static unsigned int taken();
     static unsigned int freed();
 };
-/// Notes whether the memory at this address is freed from now on; there are four places for it.
-/// Always false where !FailingMemory::isPossible().
+/// Records whether the memory at this address is freed from now on. aIndex is 0 to 3.
+/// isFreed() always returns false if FailingMemory::isPossible() does.
 void followMemory(unsigned int aIndex, const void* acMemory);
 bool isFreed(unsigned int aIndex);
 
-/// Starts without events and without plans.
+/// A test that starts without events and without plans.
 class RecordedTest : public LeftoverTest
 {
 protected:
