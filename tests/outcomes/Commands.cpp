@@ -1,4 +1,4 @@
-// How the run of a command and the splitting of its output end.
+// How OsExecute and OsBreak end.
 
 #include <string.h>
 
@@ -71,7 +71,7 @@ public:
             return substitute::ClibMemset.real(apMemory, aValue, aCount);
         });
     }
-    /// The reads return these texts, and then what acrAtEnd returns.
+    /// The reads return these texts. After them, a read returns the result of acrAtEnd.
     explicit Command(
         const Texts& acrTexts, const std::function<unsigned int()>& acrAtEnd = [] { return 0U; })
         : Command(":")
@@ -94,7 +94,7 @@ public:
         EXPECT_TRUE(!FailingMemory::isPossible() || nullptr == mpReadBuffer || isFreed(0));
         EXPECT_TRUE(!FailingMemory::isPossible() || nullptr == mpLineBuffer || isFreed(1));
     }
-    /// Releases what the operation has left.
+    /// Expects that the operation has left the buffers and the stream, and releases them.
     void expectLeft()
     {
         EXPECT_FALSE(FailingMemory::isPossible() && (isFreed(0) || isFreed(1)));
@@ -324,8 +324,8 @@ OUTCOME_OF_ALLOCATIONS(OsExecute, ThrowsWithoutMemoryForTheReadBuffer, 1)
     lCommand.expectLeft();
 }
 
-// The allocations: line buffer; object, characters and counter of a line; its node in the
-// list; object, characters and counter of the copy in the node.
+// The allocations: the line buffer; object, characters and counter of a line; the list node of
+// the line; object, characters and counter of the copy in that node.
 OUTCOME_OF_ALLOCATIONS(OsExecute, ThrowsWithoutMemoryToBreakTheText, 2, 3, 4, 5, 6, 7, 8, 9)
 {
     Command lCommand(Texts{cLong + "\n"});
@@ -390,7 +390,7 @@ OUTCOME(OsBreak, AppendsEachLineOfATextThatEndsWithANewline)
     run([&] { lpNext = OsBreak(lText.mBuffer, lText.mLines); });
     EXPECT_EQ(lText.mBuffer, lpNext);
     EXPECT_EQ((Texts{"old", "one", "two "}), textsOf(lText.mLines));
-    EXPECT_EQ(0, memcmp("one\0two \0\0#", lText.mBuffer, 11));  // a zero for each newline, and no more written
+    EXPECT_EQ(0, memcmp("one\0two \0\0#", lText.mBuffer, 11));  // each newline became a zero; the rest is unchanged
 }
 
 OUTCOME(OsBreak, MovesAnUnfinishedLineToTheStart)

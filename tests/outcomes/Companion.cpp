@@ -20,7 +20,7 @@ const Family cFamily(
     "wrappers throw. No wrapper logs. For the log function, the third column says what it writes.",
     {});
 
-// The companion's functions: this program defines functions of these names, too.
+// Looked up in the companion's library, because this program also defines functions with these names.
 const auto cLog = reinterpret_cast<decltype(&PrintLogMessageWithTimeStamp)>(
     dlsym(RTLD_NEXT, "_Z28PrintLogMessageWithTimeStampjPKcjS0_S0_S0_z"));
 const auto cSprintf = reinterpret_cast<decltype(&ClibSprintf)>(dlsym(RTLD_NEXT, "_Z11ClibSprintfPcPKcz"));
@@ -46,7 +46,7 @@ private:
 };
 
 /// The companion's log, which writes all levels to descriptor 1000. The writes go to memory, and the clock shows the last
-/// second of 1999. Events show the result of a write that takes the whole rest of a line as "rest".
+/// second of 1999. If a write takes the whole rest of a line, its event shows the result "rest".
 class Log
 {
 public:
@@ -259,7 +259,7 @@ OUTCOME(PrintLogMessageWithTimeStamp, CutsALineOfMoreThan8192Bytes)
     EXPECT_EQ(Log::line(lLong).substr(0, 8191) + "\n", lLog.mText);
 }
 
-/// A function without objects: sanitizers do not follow the destructors that run when a thread is cancelled.
+/// Contains no objects, because sanitizers do not see the destructors that run when a thread is cancelled.
 void* writeThenEnd(void* apWrite)
 {
     (*static_cast<std::function<void()>*>(apWrite))();
@@ -292,7 +292,7 @@ OUTCOME(PrintLogMessageWithTimeStamp, WritesTheLineOfACancelledThread)
     EXPECT_TRUE(lIsWritten);
 }
 
-/// A stream whose reads have these results, then the data ends. Each read gives the same letters.
+/// A stream whose reads have these results. After them, the data ends. Each read gives the same letters.
 class Stream
 {
 public:
@@ -405,7 +405,7 @@ OUTCOME_OF_ALLOCATIONS(getFirstLineFromFile, ThrowsWithoutMemoryForTheCopyOfTheL
     run([&] { lLine.read(); });
 }
 
-// A wrapper that reports a failure as its function does:
+// A row of a wrapper that reports a failure as the wrapped function does:
 // FAILS_AS(function, wrapper, arguments, the arguments as events show them, condition, errors...)
 #define FAILS_AS(function, wrapper, arguments, shown, when, ...)                 \
     OUTCOME_OF_ERRORS(wrapper, ReturnsMinusOneWhenItsFunctionFails, __VA_ARGS__) \
@@ -454,7 +454,7 @@ OUTCOME(ClibWrite, ReturnsThePartThatIsWritten)
     run([] { ClibWrite(5, sBuffer, 8); });
 }
 
-/// The reads of the companion have these results, then the data ends.
+/// Plans the results of the companion's reads. After them, the data ends.
 void planReads(const std::vector<long>& acrResults)
 {
     const auto lResults = std::make_shared<Results>(acrResults);
@@ -630,7 +630,7 @@ OUTCOME(ClibGetTime, ReportsTheWallClock)
     EXPECT_EQ(999, lMilliseconds[1]);
 }
 
-/// Whether ClibStrerror() stores as much of the text as fits into buffers of all sizes, and keeps errno.
+/// Returns whether ClibStrerror() truncates the text to the size of each buffer and preserves errno.
 bool storesWhatFits(int aError, const char* acText)
 {
     bool lIsRight = true;
@@ -645,7 +645,7 @@ bool storesWhatFits(int aError, const char* acText)
     return lIsRight;
 }
 
-/// Whether ClibStrcpy() copies texts that overlap.
+/// Returns whether ClibStrcpy() copies overlapping texts correctly.
 bool copiesOverlapped()
 {
     const char* const cText = "a text that is long enough for copies in words";
@@ -660,8 +660,8 @@ bool copiesOverlapped()
     return lIsRight;
 }
 
-// A wrapper that makes no call of the system:
-// RETURNS(wrapper, test, condition, how the caller can tell, what stays, a condition that its results fulfil)
+// A row of a wrapper that makes no system call:
+// RETURNS(wrapper, test, condition, how the caller detects it, what stays unchanged, a check of its results)
 #define RETURNS(wrapper, test, when, tells, stays, ...) \
     OUTCOME(wrapper, test)                              \
     {                                                   \
@@ -681,7 +681,7 @@ RETURNS(ClibStrerror, NamesANumberWithoutAText, "a number without a text", "`Unk
 RETURNS(ClibMemcpy, CannotFail, "cannot fail", "", "-",
         sBuffer + 1 == ClibMemcpy(sBuffer + 1, "a\0b", 3) && 0 == memcmp("#a\0b###", sBuffer, 8) &&
             sBuffer == ClibMemcpy(sBuffer, "x", 0) && '#' == sBuffer[0])
-RETURNS(ClibMemset, CannotFail, "cannot fail", "", "-",  // the value's low byte counts
+RETURNS(ClibMemset, CannotFail, "cannot fail", "", "-",  // only the low byte of the value is used
         sBuffer + 1 == ClibMemset(sBuffer + 1, 0x141, 2) && 0 == strcmp("#AA####", sBuffer) &&
             sBuffer == ClibMemset(sBuffer, 0, 0) && '#' == sBuffer[0])
 RETURNS(ClibStrcpy, CopiesTextsThatOverlap, "the texts overlap", "the text is copied correctly", "-",

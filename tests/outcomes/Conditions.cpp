@@ -34,7 +34,7 @@ public:
     pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
-/// The clock reports this time.
+/// Plans that the clock reports this time.
 void stopClock(time_t aSeconds, long aNanoseconds)
 {
     substitute::clock_gettime.instead([aSeconds, aNanoseconds](clockid_t, timespec* apTime) {
@@ -171,7 +171,7 @@ OUTCOME(OsConditionalTimedWait, EndsTheProcessWhenTheSecondsAreZero)
 OUTCOME(OsConditionalTimedWait, ThrowsATimeOutWhenTheTimeIsOver)
 {
     Condition lGiven;
-    stopClock(1000000000, 999999999);  // long ago: the real wait returns at once
+    stopClock(1000000000, 999999999);  // a deadline in the past, so the real wait returns at once
     mWhen = "the time is over (`ETIMEDOUT`)";
     mTrace = R"(
         clock_gettime(CLOCK_REALTIME, local) = 0
@@ -192,7 +192,7 @@ OUTCOME_OF_ERRORS(OsConditionalTimedWait, ThrowsWhenThePosixCallFails, EINVAL, E
 {
     Condition lGiven;
     stopClock(100, 1);
-    substitute::pthread_cond_timedwait.fail(error(), ETIMEDOUT);  // the result decides, not errno
+    substitute::pthread_cond_timedwait.fail(error(), ETIMEDOUT);  // the operation evaluates the result, not errno
     mWhen = "`pthread_cond_timedwait` fails in another way";
     mTrace = R"(
         clock_gettime(CLOCK_REALTIME, local) = 0

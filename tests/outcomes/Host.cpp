@@ -1,4 +1,4 @@
-// How the questions about the host end: its addresses and the name of its operating system.
+// How the lookups of the host's addresses and of its operating system end.
 
 #include <arpa/inet.h>
 #include <string.h>
@@ -31,8 +31,8 @@ const Family cFamily(
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after an error line: a throw follows"}});
 
-/// The host, with a name and with these addresses, and what the callers of both functions pass. A null address is a null
-/// entry; two null entries end the list.
+/// A host with a name and these addresses, and the variables that callers of both functions pass. A null address is a
+/// null entry. Two null entries end the list.
 class Host
 {
 public:
@@ -41,7 +41,7 @@ public:
         for (size_t lIndex = 0; lIndex < acrAddresses.size(); ++lIndex) {
             if (nullptr != acrAddresses[lIndex]) {
                 const in_addr_t lNumber = inet_addr(acrAddresses[lIndex]);
-                mEntries[lIndex] = &mBytes[1 + 4 * lIndex];  // not aligned, as a resolver may leave it
+                mEntries[lIndex] = &mBytes[1 + 4 * lIndex];  // not aligned: a resolver need not align it
                 memcpy(mEntries[lIndex], &lNumber, sizeof lNumber);
             }
         }
@@ -103,7 +103,7 @@ OUTCOME(OsGetAllIpAddresses, AppendsEachAddressThatIsNotLoopback)
     bool lIsLocal = true;
     substitute::ClibnStrcmp.instead([&](const char* acText, const char* acPrefix, unsigned int aLength) {
         lIsLocal = lIsLocal && 0 == strcmp("local", place(acText).mText);
-        inet_ntoa({htonl(0x08080808)});  // as a logging function may do
+        inet_ntoa({htonl(0x08080808)});  // a host's logging function may also call it
         return substitute::ClibnStrcmp.real(acText, acPrefix, aLength);
     });
     mNeedsMemory = true;
@@ -249,7 +249,7 @@ OUTCOME_OF_ALLOCATIONS(OsGetAllIpAddresses, ThrowsWithoutMemoryForAnEntryOfTheLi
 
 const char* const cFixedName = "Red Hat Enterprise Linux Server release 5.x";
 
-/// A host with one release file, or none, and what the caller passes.
+/// A host with at most one release file, and the variables that the caller passes.
 class System
 {
 public:
@@ -284,7 +284,7 @@ const std::string cNotFound = R"(
     ClibStat("/etc/redhat-release", local)
 )";
 
-/// The first line of the release file is this one. Copying it needs two allocations.
+/// Sets the first line of the release file. A copy of the line needs two allocations.
 void setFirstLine(const char* acLine)
 {
     substitute::getFirstLineFromFile.instead([lLine = OQCString(acLine)](const OQCString&, OQCString& arLine) {
@@ -398,8 +398,8 @@ OUTCOME(OsGetOsName, PassesAnExceptionOfTheRead)
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
 }
 
-// Each text needs three allocations: the object, the characters and the counter; two if the characters fit into the
-// object.
+// Each text needs three allocations: the object, the characters and the counter. A text whose characters fit into
+// the object needs two.
 OUTCOME_OF_ALLOCATIONS(OsGetOsName, ThrowsWithoutMemoryBeforeTheFileIsRead, 1, 2, 3, 4, 5)
 {
     System lSystem("/etc/oracle-release");
@@ -437,7 +437,7 @@ OUTCOME_OF_ALLOCATIONS(OsGetOsName, ThrowsWithoutMemoryForTheFixedTextOfAnUnread
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
 }
 
-// After the three exceptions of the files that do not exist.
+// Allocations 1 to 3 are the exceptions for the three missing files.
 OUTCOME_OF_ALLOCATIONS(OsGetOsName, ThrowsWithoutMemoryForTheFixedText, 4, 5, 6, 7, 8, 9)
 {
     System lSystem(nullptr);

@@ -150,7 +150,7 @@ OUTCOME(OsLockMutex, BlocksWhenTheCallingThreadHoldsTheMutex)
     mStays = "the mutex stays held";
     substitute::pthread_mutex_lock.instead([](pthread_mutex_t* apMutex) {
         const itimerval lTime = {{0, 0}, {0, 200000}};
-        setitimer(ITIMER_REAL, &lTime, nullptr);  // only now, so that the call is recorded on a slow machine, too
+        setitimer(ITIMER_REAL, &lTime, nullptr);  // after the call is recorded, even on a slow machine
         return substitute::pthread_mutex_lock.real(apMutex);
     });
     runInChild([&] { OsLockMutex(lMutex); });

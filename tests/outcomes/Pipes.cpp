@@ -26,7 +26,7 @@ const Family cFamily(
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after an error line: a throw follows"}});
 
-/// A path, shown as FILE, and a descriptor that holds 77 and is watched. The file is removed at the end.
+/// A path, shown as FILE, and a watched descriptor variable with the value 77. The destructor removes the file.
 class File
 {
 public:
@@ -41,8 +41,8 @@ public:
     int mDescriptor = 77;
 };
 
-/// Both ends of a pipe that holds so many bytes, and a count that holds 4242 and is watched. Rows use lengths of three or
-/// more digits: a number that equals a descriptor would be shown by the descriptor's name.
+/// Both ends of a pipe that contains the given number of bytes, and a watched count with the value 4242. Rows use
+/// lengths of at least three digits: events would show a number that equals a descriptor under the descriptor's name.
 class Pipe
 {
 public:

@@ -28,7 +28,7 @@ const Family cFamily("Processes", ".//ProcessLinux",
                       {"-T- Entered", "the operation begins"},
                       {"-T- Left", "the operation returns; after an error line of `ProcessCreate`: a throw follows"}});
 
-/// The kinds of vfork(): its child shares the memory of the parent, or has a copy, as in emulators.
+/// The kinds of vfork(): the child shares the parent's memory or, as in emulators, has a copy.
 const bool cCopies[] = {false, true};
 
 /// A start of /bin/true.
@@ -165,7 +165,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoMemoryThatTheChildShares, ENOENT)
                 substitute::execve.fail(-1, error());
             }
             if (!lIsThrown) {
-                substitute::execve.hide();  // the parent does not wait for that of a copy
+                substitute::execve.hide();  // the parent does not wait for the execve() of a child that has a copy
             }
             mTrace = lIsThrown ? cThrowsInTheChild : "Entered\n fflush(stdin) = 0\n vfork()\n Left";
             run([&] { EXPECT_EQ(lRuns || lIsThrown ? 0 : 127, lStart()); });
@@ -181,7 +181,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoFreeDescriptor, ENOENT)
     for (const bool lCopies : cCopies) {
         for (const bool lRuns : {true, false}) {
             if (OQ_SANITIZED && !lRuns) {
-                break;  // a sanitizer opens a file to look at the type of an object that is thrown
+                break;  // a sanitizer opens a file to check the type of a thrown object
             }
             Start lStart(lCopies);
             if (!lRuns) {
@@ -202,7 +202,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoFreeDescriptor, ENOENT)
 
 OUTCOME(ProcessCreate, ReturnsWhenASignalEndsTheChildBeforeItsProgramRuns)
 {
-    static std::atomic<unsigned int> sHandled;  // also by a child that shares the memory
+    static std::atomic<unsigned int> sHandled;  // also incremented by a child that shares the memory
     sHandled = 0;
     const sighandler_t lBefore = signal(SIGUSR1, [](int) { ++sHandled; });
     mWhen = "a signal ends the child before its program runs";
@@ -220,7 +220,7 @@ OUTCOME(ProcessCreate, ReturnsWhenASignalEndsTheChildBeforeItsProgramRuns)
     signal(SIGUSR1, lBefore);
 }
 
-/// waitpid() reports this status of any child.
+/// Plans that waitpid() reports this status for any child.
 void planStatus(int aStatus)
 {
     clearEvents();
@@ -240,7 +240,7 @@ OUTCOME(ProcessWait, ReturnsTheExitCode)
     mWhen = "the child ended by itself";
     mTells = "returns the exit code";
     for (const int lCode : {0, 1, 42, 255}) {
-        planStatus(lCode << 8 | 0x80);  // the low seven bits decide
+        planStatus(lCode << 8 | 0x80);  // only the low seven bits tell whether a signal ended the child
         mTrace = cWaits + R"(process 4711
             -T- "The child process exited normally, with exit code: %d" ")" +
                  std::to_string(lCode) + "\"\n Left";
@@ -314,7 +314,7 @@ OUTCOME(RegisterSignalHandler, IgnoresAFailure)
     }
 }
 
-/// A call of isProcessRunning() whose shell command has this status and whose result file has this size.
+/// Calls isProcessRunning() with this status of the shell command and this size of the result file.
 class Question
 {
 public:

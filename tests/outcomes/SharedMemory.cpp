@@ -74,7 +74,7 @@ Left
 )"};
 const Steps cClientCloses = {OsSharedMemoryClose, OQCM_Client, "Entered\nshmdt(segment) = 0\nLeft\n"};
 
-/// The trace until the system call of this number fails. The open stores a failed result, too.
+/// Returns the trace up to the failed system call of this number. The open also stores a failed result.
 std::string refused(const Steps& acrSteps, unsigned int aCall, const std::string& acrThrown)
 {
     const std::string lSteps = acrSteps.mTrace;
@@ -92,7 +92,7 @@ std::string refused(const Steps& acrSteps, unsigned int aCall, const std::string
            acrThrown + " \"ERROR #1\"";
 }
 
-/// The trace of a wait that sleeps so often. The header changes in the last sleep.
+/// Returns the trace of a wait with this number of sleeps. The header changes in the last sleep.
 std::string wait(unsigned int aSleeps)
 {
     std::string lTrace = "sTimedWaitOnFlag: Entered\nClibGetTime(local, local)\n";
@@ -144,8 +144,8 @@ protected:
         substitute::ClibGetTime.show();
         substitute::ClibSleepMS.show();
     }
-    /// Time passes by sleeping only: each sleep takes aStep milliseconds. In the sleep of this number, the other side sets
-    /// the flag.
+    /// Simulates the clock: only sleeps advance the time, each by aStep milliseconds. In the sleep of this number, the
+    /// other side sets the flag.
     void simulateTime(int64_t aStep, unsigned int aSleep, unsigned char& arFlag)
     {
         auto lNow = std::make_shared<int64_t>(1000000000999);

@@ -23,7 +23,7 @@ const Family cFamily(
 
 void* routine(void* apArgument) { return apArgument; }
 
-/// A handle that holds 4711. It is watched.
+/// A watched handle with the value 4711.
 class Handle
 {
 public:

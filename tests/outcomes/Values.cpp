@@ -13,7 +13,7 @@ namespace
 
 const char cLong[] = "a text that does not fit into the string object itself, so that its characters need memory";
 
-/// The only event of an assertion that fails, and the end of the process.
+/// Returns the trace of a failed assertion: one log line, then the end of the process.
 std::string assertion(const std::string& acrPlace, const char* acCondition)
 {
     return acrPlace + ": -H- \"Assertion [ %s ] failed\\n\" \"" + acCondition + "\"\nexit status 1";
@@ -52,7 +52,7 @@ typedef Pointer<int> Number;
 OQEPointerSizeType sizeType(int aNumber) { return static_cast<OQEPointerSizeType>(aNumber); }
 OQEPointerMemoryType memoryType(int aNumber) { return static_cast<OQEPointerMemoryType>(aNumber); }
 
-/// A Pointer to 5 whose destructor is called by hand, and what it holds.
+/// A Pointer to the int 5. The destructor frees the pointee and the counter, whatever a row does to the Pointer.
 class Damaged
 {
 public:
@@ -65,14 +65,14 @@ public:
         delete static_cast<OQCReferenceCount*>(mpCounter);
         delete mNumber;
     }
-    /// Not inlined, so that the compiler believes it.
+    /// Not inlined, so that the compiler does not optimise the access away.
     __attribute__((noinline)) Number& withoutCounter()
     {
         memset(mBytes + sizeof(void*), 0, sizeof(void*));
         __asm__ volatile("" : : "r"(mBytes) : "memory");
         return *mPointer;
     }
-    /// Leaves the object as a caller finds it who uses it after its end.
+    /// Destroys the object and returns it, for a caller that uses an object after its destruction.
     __attribute__((noinline)) Number& destroyed()
     {
         withoutCounter().~Number();
@@ -344,7 +344,7 @@ const Family cFamily("Strings", "backend/common/include/OQString", "Nothing is l
                       {"-H- Assertion [ mString != 0 ] failed", "use of a destroyed string"},
                       {"-H- Assertion [ acrString.mString != 0 ] failed", "a destroyed string is appended"}});
 
-/// A string after its end.
+/// A string after its destruction.
 class Destroyed
 {
 public:
@@ -497,7 +497,7 @@ namespace lists
 
 const Family cFamily("Lists", "backend/common/include/OQList", "Lists log nothing.", {});
 
-/// An element whose copy throws what the row says.
+/// An element whose copy constructor throws the exception that the row sets.
 struct Element {
     explicit Element(void (*apAtCopy)()) : mAtCopy(apAtCopy) {}
     Element(const Element& acrCopy) : mAtCopy(acrCopy.mAtCopy) { mAtCopy(); }
