@@ -1,5 +1,5 @@
-// Starts and joins threads, creates children and waits for them, and looks at what the process holds before and after:
-// descriptors, threads and children must not grow at all, memory in use not by more than 1024 kB.
+// Starts and joins threads, and creates children and waits for them. Compares the resources of the process before and
+// after: the numbers of descriptors, threads and children must be equal, and the memory may grow by at most 1024 kB.
 //
 //   ChurnSoak THREADS CHILDREN
 
@@ -12,7 +12,7 @@
 namespace
 {
 
-const long cGrowth = 1024;  // kB of resident memory; a leak of 11 bytes a thread or 53 a child would be more
+const long cGrowth = 1024;  // kB of resident memory; leaks of 11 bytes per thread or 53 bytes per child exceed it
 
 struct Holdings {
     int mDescriptors;
@@ -34,7 +34,7 @@ int entriesOf(const char* acDirectory)
 
 Holdings holdings()
 {
-    // Without the descriptor that reads the directory.
+    // Excludes the descriptor that reads the directory.
     Holdings lHoldings = {entriesOf("/proc/self/fd") - 1, entriesOf("/proc/self/task"), 0};
     FILE* const lpStatus = fopen("/proc/self/status", "r");
     CHECK(NULL != lpStatus);
@@ -64,7 +64,7 @@ void threads(unsigned long aCount)
     CHECK(aCount == lRan);
 }
 
-/// Every tenth child cannot run its program: it has the exception and ends with a status of its own.
+/// Every tenth child cannot run its program. It catches the exception and ends with another status.
 void children(unsigned long aCount)
 {
     const pid_t lParent = getpid();
@@ -86,13 +86,13 @@ void children(unsigned long aCount)
 
 void churn(const char* acWhat, void (*apRun)(unsigned long), unsigned long aCount)
 {
-    apRun(aCount / 20 + 20);  // what is allocated once is allocated now
+    apRun(aCount / 20 + 20);  // a first run, which makes all allocations that occur only once
     const Holdings lBefore = holdings();
     const double lStart = secondsNow();
     apRun(aCount);
     const double lSeconds = secondsNow() - lStart;
     for (int lTries = 1000; 1 != entriesOf("/proc/self/task") && 0 < lTries; --lTries) {
-        usleep(1000);  // the system forgets a thread a little after its join
+        usleep(1000);  // the system removes a thread from /proc shortly after its join
     }
     const Holdings lAfter = holdings();
     printf("churn: %lu %s in %.1f s, descriptors %d before and %d after, threads %d and %d, memory %ld and %ld kB\n",
@@ -109,7 +109,7 @@ void churn(const char* acWhat, void (*apRun)(unsigned long), unsigned long aCoun
 int main(int aCount, char** apArguments)
 {
     CHECK(3 == aCount);
-    SetLogLevels(OQLL_Halt);  // every child that cannot run its program would say so
+    SetLogLevels(OQLL_Halt);  // otherwise every child that cannot run its program logs an error
     churn("threads", threads, strtoul(apArguments[1], NULL, 10));
     churn("children", children, strtoul(apArguments[2], NULL, 10));
     return 0;

@@ -1,14 +1,15 @@
-// A server and a client pass numbered messages through a mailbox, and one of them is killed: at a random moment, in the
-// middle of an operation after a random number of its machine instructions, or while it opens. A new process takes its
-// place, and the server (the new one, or the one that lives) opens again. Then, every round:
+// A server and a client pass numbered messages through a mailbox. In each round the program kills one of them: at a
+// random moment, after a random number of machine instructions of an operation, or while it opens the segment. A new
+// process replaces it, and the server (the new or the surviving one) opens the segment again. After every round:
 //
 // - the channel works: another 20 messages pass;
-// - every message that was read is whole, and none is read twice;
-// - at most one written message was lost: the one in the slot;
+// - every message that was read is complete, and none was read twice;
+// - at most one written message was lost: the one in the slot.
 //
-// and at the end there is no segment, no process.
+// At the end no segment and no process exists.
 //
-// Before that, each side is only stopped for a moment, after 0, 1, 2, ... instructions of an operation.
+// Before the first round, the program only stops each side for a moment, after 0, 1, 2, ... instructions of an
+// operation.
 //
 //   KillSoak ROUNDS
 
@@ -30,13 +31,13 @@
 namespace
 {
 
-const uint64_t cProof = 20;               // messages that must pass after the channel was mended
+const uint64_t cProof = 20;               // messages that must pass after the replacement
 const size_t cRecords = 1 << 20;          // messages that may pass in one round
 const double cPatience = 60;              // seconds
 const unsigned int cLongestDelay = 2000;  // microseconds until a kill at a random moment
 const unsigned int cMostSteps = 500;      // instructions; a write takes about 250
 
-/// Thrown out of the layer's wait when the round is over: where a process of a real product would give up waiting.
+/// Thrown out of the layer's wait when the round is over. A process of a real product would give up at this point.
 struct Interrupted {
 };
 
@@ -44,15 +45,15 @@ struct Peer {
     std::atomic<bool> mOpen, mParked, mToStop, mToOpenAgain, mToBeStepped;
 };
 
-/// Memory that all processes share and that outlives each: who does what, and which messages were written and read.
+/// Memory that all processes share: the state of each side, and the messages that were written and read.
 struct Ledger {
     std::atomic<bool> mPaused;
     Peer mPeers[2];                    // client, server
     std::atomic<uint64_t> mStarted;    // number of the last write begun
     std::atomic<uint64_t> mCompleted;  // number of the last write that returned
     std::atomic<uint64_t> mReads;      // reads that returned in this round
-    uint64_t mRecords[cRecords];       // their numbers
-    Message mReading;                  // where the reader has its messages copied to
+    uint64_t mRecords[cRecords];       // numbers of the messages that were read
+    Message mReading;                  // the reader's buffer
 };
 
 Ledger* spLedger;
@@ -60,7 +61,7 @@ key_t sKey;
 
 }  // namespace
 
-// Time stands still: how long a side is held depends on the machine, and the layer's waits are not to run out over it.
+// The clock stands still, so that the layer's waits never time out. How long a side is stopped depends on the machine.
 void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds)
 {
     arSeconds = 0;
@@ -78,7 +79,7 @@ void ClibSleepMS(unsigned long)
 namespace
 {
 
-/// Waits, in any process of this program, with an end.
+/// Waits for a condition with a time limit, in any process of this program.
 void waitUntil(const char* acWhat, const std::function<bool()>& acrCondition)
 {
     const double lStart = secondsNow();
@@ -91,7 +92,7 @@ void waitUntil(const char* acWhat, const std::function<bool()>& acrCondition)
     }
 }
 
-/// Asks to be run instruction by instruction from here on.
+/// If the supervisor requests it, stops so that the supervisor can execute this process in single steps.
 void stopIfToBeStepped(Peer& arMine)
 {
     if (arMine.mToBeStepped.exchange(false)) {
@@ -125,7 +126,7 @@ void readOne(OQShmDesc& arDesc, Peer& arMine)
     ++spLedger->mReads;
 }
 
-/// Between two rounds: nothing touches the channel but a server that is told to open again.
+/// Waits between two rounds. Only a server that the supervisor tells to open again accesses the channel.
 void park(OQShmDesc& arDesc, Peer& arMine)
 {
     arMine.mParked = true;
@@ -168,7 +169,7 @@ void live(OQEConnectionMode aSide, bool aWrites)
     OsSharedMemoryClose(lDesc, aSide);
 }
 
-/// Directs the two sides and keeps the accounts.
+/// Controls the two sides and checks the messages.
 class Supervisor
 {
 public:
@@ -183,8 +184,8 @@ public:
         resume();
     }
 
-    /// Stops each side after every number of instructions of its operation, for a while in which the other side goes
-    /// on: nothing may get lost.
+    /// Stops each side after 0, 1, 2, ... instructions of its operation, for a moment. The other side continues. No
+    /// message may be lost.
     void sweep(unsigned int aSteps)
     {
         for (const OQEConnectionMode lSide : {OQCM_Server, OQCM_Client}) {
@@ -228,7 +229,7 @@ public:
         waitUntil("the other side to park", [&] { return spLedger->mPeers[lOther].mParked.load(); });
         countState();
         account();
-        // A message that the dead reader had copied to the end was read, whether it lived to say so or not.
+        // A message that the killed reader copied completely counts as read, even if the reader did not record it.
         uint64_t lHeld;
         if (lVictim != mWriter && spLedger->mReading.isWhole(lHeld) && lHeld == mLast + 1) {
             mLast = lHeld;
@@ -236,7 +237,7 @@ public:
         mMayBeLost = 1;
         mNeverWritten = lVictim == mWriter && spLedger->mCompleted < spLedger->mStarted ? 1 : 0;
 
-        while (0 == below(4)) {  // and the next one does not get far either
+        while (0 == below(4)) {  // sometimes also kill new processes, while they open the segment
             begin(lVictim);
             usleep(below(400));
             kill(mPids[lVictim], SIGKILL);
@@ -301,7 +302,7 @@ private:
         mAllPids.insert(lPid);
     }
 
-    /// Our kill, and nothing else, ended it.
+    /// Waits for the killed process and checks that SIGKILL ended it.
     void reap(OQEConnectionMode aSide)
     {
         int lStatus = 0;
@@ -316,7 +317,7 @@ private:
         kill(mPids[aSide], SIGKILL);
     }
 
-    /// Stops after so many instructions of the operation, or earlier when it has come to where it shall stop.
+    /// Executes the given number of instructions of the operation in single steps, or fewer if acrHasCome returns true.
     void step(OQEConnectionMode aSide, unsigned int aSteps, const std::function<bool()>& acrHasCome)
     {
         spLedger->mPeers[aSide].mToBeStepped = true;
@@ -351,7 +352,8 @@ private:
         ++(0 != lHeader.data_ready ? mFull : 0 != lHeader.segment_free ? mEmpty : mChanging);
     }
 
-    /// All that was read since the last account follows one upon the other; only the first may have a gap before it.
+    /// Checks the messages that were read since the last call: their numbers are consecutive, with a gap only at the
+    /// start.
     void account()
     {
         const uint64_t lReads = spLedger->mReads;
@@ -393,8 +395,8 @@ private:
     pid_t mPids[2] = {-1, -1};
     std::set<pid_t> mAllPids;
     uint64_t mLast;              // number of the last message known to be read
-    uint64_t mMayBeLost = 0;     // gap before the next one: by the death of a process,
-    uint64_t mNeverWritten = 0;  // and because it died before it had written
+    uint64_t mMayBeLost = 0;     // permitted gap before the next number: messages lost by a kill,
+    uint64_t mNeverWritten = 0;  // and messages that the killed writer had not written
     unsigned int mKilled[2] = {0, 0};
     unsigned int mHeld = 0, mStepped = 0, mBetween = 0, mAtOpen = 0, mEmpty = 0, mFull = 0, mChanging = 0;
     uint64_t mRead = 0, mLost = 0;
@@ -402,7 +404,7 @@ private:
 
 pid_t sMain;
 
-/// Whatever happened, nothing stays: the children end with this process.
+/// Removes the segment at any exit. The children end together with this process.
 void removeSegment()
 {
     const int lId = shmget(sKey, 0, 0);

@@ -1,6 +1,6 @@
-// A server and a client process pass numbered messages with checksums through one mailbox, as fast as they can: the
-// companion's sleep only yields, so that every interleaving of the two can come up. First the client writes, then, on a
-// new segment, the server.
+// A server and a client process pass numbered messages with checksums through one mailbox, as fast as they can. The
+// companion's sleep only yields the processor, so that every interleaving of the two can occur. First the client
+// writes. Then the server writes, on a new segment.
 //
 //   MailboxSoak MESSAGES
 
@@ -40,7 +40,7 @@ void readAll(OQShmDesc& arDesc, uint64_t aFirst, uint64_t aEnd)
     }
 }
 
-/// The client is a child process; the server, this one, opens before it starts.
+/// The client is a child process. The server is this process, which opens the segment before it starts the client.
 void pass(bool aClientWrites, uint64_t aFirst, uint64_t aEnd)
 {
     const key_t cKey = keyOfProcess(1);

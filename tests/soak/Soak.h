@@ -1,5 +1,5 @@
 /// \file
-/// What the soak programs share: a check that ends the program, and messages that tell whether they arrived whole.
+/// Shared code of the soak programs: a check that ends the program, and messages with a checksum.
 #ifndef OQ_SOAK_H
 #define OQ_SOAK_H
 
@@ -33,10 +33,10 @@ inline double secondsNow()
     return static_cast<double>(lNow.tv_sec) + static_cast<double>(lNow.tv_nsec) / 1e9;
 }
 
-/// Of this process's own.
+/// Returns a System V key of this process.
 inline key_t keyOfProcess(int aNumber) { return ((getpid() << 8) | aNumber) & 0x7fffffff; }
 
-/// A message: number, length, a body that follows from the number, checksum.
+/// A message: number, length, a body that is computed from the number, checksum.
 class Message
 {
 public:
@@ -54,7 +54,7 @@ public:
         memcpy(mBytes + mLength - 4, &lSum, 4);
     }
 
-    /// Whether this is, to the last byte, what make() made for its number.
+    /// Returns whether the length and the checksum are those that make() stores for the number.
     bool isWhole(uint64_t& arNumber) const
     {
         uint32_t lLength;

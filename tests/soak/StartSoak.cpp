@@ -1,7 +1,7 @@
-// Starts programs from eight threads, every third of which cannot be run, while signals arrive, descriptors run out and
-// threads are cancelled. Afterwards there is no zombie and no further descriptor, no buffered output was written twice,
-// no handler ran in a child that shares the memory of its parent, and no parent came back before its throwing child had
-// ended.
+// Starts programs from eight threads while signals arrive, descriptors run out and threads are cancelled. Every third
+// program cannot be run. Afterwards no zombie and no additional descriptor exists. No buffered output was written
+// twice. No handler ran in a child that shares its parent's memory. ProcessCreate never returned in the parent before
+// the throwing child had ended.
 //
 //   StartSoak STARTS
 
@@ -36,14 +36,14 @@ std::atomic<unsigned long> sThrown(0);
 std::atomic<unsigned long> sRefused(0);
 std::atomic<unsigned long> sCancelled(0);
 std::atomic<unsigned long> sHandledInHost(0);
-std::atomic<unsigned long> sHandledInChild(0);  // in a child that shares this memory; others count in their own
+std::atomic<unsigned long> sHandledInChild(0);  // in a child that shares this memory; others have a copy
 
 void countSignal(int) { ++(sHost == getpid() ? sHandledInHost : sHandledInChild); }
 
-/// Where the throwing children say why they end.
+/// The throwing children write their error messages into this file.
 FILE* sReports;
 
-/// How far the throwing child of each thread is; parent and child both see it.
+/// The progress of each thread's throwing child, in memory that parent and child share.
 std::atomic<unsigned int>* sProgress;
 
 /// The handler that the guide recommends, with an output that is a cancellation point.
@@ -70,7 +70,7 @@ void start(unsigned int aThread, bool aRuns)
         if (sHost != getpid()) {
             leave(lrProgress, acrFailure);
         }
-        ++sRefused;  // the system makes no further process just now
+        ++sRefused;  // the system cannot create another process at the moment
         return;
     }
     CHECK(aRuns || cHandled == lrProgress);
@@ -113,7 +113,7 @@ void* startMany(void* apThread)
     return NULL;
 }
 
-/// Takes all descriptors that are left and gives them back, again and again.
+/// Repeatedly opens all remaining descriptors and closes them again.
 void* useUpDescriptors(void*)
 {
     while (!sStop) {
@@ -157,12 +157,12 @@ int main(int aCount, char** apArguments)
     CHECK(2 == aCount);
     sStarts = strtoul(apArguments[1], NULL, 10);
     sHost = getpid();
-    CHECK(0 == setpgid(0, 0) || getpgrp() == getpid());  // a session leader has its group already
+    CHECK(0 == setpgid(0, 0) || getpgrp() == getpid());  // fails for a session leader, which already has its own group
     sProgress = static_cast<std::atomic<unsigned int>*>(
         mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     CHECK(MAP_FAILED != static_cast<void*>(sProgress));
 
-    // Written once at the end; by a child that runs exit handlers, once more.
+    // The buffer is written once at the end. A child that runs exit handlers would write it once more.
     FILE* const lpBuffered = tmpfile();
     CHECK(NULL != lpBuffered);
     fputs("once", lpBuffered);
