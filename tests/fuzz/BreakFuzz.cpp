@@ -1,4 +1,4 @@
-// OsBreak over any bytes, in a buffer of exactly their size and a zero.
+// Calls OsBreak with any bytes, in a buffer that has room only for them and a terminating zero.
 
 #include <string.h>
 

@@ -1,4 +1,5 @@
-// OsExecute's reading: there is no shell, the input says what each read delivers and how the reading ends.
+// Tests how OsExecute reads. No shell runs: the fuzzer's input determines what each read returns and how the reading
+// ends.
 
 #include <string.h>
 
@@ -13,12 +14,12 @@ namespace
 
 enum Ending { EndOfData, ReadFails, PopenFails };
 
-int sStream;  // what the layer holds is never looked into
+int sStream;  // the layer gets its address as the stream and never accesses it
 Ending sEnding;
 bool sFailed;
 int sOpened;
 int sClosed;
-std::vector<std::string> sOutput;  // of the command, in pieces: a read delivers at most one
+std::vector<std::string> sOutput;  // output of the command in pieces; a read returns at most one piece
 size_t sPiece;
 std::vector<std::string> sDelivered;
 std::vector<size_t> sAsked;
@@ -91,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* acData, size_t aSize)
         lThrown = true;
     }
 
-    // The text of a read ends at its first zero byte; what is unfinished is put before the next.
+    // The text of a read ends at its first zero byte. An incomplete line is placed before the text of the next read.
     Texts lTexts = {"there before"};
     std::string lLog = logged("Entered") + logged("Calling popen");
     std::vector<size_t> lAsked(1, 3999);
@@ -110,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* acData, size_t aSize)
     } else if (sFailed) {
         lLog += logged("Failed to read - Input/output error");
     } else {
-        // Nothing but the end of the output or a full buffer ends the reading.
+        // Only the end of the output or a full buffer ends the reading.
         CHECK(sOutput.size() == sPiece || 3999 == lRest.size());
         lLog += logged("Fread returned ERROR. lLength = 0");
         lLog += logged("Number of lines in output: " + std::to_string(lTexts.size()));

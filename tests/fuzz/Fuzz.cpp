@@ -15,6 +15,6 @@ void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsign
     va_end(lArguments);
     CHECK(0 <= lLength && static_cast<size_t>(lLength) < sizeof sText);
     CHECK(3 == strlen(acTag) && 0 != aLine && 0 != *acFunction && 0 != *acFile);
-    CHECK(OQLL_Trace == aLevel);  // nothing that is fuzzed has anything worse to say
+    CHECK(OQLL_Trace == aLevel);  // the fuzzed operations log only trace lines
     gLog.append(sText, static_cast<size_t>(lLength) + 1);
 }

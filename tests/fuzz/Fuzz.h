@@ -1,5 +1,5 @@
 /// \file
-/// What every fuzz target stands on: a check that ends the run, the log, the input, and the model of the line splitter.
+/// Shared code of the fuzz targets: a check that ends the run, the log, the input, and the model of the line splitter.
 #ifndef OQ_FUZZ_H
 #define OQ_FUZZ_H
 
@@ -23,12 +23,12 @@
 
 typedef std::vector<std::string> Texts;
 
-/// The formatted messages of the layer since it was last cleared, each with a zero byte behind it.
+/// The layer's formatted messages since the last clear(), each followed by a zero byte.
 extern std::string gLog;
 
 inline std::string logged(const std::string& acrText) { return acrText + '\0'; }
 
-/// The fuzzer's bytes, taken from the front. After the end there are only zeros.
+/// The fuzzer's bytes. Each call consumes bytes from the front. After the end, byte() returns 0.
 class Input
 {
 public:
@@ -42,8 +42,8 @@ public:
         mData += lCount;
         return std::string(reinterpret_cast<const char*>(mData) - lCount, lCount);
     }
-    /// Bytes as they come, or up to eight of them again and again, so that a long text needs no long input: mostly up
-    /// to 255 bytes, now and then up to 8191.
+    /// Returns the next bytes, or a repetition of up to eight bytes, so that a short input can give a long text. A
+    /// repetition mostly has up to 255 bytes, and sometimes up to 8191.
     std::string text()
     {
         const unsigned int lKind = byte();
@@ -51,7 +51,7 @@ public:
             return bytes(lKind / 2);
         }
         const std::string lPattern = bytes(1 + lKind / 2 % 8);
-        const bool lLong = 240 <= lKind && std::string::npos == lPattern.find('\n');  // thousands of lines take long
+        const bool lLong = 240 <= lKind && std::string::npos == lPattern.find('\n');  // many lines take long
         const size_t lSize = lPattern.empty() ? 0 : lLong ? number() % 8192 : byte();
         std::string lText;
         lText.reserve(lSize + lPattern.size());
@@ -67,8 +67,8 @@ private:
     const uint8_t* mEnd;
 };
 
-/// What the line splitter promises for a text without zero bytes: its complete lines, its unfinished last line, and
-/// what is logged in between.
+/// The expected result of the line splitter for a text without zero bytes: the complete lines, the incomplete last
+/// line, and the log lines between "Entered" and "Left".
 struct Split {
     explicit Split(const std::string& acrText)
     {

@@ -1,4 +1,4 @@
-// OQCList of strings and of numbers under any sequence of operations, beside std::list.
+// Performs any sequence of operations on OQCLists of strings and of numbers, and compares them with std::list.
 
 #include <iterator>
 #include <list>
@@ -57,7 +57,7 @@ void run(Input& arInput)
                 Element lElement = elementOf(lValue);
                 lrList.append(lElement);
                 lrModel.push_back(lValue);
-                lElement = elementOf(Model());  // the list's copy stays as it is
+                lElement = elementOf(Model());  // must not change the list's copy
                 break;
             }
             case 2:  // an element of its own

@@ -1,4 +1,4 @@
-// The daemon's request parser over any bytes in pieces of any size.
+// Passes any bytes to the daemon's request parser, in pieces of any size.
 
 #include <ctype.h>
 #include <string.h>
@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* acData, size_t aSize);
 namespace
 {
 
-/// What the parser said, one text an event.
+/// The events of the parser, one text for each.
 class Events : public RequestSink
 {
 public:
@@ -31,7 +31,7 @@ public:
     Texts mAccepted;
 };
 
-/// Feeds pieces of these sizes, over and over.
+/// Feeds the bytes in pieces. Uses the sizes in turn, from the start again after the last one.
 Events parse(const std::string& acrBytes, const std::vector<unsigned int>& acrSizes)
 {
     Events lEvents;
@@ -61,7 +61,7 @@ bool isTokenByte(unsigned char aByte) { return isLetterOrDigit(aByte) || '-' == 
 bool isNameByte(unsigned char aByte) { return isTokenByte(aByte) || '.' == aByte || '_' == aByte; }
 bool isPlain(unsigned char aByte) { return 32 <= aByte && 127 != aByte; }
 
-/// What must come of the text between the start and the end byte. \return the event, or nothing
+/// Models the parser for a text between the start and the end byte. \return the event, or "" for an invalid request
 std::string modelOf(const std::string& acrText)
 {
     const size_t lFirst = std::min(acrText.find(' '), acrText.size());
@@ -94,11 +94,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* acData, size_t aSize)
     while (!lInput.isEmpty() && lBytes.size() < 1200) {
         lBytes += lInput.text().substr(0, 600);
     }
-    const std::vector<unsigned char> lGarbage(lBytes.begin(), lBytes.end());  // of this size: a look beyond it is seen
+    const std::vector<unsigned char> lGarbage(lBytes.begin(), lBytes.end());  // exact size, to detect an overrun
     Events lEvents;
     RequestParser(lEvents).feed(lGarbage.data(), static_cast<unsigned int>(lGarbage.size()));
 
-    // However the bytes before it went, a whole request is found.
+    // The parser finds a complete request after any bytes.
     lBytes += "\x02last-1 running init\n";
 
     const Events lAtOnce = parse(lBytes, {static_cast<unsigned int>(lBytes.size())});
@@ -106,8 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* acData, size_t aSize)
     CHECK(lAtOnce.mEvents == parse(lBytes, lSizes).mEvents);
     CHECK("request|last-1|running|init" == lAtOnce.mEvents.back());
 
-    // A request goes from a start byte to the first end byte, unless another start byte comes first. What is wrong is
-    // said once: before the first start byte, inside a request, behind one.
+    // A request goes from a start byte to the first end byte, unless another start byte comes first. The parser
+    // reports an error once for each place: before the first start byte, inside a request, and after a request.
     Texts lAccepted;
     size_t lStart = lBytes.find('\x02');
     size_t lRefused = 0 < lStart ? 1 : 0;

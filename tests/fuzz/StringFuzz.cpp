@@ -1,4 +1,4 @@
-// OQCString under any sequence of operations, beside std::string.
+// Performs any sequence of operations on OQCStrings and compares them with std::string.
 
 #include <memory>
 
@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* acData, size_t aSize)
                     lModels[lTo] += lModels[lFrom];
                 }
         }
-        // Nothing done to one object moves the text of another, and no two share theirs.
+        // An operation on one object does not move the text of another, and no two objects share a text.
         CHECK(lpKept == lStrings[(lTo + 1) % cObjects]->get());
         CHECK(lTo == lFrom || lStrings[lTo]->get() != lStrings[lFrom]->get());
         for (size_t lIndex = 0; lIndex < cObjects; ++lIndex) {
