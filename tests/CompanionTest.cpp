@@ -1,5 +1,5 @@
-// The companion runtime as a host gets it: this program uses the real log and substitutes no function. How each function
-// ends: outcomes/Companion.cpp.
+// The companion runtime as a host uses it, with the real log and without substitutes. outcomes/Companion.cpp tests how
+// each function ends.
 
 #include <fcntl.h>
 #include <limits.h>
@@ -39,7 +39,7 @@ Texts split(const std::string& acrText)
     return lLines;
 }
 
-/// The part of a line behind "(file:line) ".
+/// The part of a line after "(file:line) ".
 std::string messageOf(const std::string& acrLine)
 {
     const size_t lEnd = acrLine.find(") ");
@@ -87,7 +87,7 @@ void logEachLevel()
     PrintLogMessageWithTimeStamp(2, "-2-", 16, "f", ".//F", "two");
 }
 
-/// What a host that has set nothing finds on standard error. Taken before main(), so that no test has set anything.
+/// Returns the lines that a host without settings gets on standard error. Called before main(), so no test has set any.
 Texts loggedByDefault()
 {
     const LogFile lFile;
@@ -104,7 +104,7 @@ class CompanionTest : public LeftoverTest
 {
 };
 
-/// The log writes all levels to a file.
+/// A test in which the log writes all levels to a file.
 class LogTest : public LeftoverTest
 {
 protected:
@@ -199,7 +199,7 @@ TEST_F(LogTest, LineThatCannotBeWrittenKeepsErrnoAndTheNextLineIsWhole)
     }
 }
 
-/// Operations go on with a log that takes no line, leave errno alone, and fail with their own text.
+/// When the log cannot write a line, operations continue, preserve errno, and throw with their own error text.
 TEST_F(LogTest, OperationsGoOnWhenTheDiskOfTheLogIsFull)
 {
     const OQCString lName(path("pipe").c_str());
@@ -245,7 +245,7 @@ TEST_F(LogTest, OperationsGoOnWhenTheDiskOfTheLogIsFull)
     EXPECT_EQ(Texts{"kept"}, mFile->messages());
 }
 
-/// Limits the size of this process's files while it lives, and ignores the signal of that limit.
+/// While the object exists, limits the size of this process's files and ignores SIGXFSZ, the signal of that limit.
 class FileSizeLimit
 {
 public:
@@ -289,7 +289,7 @@ TEST_F(LogTest, OneOfManyThreadsEndsTheLineThatWasWrittenInPart)
         for (std::thread& lrThread : lThreads) {
             lrThread.join();
         }
-        // The thread that ends the line need not be the first to write: its line feed then leaves an empty line.
+        // Another thread may write first. The line feed that ends the cut line then makes an empty line.
         const std::string lText = mFile->text();
         EXPECT_EQ(cThreads + 1, std::count(lText.begin(), lText.end(), '\n'));
     }
@@ -366,9 +366,9 @@ TEST_F(LogTest, ChildForkedWhileOthersLogCanLog)
 
 const int cWriters = 8;          // threads of a process
 const int cLinesEach = 6250;     // 2 processes with 8 threads: 100,000 lines
-const int cLongLineEvery = 500;  // some lines are longer than what a pipe would keep together
+const int cLongLineEvery = 500;  // some lines are longer than a pipe writes without mixing
 
-/// Process, thread and number of the line, then letters: how many and which depends on the number.
+/// Process, thread and number of the line, then letters. Their count and values depend on the number.
 std::string messageOfWriter(long aProcess, unsigned long aThread, int aLine)
 {
     const size_t lLength = 0 == aLine % cLongLineEvery ? 5000 : static_cast<size_t>(aLine * 7 % 90);
@@ -383,7 +383,7 @@ void logFromThreads()
     for (int lThread = 0; lThread < cWriters; ++lThread) {
         lThreads.emplace_back([&lReady] {
             ++lReady;
-            while (lReady < cWriters) {  // so that no thread gets the handle of one that has ended
+            while (lReady < cWriters) {  // otherwise a thread could get the handle of one that has ended
                 sched_yield();
             }
             for (int lLine = 0; lLine < cLinesEach; ++lLine) {
@@ -421,7 +421,7 @@ TEST_F(LogTest, LinesOfManyThreadsOfTwoProcessesAreAllWhole)
         ASSERT_TRUE(std::equal(cStamp, cStamp + 28, lrLine.begin(), [](char aShape, char aCharacter) {
             return 'd' == aShape ? '0' <= aCharacter && aCharacter <= '9' : aShape == aCharacter;
         })) << lrLine;
-        // All lines of a thread are there in their order, and each is whole.
+        // All lines of a thread are complete and in order.
         ASSERT_EQ(std::to_string(lProcess) + " " + std::to_string(lThread) + " -E- OsLockFile (.//MiscLinux:88) " +
                       messageOfWriter(lProcess, lThread, lNext[{lProcess, lThread}]++),
                   lrLine.substr(28));
@@ -536,7 +536,7 @@ TEST_F(CompanionTest, NameAndTimeAreThoseOfTheHost)
     long lSeconds = 0;
     unsigned short lMilliseconds = 4711;
     ClibGetTime(lSeconds, lMilliseconds);
-    EXPECT_LE(lBefore - 1, lSeconds);  // time() may lag behind the fine clock
+    EXPECT_LE(lBefore - 1, lSeconds);  // time() may lag behind clock_gettime()
     EXPECT_GE(time(nullptr) + 1, lSeconds);
     EXPECT_GT(1000, lMilliseconds);
 }

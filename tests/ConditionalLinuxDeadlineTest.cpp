@@ -1,5 +1,5 @@
-// The deadline of a host of 32 bits whose time_t has 64. The source is part of this program, so that it is compiled like
-// that. The C library's functions then have other names than those that the test kit substitutes.
+// The deadline on a 32-bit host with a 64-bit time_t. This program includes the source in order to compile it with such
+// a time_t. The C library's functions then have other names, which the test kit does not substitute.
 #include "ConditionalLinux.cpp"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// What condition variables do among several threads and in real time. How each operation ends: outcomes/Conditions.cpp.
+// Condition variables with several threads and in real time. outcomes/Conditions.cpp tests how each operation ends.
 
 #include <errno.h>
 #include <string.h>
@@ -9,7 +9,7 @@
 #include "LinuxInternal.h"
 #include "Substitutes.h"
 
-// The source is part of this program so that its local function can be called.
+// Includes the source to call its local function.
 namespace local
 {
 #include "ConditionalLinux.cpp"
@@ -18,7 +18,7 @@ namespace local
 namespace
 {
 
-/// Seconds of a clock that nobody sets.
+/// Returns the seconds of the monotonic clock.
 double now()
 {
     timespec lNow;
@@ -129,7 +129,7 @@ TEST_F(ConditionalLinuxTest, AWaitOfOneSecondTimesOutAfterOneSecondWithTheMutexH
     EXPECT_EQ("-T- \"Condition wait timed out.\"\n", trace());
 }
 
-// The broadcast, which no caller can reach
+// The broadcast, which is not exported
 
 TEST_F(ConditionalLinuxTest, BroadcastIsOneSilentCall)
 {
@@ -185,7 +185,7 @@ TEST_F(ConditionalLinuxTest, BroadcastWakesAllWaiters)
     OsUnlockMutex(mMutex);
     EXPECT_TRUE(lAre(0));
     for (unsigned int lThread = 0; lThread < cWaiters; ++lThread) {
-        OsSignal(mCondition);  // a waiter that the broadcast missed must not hold up the program
+        OsSignal(mCondition);  // wakes waiters that the broadcast missed, so that the test ends
     }
     for (std::thread& lrThread : lThreads) {
         lrThread.join();
@@ -194,7 +194,7 @@ TEST_F(ConditionalLinuxTest, BroadcastWakesAllWaiters)
 
 // Many threads
 
-/// A queue with room for 64 items; what is put in and taken out is signalled one by one.
+/// A queue with room for 64 items. Each put and each take signals one waiter.
 class Queue
 {
 public:
@@ -245,7 +245,7 @@ private:
 
 const unsigned int cItems = OQ_SANITIZED ? 20000 : 100000;
 
-/// Four producers hand so many different items to four consumers.
+/// Four producers pass different items to four consumers. Expects that each item arrives once.
 void expectNothingLost(Queue::Wait aWait)
 {
     Queue lQueue(aWait);

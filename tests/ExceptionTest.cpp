@@ -1,4 +1,4 @@
-// The tree of exceptions: classes, codes, layout. What each operation throws: outcomes/.
+// The exception tree: classes, codes, layout. The rows in outcomes/ test what each operation throws.
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -24,7 +24,7 @@ namespace
 
 thread_local int sLayerFrames = 0;
 
-/// Frames of the layer's code on this thread's stack.
+/// Counts the frames of the layer's code on this thread's stack.
 int layerFrames()
 {
     void* lFrames[64];
@@ -41,8 +41,8 @@ int layerFrames()
 
 }  // namespace
 
-/// Counts the frames that the unwinder will pass through in the layer. Takes the place of __cxa_throw(), which each
-/// compiler declares differently.
+/// Counts the frames that the unwinder will pass through in the layer. Replaces __cxa_throw(). The name differs here,
+/// because each compiler declares __cxa_throw() differently.
 extern "C" [[noreturn]] void countThenThrow(void* apException, void* apType,
                                             void (*apDestructor)(void*)) __asm__("__cxa_throw");
 void countThenThrow(void* apException, void* apType, void (*apDestructor)(void*))
@@ -57,8 +57,8 @@ void countThenThrow(void* apException, void* apType, void (*apDestructor)(void*)
 namespace
 {
 
-/// Deletes an object through a base and sees that it is the whole object whose memory goes. Under a sanitizer nothing
-/// is counted: a wrong address, or none, is its own report.
+/// Deletes an object through a base and expects that the memory of the whole object is freed. In a sanitizer build, the
+/// sanitizer itself reports a wrong address or a leak.
 template <class Base>
 void expectDeletedWhole(Base* apObject)
 {
@@ -67,7 +67,7 @@ void expectDeletedWhole(Base* apObject)
     EXPECT_EQ(FailingMemory::isPossible(), isFreed(0));
 }
 
-/// What one leaf must be, written out by hand.
+/// The expected family, code and kind of one leaf.
 template <class LeafClass, class FamilyClass, unsigned int CodeOfLeaf, bool IsHalt>
 struct Row {
     typedef LeafClass Leaf;
@@ -109,7 +109,7 @@ typedef ::testing::Types<
     Row<OQCGetIpAddressFailEx,        OQCOsException,      347, false>> Rows;
 // clang-format on
 
-/// A base that is inherited virtually is known by what the language forbids: the cast down from it.
+/// Detects a virtual base: the language forbids a static_cast from it to the derived class.
 template <class Base, class Derived, class = void>
 struct IsVirtualBase : std::is_base_of<Base, Derived> {
 };
@@ -118,7 +118,7 @@ struct IsVirtualBase<Base, Derived, decltype(static_cast<void>(static_cast<Deriv
     : std::false_type {
 };
 
-/// Whether an exception thrown by an operation arrives at a handler for the class; others go past.
+/// Returns whether a handler for the class catches the exception of an operation.
 template <class Caught, class Operation>
 bool caughtAs(const Operation& acrOperation, const std::string& acrText, unsigned int aCode)
 {
@@ -135,7 +135,7 @@ bool caughtAs(const Operation& acrOperation, const std::string& acrText, unsigne
     return false;
 }
 
-/// A class below a leaf, which builds all the virtual bases, each with arguments of its own.
+/// A class derived from a leaf. It constructs each virtual base with different arguments.
 template <class TableRow, bool IsHalt>
 struct Derived : TableRow::Leaf {
     Derived()
@@ -205,7 +205,7 @@ TYPED_TEST(ExceptionTreeTest, LeafHasOneConstructorAVirtualDestructorAndNoData)
     EXPECT_TRUE((std::is_constructible<Leaf, const char*, unsigned int>::value));
     EXPECT_FALSE((std::is_constructible<Leaf, const char*>::value));
     EXPECT_TRUE(std::has_virtual_destructor<Leaf>::value);
-    // Nothing but table pointers, one for each class at most, is added to the root.
+    // A leaf adds only table pointers to the root, at most one for each class.
     EXPECT_LE(sizeof(Leaf), sizeof(OQCException) + (TypeParam::cHalt ? 3U : 2U) * sizeof(void*));
 }
 
@@ -237,7 +237,7 @@ TYPED_TEST(ExceptionTreeTest, LeafIsDeletedWholeThroughEveryBase)
     expectDeletedWhole<OQCException>(new Leaf("a text", TypeParam::cCode));
 }
 
-// A handler in a module whose C++ library compares types by address matches only what is visible.
+// If a module's C++ library compares types by address, its handlers match only types with visible type information.
 TYPED_TEST(ExceptionTreeTest, TypeInformationIsVisibleInTheLibrary)
 {
     void* const lpLibrary = dlopen("libOQLinux.so.1", RTLD_NOW | RTLD_NOLOAD);
@@ -317,7 +317,7 @@ TEST_F(ExceptionTest, WhatIsTheThirdVirtualOperation)
     const void* const* lpOfRoot;
     memcpy(&lpOfProbe, static_cast<const void*>(&lProbe), sizeof lpOfProbe);
     memcpy(&lpOfRoot, static_cast<const void*>(&lRoot), sizeof lpOfRoot);
-    // Both destructors come first and are the class's own; the slot of what() is the one that a caller goes through.
+    // The first two slots are the destructors of the class itself. Callers use the slot after them for what().
     const char* (*lpWhat)(const OQCException*);
     memcpy(&lpWhat, lpOfProbe + 2, sizeof lpWhat);
     EXPECT_STREQ("third", lpWhat(&lProbe));
@@ -436,7 +436,7 @@ TEST_F(ExceptionTest, FailuresOfSeveralThreadsKeepTheirTextsApart)
     EXPECT_EQ(0, lWrong);
 }
 
-/// Logs that it is destroyed.
+/// Logs its destruction.
 struct Witness {
     ~Witness() { PrintLogMessageWithTimeStamp(OQLL_Information, "-I-", 1, "f", "f", "destroyed"); }
 };

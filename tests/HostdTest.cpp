@@ -1,5 +1,5 @@
-// hostd and hostctl tried as a new user would try them, through real processes, and what they keep to themselves, as
-// part of this program.
+// Tests hostd and hostctl as a new user would use them, in real processes. Tests their internal classes as parts of
+// this program.
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -28,7 +28,7 @@
 namespace
 {
 
-/// Seconds since the object was made.
+/// Measures the seconds since its construction.
 class Clock
 {
 public:
@@ -44,7 +44,7 @@ bool exists(const std::string& acrPath)
     return 0 == lstat(acrPath.c_str(), &lInfo);
 }
 
-/// Whether a process has ended; one that nobody has collected yet has, when no other thread of it still runs.
+/// Returns whether a process has ended. A zombie counts as ended if no other thread of the process still runs.
 bool isGone(int aPid)
 {
     const std::string lProcess = "/proc/" + std::to_string(aPid);
@@ -116,7 +116,7 @@ TEST(RequestParser, ARequestThatBreaksOffAnywhereSpoilsOnlyItself)
 {
     const std::string lWhole = framed("tok echo text");
     for (size_t lLength = 1; lLength < lWhole.size(); ++lLength) {
-        // The token is believed once the blank behind it has come.
+        // The parser uses the token only after the blank that follows it.
         const std::string lToken = lLength < 5 ? "" : "tok";
         EXPECT_EQ((Strings{"!" + lToken + "|the request breaks off", "next|status|"}),
                   parsed(lWhole.substr(0, lLength) + framed("next status")))
@@ -243,7 +243,7 @@ TEST_F(LockedFileTest, ALockOnAFileThatWasRemovedMeanwhileDoesNotCount)
         substitute::ClibOpen.instead([&](const char* acPath, int aFlags, int aMode) {
             const int lDescriptor = substitute::ClibOpen.real(acPath, aFlags, aMode);
             if (1 == ++lOpened) {
-                unlink(lPath.c_str());  // its last holder removes it; then somebody makes a new one
+                unlink(lPath.c_str());  // as the last holder does; another process may then create a new file
                 lIsReplaced ? void(std::ofstream(lPath) << "new\n") : void();
             }
             return lDescriptor;
@@ -266,7 +266,7 @@ const uid_t cNobody = 65534;
 const char* const cName = "hostdtest";
 const Strings cNothing;
 
-/// The turn of this program to use the result file of the whole host, and other names in /tmp that are fixed.
+/// Gives this program exclusive use of the host's result file and of other fixed names in /tmp.
 class FixedNames
 {
 public:
@@ -284,7 +284,7 @@ public:
     const int mLock;
 };
 
-/// A directory of its own for the files of a daemon and its tool.
+/// A test of a daemon and its tool, whose files are in a directory of the test.
 class Hostd : public RecordedTest
 {
 protected:
@@ -312,12 +312,12 @@ protected:
     static std::string turn() { return path("hostdtest.ask"); }
     static std::string log() { return path("log"); }
     static Strings all() { return {lock(), fifo(), turn(), "segment"}; }
-    /// Of the process that holds the lock, as it says.
+    /// Returns the process id that the lock file contains.
     static int pid() { return atoi(contentOf(lock()).c_str()); }
     key_t segmentKey() const { return Channel(mDirectory, cName).mKey; }
     void removeSegment() const { shmctl(shmget(segmentKey(), 0, 0), IPC_RMID, nullptr); }
 
-    /// What is in the system under this name.
+    /// Returns those files and the segment of the daemon's name that exist.
     Strings left() const
     {
         Strings lLeft;
@@ -344,7 +344,7 @@ protected:
     {
         return std::unique_ptr<Command>(new Command(named(HOSTCTL, acrWords)));
     }
-    /// Asks, and reads what the tool traces until it waits for the answer.
+    /// Starts the tool with a request and reads its trace until it waits for the answer.
     static std::unique_ptr<Command> ask(const std::string& acrText)
     {
         std::unique_ptr<Command> lAsk = spawn({"ask", "--trace", "echo", acrText});
@@ -394,7 +394,7 @@ protected:
     {
         expect(0, acrText + "\n", "", hostctl({"ask", "echo", acrText}));
     }
-    /// One line, no output, exit status 1.
+    /// Expects exit status 1, no output, and one error line.
     static void expectFailure(const std::string& acrLine, const Result& acrResult)
     {
         expect(1, "", acrLine + "\n", acrResult);
@@ -407,7 +407,7 @@ protected:
     {
         return eventually([&] { return contains(contentOf(log()), acrText); });
     }
-    /// Writes bytes into the FIFO past the tool.
+    /// Writes bytes into the FIFO without the tool.
     static void writeRaw(const std::string& acrBytes)
     {
         const int lFifo = open(fifo().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
@@ -415,20 +415,20 @@ protected:
         close(lFifo);
     }
 
-    /// The tool without its daemon beside it, and one in its place.
+    /// Copies the tool, and puts another program in the place of the daemon.
     static void copyTool(const std::string& acrDaemon)
     {
         writeProgram(path("hostctl"), contentOf(HOSTCTL));
         writeProgram(path("hostd"), acrDaemon);
     }
-    /// For the child: finds this program first.
+    /// Creates a program. Returns a preparation for a child, which then finds this program first in PATH.
     std::function<void()> withProgram(const std::string& acrName, const std::string& acrScript) const
     {
         writeProgram(path(acrName), "#!/bin/sh\n" + acrScript);
         return [this] { setenv("PATH", (mDirectory + ":" + getenv("PATH")).c_str(), 1); };
     }
 
-    /// The mailbox as a tool sees it.
+    /// Opens the mailbox as a tool does.
     OQShmDesc openMailbox() const
     {
         OQShmDesc lMailbox = {segmentKey(), cSegmentSize, -1, nullptr};
@@ -450,7 +450,7 @@ protected:
     std::string mDirectory;
 };
 
-/// A daemon that is asked.
+/// A test that sends requests to a running daemon.
 class Asked : public Hostd
 {
 protected:
@@ -510,7 +510,7 @@ TEST_F(Asked, AnswersAboutTheSystemAreThoseOfTheLayerAndOfItsPrograms)
         expectFailure(std::string("hostctl: hostd answered: ") + acrFailure.what(), {"ask", "addresses"});
     }
 
-    const std::string lDf = resultOf({"df", "-P"}).mOut;  // its heading is in the language of the user
+    const std::string lDf = resultOf({"df", "-P"}).mOut;  // the heading is in the user's language
     const Result lDisks = hostctl({"ask", "disks"});
     EXPECT_EQ(0, lDisks.mStatus);
     EXPECT_EQ(lDf.substr(0, lDf.find('\n') + 1), lDisks.mOut.substr(0, lDisks.mOut.find('\n') + 1));
@@ -527,8 +527,8 @@ TEST_F(Asked, AnswersAboutTheSystemAreThoseOfTheLayerAndOfItsPrograms)
     EXPECT_EQ("\n", lLoad.mOut.substr(static_cast<size_t>(lLength)));
 }
 
-// The result file belongs to the whole host, and others may use it without a lock while this runs: an answer that was
-// spoiled by them is asked for again.
+// All programs of the host share the result file, and some may use it without a lock during this test. The test repeats
+// a request whose answer such a program has spoiled.
 TEST_F(Asked, RunningTellsWhetherAProcessRuns)
 {
     const FixedNames lTurn;
@@ -590,7 +590,7 @@ TEST_F(Asked, AToolThatCannotPrintItsAnswerFailsAndDisturbsNobody)
     expectFailure("hostctl: cannot print: No space left on device",
                   hostctl({"ask", "echo", "x"}, outputTo("/dev/full")));
     EXPECT_EQ(1, hostctl({"ask", "lines", "5000"}, outputTo("/dev/full")).mStatus);
-    // With closed standard descriptors nothing can be printed, but nothing lands in the FIFO either.
+    // With closed standard descriptors the tool prints nothing, and must not write its output into the FIFO.
     const auto lClose = [] { close_range(STDIN_FILENO, STDERR_FILENO, 0); };
     EXPECT_EQ(0, hostctl({"--trace", "ask", "echo", "x"}, lClose).mStatus);
     expectEcho("next");
@@ -659,7 +659,7 @@ TEST_F(Hostd, OfManyStartsAtOnceOneWins)
     stop();
 }
 
-/// A daemon that never gets ready, and one that is stopped.
+/// One daemon never becomes ready. The other is stopped by a signal.
 TEST_F(Hostd, NoCommandWaitsForADaemonWithoutEnd)
 {
     copyTool("#!/bin/sh\necho $$ > " + path("sleepy") + "\nexec sleep 600\n");
@@ -674,14 +674,14 @@ TEST_F(Hostd, NoCommandWaitsForADaemonWithoutEnd)
     const std::string lStopped = "hostctl: hostd, process " + std::to_string(lPid);
     expectFailure(lStopped + ", has not answered for 5 seconds; is it stopped?", lAsk->finish());
     EXPECT_LE(4.9, lClock.seconds());
-    // The outputs of this one end only when the daemon, which holds them as well, has ended.
+    // The daemon shares the outputs of this tool, so they end only when the daemon has ended.
     expectFailure("hostctl: hostd was not ready after 5 seconds and was ended", lSleepyStart.finish());
     EXPECT_TRUE(isGone(atoi(contentOf(path("sleepy")).c_str())));
     expectFailure(lStopped + ", has not ended after 10 seconds; is it stopped?", lStop->finish());
     EXPECT_LE(9.9, lClock.seconds());
     EXPECT_GE(40, lClock.seconds());
 
-    ::kill(lPid, SIGCONT);  // now it heeds what it was told
+    ::kill(lPid, SIGCONT);  // now it handles the SIGTERM of "stop"
     EXPECT_TRUE(eventually([&] { return left().empty() && isGone(lPid); }));
     start();
     expectEcho("next");
@@ -790,7 +790,7 @@ TEST_F(Asked, RequestsBeyondTheQueueAreRefused)
 {
     OQShmDesc lMailbox = openMailbox();
     writeRaw(framed("long lines 1000"));
-    OsSharedMemoryWaitForActivity(lMailbox, 30);  // the worker waits for a reader now
+    OsSharedMemoryWaitForActivity(lMailbox, 30);  // now the worker waits for a reader
     std::string lFlood;
     for (int lNumber = 0; lNumber < 60; ++lNumber) {
         lFlood += framed("flood echo " + std::to_string(lNumber));
@@ -803,7 +803,7 @@ TEST_F(Asked, RequestsBeyondTheQueueAreRefused)
         lReceived += receive(lMailbox);
     }
     OsSharedMemoryClose(lMailbox, OQCM_Client);
-    // Refusals that are still waiting may leave no room for the first requests that follow.
+    // The queue may still be full of refusals, so the daemon may refuse the first requests that follow.
     EXPECT_TRUE(eventually([&] { return "next\n" == hostctl({"ask", "echo", "next"}).mOut; }));
 }
 
@@ -811,7 +811,7 @@ TEST_F(Asked, AnAnswerThatNobodyTakesIsDropped)
 {
     writeRaw(framed("early echo x"));
     EXPECT_TRUE(logs("the answer to request early is dropped: no tool has opened the mailbox yet"));
-    expectEcho("x");  // marks the tool's side ready for good
+    expectEcho("x");  // the mark of the tool's side then stays set
     const Clock lClock;
     writeRaw(framed("gone lines 1000"));
     EXPECT_TRUE(logs("the answer to request gone is dropped: nobody took the message before it"));
@@ -828,7 +828,7 @@ TEST_F(Hostd, StopEndsADaemonAmidAnAnswer)
     const int lPid = pid();
     ::kill(lPid, SIGTERM);
     EXPECT_TRUE(logs(" ending\n"));
-    // A reader goes on reading: the daemon does not go on until it has said everything.
+    // The test continues to read. The daemon must end before it has sent the whole answer.
     int lMessages = 0;
     while (!isGone(lPid)) {
         try {
@@ -893,13 +893,13 @@ TEST_F(Hostd, AFailedStartSaysWhyAndLeavesNothing)
     expectFailure("hostd: cannot open " + lock() + ": Is a directory", hostd());
     lExpect("hostctl: " + lock() + " is no regular file", {lock()});
 
-    ASSERT_EQ(0, symlink("/tmp/nowhere", lock().c_str()));  // planted by somebody else
+    ASSERT_EQ(0, symlink("/tmp/nowhere", lock().c_str()));  // as an attacker may create it
     lExpect("hostctl: cannot open " + lock() + ": Too many levels of symbolic links", {lock()});
 
     const std::string lLog = mDirectory + "/missing/log";
     expectFailure("hostd: cannot open " + lLog + ": No such file or directory", {"start", "--log", lLog});
     EXPECT_EQ(cNothing, left());
-    ASSERT_EQ(0, mkfifo(log().c_str(), 0600));  // nobody reads it
+    ASSERT_EQ(0, mkfifo(log().c_str(), 0600));  // a FIFO without a reader
     expectFailure("hostd: cannot open " + log() + ": No such device or address", {"start", "--log", log()});
     EXPECT_EQ(cNothing, left());
     unlink(log().c_str());
@@ -912,7 +912,7 @@ TEST_F(Hostd, ASegmentThatCannotBeLockedIsRemoved)
     const auto lForbidLocking = [] {
         const rlimit lNone = {0, 0};
         setrlimit(RLIMIT_MEMLOCK, &lNone);
-        prctl(PR_CAPBSET_DROP, CAP_IPC_LOCK, 0, 0, 0);  // root needs no limit; others cannot drop it and need not
+        prctl(PR_CAPBSET_DROP, CAP_IPC_LOCK, 0, 0, 0);  // with this capability, root has no limit
     };
     expectFailure("hostd: cannot open the mailbox: Operation not permitted", hostd(lForbidLocking));
     EXPECT_EQ(cNothing, left());
@@ -937,7 +937,7 @@ TEST_F(Hostd, TheHolderOfTheLockIsNamedWhateverIsInTheFile)
     const Command lVictim({"sleep", "600"});
     std::ofstream(lock()) << lVictim.pid() << "\n";
     const int lFile = open(lock().c_str(), O_RDWR | O_CLOEXEC);
-    EXPECT_EQ(0, lockf(lFile, F_TLOCK, 0));  // as somebody might who waits for a tool
+    EXPECT_EQ(0, lockf(lFile, F_TLOCK, 0));  // any process of the user can hold this lock
     const std::string lHolder = "process " + std::to_string(getpid());
     expectFailure("hostctl: hostd is already running, " + lHolder, {"start"});
     expectFailure("hostctl: hostd, " + lHolder + ", is starting; try again", {"ask", "echo", "x"});
@@ -987,7 +987,7 @@ TEST_F(Hostd, ADirectoryThatOthersMayEnterIsRefused)
 {
     const std::string lDirectory = path("shared");
     ASSERT_EQ(0, mkdir(lDirectory.c_str(), 0700));
-    ASSERT_EQ(0, chmod(lDirectory.c_str(), 0755));  // whatever the umask
+    ASSERT_EQ(0, chmod(lDirectory.c_str(), 0755));  // independent of the umask
     const auto lExpect = [&](const std::string& acrLine) {
         const auto lPrepare = [&] { setenv("XDG_RUNTIME_DIR", lDirectory.c_str(), 1); };
         expectFailure("hostctl: " + acrLine, hostctl({"stop"}, lPrepare));
@@ -1009,7 +1009,7 @@ TEST_F(Hostd, ADirectoryThatOthersMayEnterIsRefused)
 
 TEST_F(Hostd, WithoutARuntimeDirectoryEachUserHasOneBelowTmp)
 {
-    const FixedNames lTurn;  // also of this directory
+    const FixedNames lTurn;  // this directory also has a fixed name
     const std::string lDirectory = "/tmp/hostd-" + std::to_string(geteuid());
     const auto lForget = [] { unsetenv("XDG_RUNTIME_DIR"); };
     const auto lMakeRelative = [] { setenv("XDG_RUNTIME_DIR", "tmp", 1); };
@@ -1021,7 +1021,7 @@ TEST_F(Hostd, WithoutARuntimeDirectoryEachUserHasOneBelowTmp)
     EXPECT_TRUE(exists(lDirectory + "/" + cName + ".lock"));
     EXPECT_EQ("x\n", hostctl({"ask", "echo", "x"}, lMakeRelative).mOut);
     EXPECT_EQ(0, hostctl({"stop"}, lForget).mStatus);
-    rmdir(lDirectory.c_str());  // unless a daemon of this user has been there before
+    rmdir(lDirectory.c_str());  // fails if the directory contains files of another daemon of this user
 }
 
 TEST_F(Hostd, AMailboxOfAnotherUserIsRefused)
@@ -1035,7 +1035,7 @@ TEST_F(Hostd, AMailboxOfAnotherUserIsRefused)
                       const int lSegment = shmget(segmentKey(), cSegmentSize, IPC_CREAT | IPC_EXCL | 0666);
                       shmid_ds lState;
                       ASSERT_EQ(0, shmctl(lSegment, IPC_STAT, &lState));
-                      lState.shm_perm.uid = 0;  // whoever has made the segment can give it to its victim
+                      lState.shm_perm.uid = 0;  // the creator of a segment can give it to another user
                       ASSERT_EQ(0, shmctl(lSegment, IPC_SET, &lState));
                   }));
     };
@@ -1060,7 +1060,7 @@ TEST_F(Hostd, ProgramsOfADaemonIgnoreNoSignalAndTheirFailureIsToldAsAnError)
     const auto lFindPrograms = withProgram("pgrep", "exit 3\n");
     const auto lDaemon = foreground({}, [&] {
         lFindPrograms();
-        signal(SIGPIPE, SIG_DFL);  // whatever this program was started with
+        signal(SIGPIPE, SIG_DFL);  // independent of the settings that this program inherited
         signal(SIGXFSZ, SIG_DFL);
     });
     expectFailure("hostctl: hostd answered: pgrep cannot be run, or cannot write /tmp/.vyrsyscmd",
@@ -1080,7 +1080,7 @@ TEST_F(Hostd, RunningIsAnErrorWhenTheDiskIsFull)
     std::ofstream("/tmp/.vyrsyscmd").flush();
     const std::string lDisk = path("disk");
     ASSERT_EQ(0, mkdir(lDisk.c_str(), 0700));
-    // The daemon's result file is one on a full disk.
+    // The result file of this daemon is on a full disk.
     const auto lFillDisk = [&] {
         const std::string lFile = lDisk + "/result";
         const std::string lPage(4096, 'x');
@@ -1176,7 +1176,7 @@ TEST_F(Hostd, AStalledReaderOfTheLogDoesNotKeepADaemonFromEnding)
 TEST_F(Hostd, AFloodIsLoggedInFewLines)
 {
     start();
-    // Garbage, refused requests with a token, and good requests whose answers nobody can take.
+    // Garbage, refused requests with a token, and valid requests whose answers no tool reads.
     for (const std::string& acrKind : {std::string("x") + framed(""), framed("t nonsense"), framed("t echo x")}) {
         std::string lFlood;
         while (lFlood.size() < 20000) {
@@ -1202,7 +1202,7 @@ TEST_F(Hostd, ALogThatTakesNoMoreDoesNotEndADaemon)
     endOf(lLimited);
 
     const auto lTraced = foreground({"--trace"});
-    lTraced->closeOutputs();  // its reader leaves
+    lTraced->closeOutputs();  // the reader of its log closes the pipe
     expectEcho("x");
     expectEcho("y");
     endOf(lTraced);

@@ -1,4 +1,4 @@
-// The kit that the other tests rely on: what it records, what it plans, and that a row that is wrong fails.
+// Tests the kit that the other tests use: its events, its plans, and that a wrong row fails.
 
 #include <gtest/gtest-spi.h>
 #include <signal.h>
@@ -192,14 +192,14 @@ TEST_F(KitTest, CallsOfTheRuntimeAreNeitherRecordedNorMadeToFail)
         const Recording lRecording;
         const FailingMemory lFailingMemory;
         try {
-            throw 1;  // from the runtime's reserve, which a mutex guards
+            throw 1;  // the runtime allocates it from its reserve, under a mutex
         } catch (int) {
         }
     }
     EXPECT_EQ("", trace());
 }
 
-/// Nor does a sanitizer for its view of them.
+/// In sanitizer builds, the sanitizer must not need a descriptor for them either.
 TEST_F(KitTest, SubstitutesNeedNoDescriptor)
 {
     EXPECT_EQ(0, inChild([] {
@@ -370,7 +370,7 @@ TEST_F(KitTest, OneAllocationFailsAndBlocksAreCounted)
 
 const Family cFamily("Kit", "file", "", {});
 
-/// A row that locks a mutex in vain.
+/// A row in which locking a mutex fails.
 class LockRow : public Outcome
 {
 public:

@@ -1,5 +1,5 @@
-// Waits, commands, file locks and the host with real descriptors, processes, files and signals, and at their limits. How
-// each operation ends: outcomes/Waits.cpp, Commands.cpp, Locks.cpp and Host.cpp.
+// Waits, commands, file locks and host lookups with real descriptors, processes, files and signals, and their limits.
+// outcomes/Waits.cpp, Commands.cpp, Locks.cpp and Host.cpp test how each operation ends.
 
 #include <fcntl.h>
 #include <malloc.h>
@@ -31,7 +31,7 @@ Texts textsOf(const OQCList<OQCString>& acrList)
     return lTexts;
 }
 
-/// The calls of a substituted function.
+/// Counts the recorded calls of a substituted function.
 unsigned int callsOf(const char* acFunction)
 {
     const Events lEvents = recorded();
@@ -42,7 +42,7 @@ unsigned int callsOf(const char* acFunction)
 
 // The wait for a descriptor
 
-/// Waits expecting a time-out. \return how long that took
+/// Waits and expects a time-out. \return the duration of the wait in seconds
 double secondsOfTimeOut(int aDescriptor, unsigned int aSeconds)
 {
     const auto lBegin = std::chrono::steady_clock::now();
@@ -50,7 +50,7 @@ double secondsOfTimeOut(int aDescriptor, unsigned int aSeconds)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - lBegin).count();
 }
 
-/// How many descriptors the kernel's table of this process holds before it grows.
+/// Returns the size of the kernel's descriptor table of this process.
 int descriptorTableSize()
 {
     std::ifstream lStatus("/proc/self/status");
@@ -70,7 +70,7 @@ void setAlarms(int aMilliseconds)
     setitimer(ITIMER_REAL, &lTimer, nullptr);
 }
 
-/// Has a pipe.
+/// A test with a pipe.
 class WaitLinuxTest : public RecordedTest
 {
 protected:
@@ -150,7 +150,7 @@ TEST_F(WaitLinuxTest, DescriptorThatIsNotOpenIsAFailedWait)
     EXPECT_FAILURE(OQCPipeWaitFailedEx, 332, "Invalid argument", OsWaitForActivity(-2, 1));
 }
 
-/// In a child: its table is no larger than the descriptors need that its parent has open.
+/// Runs in a child: the descriptor table of a child is only as large as the parent's open descriptors require.
 TEST_F(WaitLinuxTest, ClosedDescriptorBeyondTheKernelsTableTimesOut)
 {
     const int cTooLarge = 77;
@@ -187,7 +187,7 @@ TEST_F(WaitLinuxTest, SignalsNeitherEndNorLengthenTheWait)
 {
     struct sigaction lAction = {};
     struct sigaction lOld;
-    // A wait that began anew with each signal would end only after the signals have.
+    // A wait that restarted with each signal would end only after the last signal.
     lAction.sa_handler = [](int) {
         sAlarms = sAlarms + 1;
         if (120 == sAlarms) {
@@ -204,9 +204,9 @@ TEST_F(WaitLinuxTest, SignalsNeitherEndNorLengthenTheWait)
     }
     setAlarms(0);
     sigaction(SIGALRM, &lOld, nullptr);
-    EXPECT_LE(0.999, lSeconds);  // the system rounds the time left down to microseconds
+    EXPECT_LE(0.999, lSeconds);  // the system rounds the remaining time down to microseconds
     EXPECT_LT(lSeconds, 5);
-    EXPECT_LE(2U, callsOf("select"));  // twenty, but while the process has no processor several alarms become one
+    EXPECT_LE(2U, callsOf("select"));  // usually twenty: several alarms become one while the process does not run
 }
 
 TEST_F(WaitLinuxTest, ManyThreadsWaitAtOnceOnOneDescriptorAndOnTheirOwn)
@@ -335,7 +335,7 @@ size_t memoryInUse() { return 0; }
 
 TEST_F(ExecuteLinuxTest, TwoHundredThousandLinesArriveWholeAndInOrderInBoundedMemory)
 {
-    // What is in use while it runs, beside the lines of the list, which are all of one length.
+    // The memory in use while the command runs, without the lines of the list, which all have one length.
     struct Sample {
         size_t mInUse;
         int mLines;
@@ -368,8 +368,8 @@ TEST_F(ExecuteLinuxTest, TwoHundredThousandLinesArriveWholeAndInOrderInBoundedMe
                             [&](const std::string& acrText) { return std::to_string(lNumber++) == acrText; }));
 }
 
-/// Otherwise, a program that another thread starts meanwhile would keep the pipe open, and a command that waits for its
-/// reader to close the pipe would keep running.
+/// A program that inherited the stream would keep the pipe open. A command that waits for its reader to close the pipe
+/// would then keep running.
 TEST_F(ExecuteLinuxTest, StreamIsNotInheritedByProgramsThatAreStartedWhileTheCommandRuns)
 {
     int lFlags = -1;
@@ -382,7 +382,7 @@ TEST_F(ExecuteLinuxTest, StreamIsNotInheritedByProgramsThatAreStartedWhileTheCom
     EXPECT_EQ(FD_CLOEXEC, lFlags);
 }
 
-/// A failure that has more than its base: only the same object has it.
+/// A class derived from the expected exception. A copy made by the operation would lose this type.
 class PlannedReadFailure : public OQCReadFailedEx
 {
 public:
@@ -436,7 +436,7 @@ TEST_F(ExecuteLinuxTest, EveryAllocationOfAWholeRunMayFail)
         GTEST_SKIP() << "another allocator is in use";
     }
     FILE* lpStream = nullptr;
-    void* lpBuffers[2] = {nullptr, nullptr};  // for what is read, and for a line
+    void* lpBuffers[2] = {nullptr, nullptr};  // the read buffer and the line buffer
     substitute::popen.instead([&](const char* acCommand, const char* acMode) {
         return lpStream = substitute::popen.real(acCommand, acMode);
     });
@@ -459,7 +459,7 @@ TEST_F(ExecuteLinuxTest, EveryAllocationOfAWholeRunMayFail)
             lHasFailed = lNth <= FailingMemory::taken();
             FailingMemory::end();
             lQuiet += nullptr == lpStream ? 1U : 0U;
-            // The C library does without a buffer of its own.
+            // The C library also works without its own buffer.
             EXPECT_EQ(nullptr == lpStream ? Texts() : Texts{"a"}, textsOf(mLines));
         } catch (const OQCNoMemoryEx& acrFailure) {
             ++lThrown;
@@ -524,7 +524,7 @@ protected:
         OsFileLockStatus(aFile, lStatus);
         return lStatus;
     }
-    /// What another process finds at an offset.
+    /// Returns the lock status that another process sees at an offset.
     OQEFileLockStatus statusElsewhere(off_t aOffset = 0) const
     {
         return static_cast<OQEFileLockStatus>(inChild([&] {
@@ -562,7 +562,7 @@ TEST_F(LockLinuxTest, LockOfAnotherProcessIsFoundFromItsOffsetOn)
     lPeer.meet();
     for (const off_t lOffset : {0, 99, 100, 5000}) {
         lseek(mFile, lOffset, SEEK_SET);
-        // At once: the other process waits for this one.
+        // The call must fail at once: the other process waits for this one.
         EXPECT_FAILURE(OQCFileLockFailedEx, 330, "Resource temporarily unavailable", OsLockFile(mFile));
         EXPECT_EQ(OQFLS_Locked, status(mFile));
     }

@@ -1,4 +1,4 @@
-// What mutexes do among several threads and with mutexes of other kinds. How each operation ends: outcomes/Mutexes.cpp.
+// Mutexes with several threads, and mutexes of other kinds. outcomes/Mutexes.cpp tests how each operation ends.
 
 #include <string.h>
 

@@ -1,4 +1,4 @@
-// Named pipes with every mode, and between two processes. How each operation ends: outcomes/Pipes.cpp.
+// Named pipes with every mode, and between two processes. outcomes/Pipes.cpp tests how each operation ends.
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -10,7 +10,7 @@
 namespace
 {
 
-/// How many bytes are in a pipe.
+/// Returns the number of bytes in a pipe.
 unsigned int bytesIn(int aPipe)
 {
     int lBytes = 0;
@@ -144,7 +144,7 @@ TEST_F(NamedPipeLinuxTest, ABlockReadJoinsThePiecesOfAnotherProcess)
     Peer lWriter([this](Peer&) {
         for (const char* lpPiece : {"abc", "defgh", "ijkl"}) {
             send(mPipe, lpPiece);
-            EXPECT_TRUE(eventually([this] { return 0U == bytesIn(mPipe); }));  // the reader has it
+            EXPECT_TRUE(eventually([this] { return 0U == bytesIn(mPipe); }));  // the reader has read it
         }
     });
     EXPECT_EQ("abcdefghijkl", received(mPipe, 12));
@@ -188,7 +188,7 @@ TEST_F(NamedPipeLinuxTest, WaitForActivityIsEndedByAnotherProcessThatWrites)
     EXPECT_EQ(0, lWriter.wait());
 }
 
-/// The text of a message, of 1 to 200 bytes. Neighbouring numbers and other salts give other lengths and other bytes.
+/// The text of a message, of 1 to 200 bytes. Consecutive numbers and different salts give different lengths and bytes.
 std::string message(unsigned int aNumber, unsigned int aSalt)
 {
     std::string lMessage;

@@ -1,4 +1,4 @@
-// The contents of lists. How operations end the process or throw: outcomes/Values.cpp.
+// The contents of lists. outcomes/Values.cpp tests how operations throw or end the process.
 
 #include <string.h>
 
@@ -15,7 +15,7 @@ namespace
 const char cLong[] =
     "a text that is far too long to be kept inside a string object, so that its characters need memory";
 
-/// An element that counts its copies and can refuse to be copied.
+/// An element that counts its copies. Its copy constructor can throw.
 struct Element {
     explicit Element(int aNumber, bool aRefuses = false) : mNumber(aNumber), mRefuses(aRefuses) { ++sAlive; }
     Element(const Element& acrCopy) : mNumber(acrCopy.mNumber), mRefuses(acrCopy.mRefuses)
@@ -64,7 +64,6 @@ std::vector<int> contents(const OQCList<Element>& acrList)
 typedef std::vector<std::string> Texts;
 typedef std::vector<unsigned int> Numbers;
 
-/// Lists are silent.
 class OQListTest : public RecordedTest
 {
 protected:
@@ -198,7 +197,7 @@ TEST_F(OQListTest, CopiesOfAListAreIndependent)
 TEST_F(OQListTest, MemoryComesFromAnyAllocatorOfAList)
 {
     OQCListAllocator<int> lOfNumbers;
-    OQCListAllocator<OQCString> lOfTexts(lOfNumbers);  // what the standard list does to allocate its nodes
+    OQCListAllocator<OQCString> lOfTexts(lOfNumbers);  // the standard list makes this conversion to allocate its nodes
     OQCString* const lpText = lOfTexts.allocate(1);
     ASSERT_NE(nullptr, lpText);
     OQCListAllocator<OQCString>().deallocate(lpText, 1);

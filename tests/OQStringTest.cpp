@@ -1,4 +1,4 @@
-// The text of strings, their copies and their growth. How operations end the process or throw: outcomes/Values.cpp.
+// The text, the copies and the growth of strings. outcomes/Values.cpp tests how operations throw or end the process.
 
 #include <dlfcn.h>
 #include <stdint.h>
@@ -15,7 +15,7 @@ namespace
 const char cLong[] =
     "a text that is far too long to be kept inside a string object, so that its characters need memory";
 
-/// The word of the counter, reached as anyone who looks at memory reaches it: the second pointer of the object.
+/// Reads the count from memory: the second word of the object points to the counter.
 uint32_t countOf(const OQCString& acrString)
 {
     const void* lCounter;
@@ -25,7 +25,7 @@ uint32_t countOf(const OQCString& acrString)
     return lCount;
 }
 
-/// The counter itself, for telling two apart.
+/// Returns the address of the counter, so that a test can compare counters.
 const void* counterOf(const OQCString& acrString)
 {
     const void* lCounter;
@@ -33,7 +33,7 @@ const void* counterOf(const OQCString& acrString)
     return lCounter;
 }
 
-/// Strings are silent.
+/// Expects that strings log nothing.
 class OQStringTest : public RecordedTest
 {
 protected:
@@ -180,7 +180,7 @@ TEST_F(OQStringTest, StringThatHasBeenDestroyedCanBeAssignedAText)
     lrGone.~OQCString();
 }
 
-/// A caller that was built without inlining calls the library's own copy.
+/// A caller that was built without inlining calls the functions of the library.
 TEST_F(OQStringTest, LibraryCarriesItsOwnCopiesOfTheOperations)
 {
     const OQCString lString(cLong);

@@ -1,5 +1,5 @@
-// oqshm without a key looks into every segment of the host, those of other tests included, which take that for a peer.
-// This test is a program of its own, because it must run while no other test does.
+// Without a key, oqshm examines all segments of the host, including those of other tests. Those tests would take its
+// attachment for a peer, so this test is a separate program that runs while no other test runs.
 
 #include "OqshmKit.h"
 

@@ -1,4 +1,4 @@
-// oqshm as a maintainer uses it: a command beside real servers and clients.
+// oqshm as a maintainer uses it: a command that shows real servers and clients.
 
 #include "OqshmKit.h"
 
@@ -15,7 +15,7 @@ const char* const cNoSegment =
     " - - - - - - - - - no segment: the server has not opened it, or has closed it; start the server";
 const char* const cUnseen = "  1 unseen\n  peer gone: one side has closed or died; for which one look again, as root\n";
 
-/// Reads what oqshm says as it watches, until a line holds a text. \return that line
+/// Reads the output of a watching oqshm until a line contains the text. \return that line
 std::string lineWith(Command& arWatch, size_t& arSeen, const std::string& acrText)
 {
     std::string lLine;
@@ -40,7 +40,7 @@ shmid_ds stateOf(int aId)
     return lState;
 }
 
-/// Runs a test in a namespace of its own for segments.
+/// Runs a test in its own IPC namespace.
 void inNamespace(const std::function<void()>& acrRun)
 {
     const int lStatus = inChild([&] {
@@ -55,7 +55,7 @@ void inNamespace(const std::function<void()>& acrRun)
     EXPECT_EQ(0, lStatus);
 }
 
-// ---- What it says ---------------------------------------------------------------------------------------------------
+// ---- Output ---------------------------------------------------------------------------------------------------------
 
 TEST_F(OqshmTest, EachStateOfAChannelIsShownInARow)
 {
@@ -66,7 +66,7 @@ TEST_F(OqshmTest, EachStateOfAChannelIsShownInARow)
         row("64 1 ready no empty - - - " + lCreator + " not ready: no client has opened it, writes are cancelled"),
         shown(0));
     const auto lClient = side(OQCM_Client);
-    // Processes come in the order of /proc, which is that of their numbers.
+    // Processes are shown in the order of /proc, which is the order of their ids.
     EXPECT_EQ(
         row("64 2 ready ready empty - - - " +
             (lServer->pid() < lClient->pid() ? lCreator + " " + nameOf(lClient) : nameOf(lClient) + " " + lCreator)),
@@ -128,7 +128,7 @@ TEST_F(OqshmTest, ASegmentThatOutlivedItsSidesIsStaleAndKeepsTheTimeOfTheLastDet
     const shmid_ds lBefore = stateOf(mIds.front());
     expectShown(
         1, {row("64 0 - - - - "), "stale: nobody has it attached; start the server, or remove it: ipcrm -m " + lId});
-    // Whole seconds of the system: the first certain one comes after two at most.
+    // The system's times are whole seconds, so oqshm shows at least 1 only after up to two seconds.
     std::string lShown;
     EXPECT_TRUE(eventually([&] { return lShown = shown(1), !contains(lShown, row("64 0 - - - - 0 - stale: ")); }));
     int lStill = 0;
@@ -145,7 +145,7 @@ TEST_F(OqshmTest, ASegmentThatOutlivedItsSidesIsStaleAndKeepsTheTimeOfTheLastDet
 TEST_F(OqshmTest, ASegmentThatTheLookWouldRemoveIsNotRead)
 {
     inNamespace([&] {
-        // The kernel is told to remove what nobody has attached.
+        // With this setting the kernel removes every segment that no process has attached.
         if (!(std::ofstream("/proc/sys/kernel/shm_rmid_forced") << "1\n").flush()) {
             _exit(77);
         }
@@ -159,7 +159,7 @@ TEST_F(OqshmTest, ASegmentOfAnotherProgramIsNotTouched)
 {
     for (const std::pair<unsigned long, int>& acrOther : {std::make_pair(64UL, 0600), std::make_pair(65536UL, 0666)}) {
         const int lId = segment(acrOther.first, acrOther.second, "theirs");
-        const std::unique_ptr<Peer> lOwner(new Peer([=](Peer& arTest) {  // the test's own would show in its commands
+        const std::unique_ptr<Peer> lOwner(new Peer([=](Peer& arTest) {  // children of the test inherit its own
             shmat(lId, nullptr, 0);
             arTest.signal();
             arTest.meet();
@@ -213,7 +213,7 @@ TEST_F(OqshmTest, WhatAServerThatOpensAgainDuringAWriteMakesIsNamed)
         1, {row("64 3 ready ready invalid 0 - - "),
             "invalid: full and free at once: a server opened again while a client wrote, or two sides wrote at once" +
                 lRemedy});
-    OsSharedMemoryOpen(lDesc, OQCM_Server);  // each of the two remedies ends the state
+    OsSharedMemoryOpen(lDesc, OQCM_Server);  // each of the two remedies works: open or read
     OsSharedMemoryClose(lDesc, OQCM_Client);
     expectShown(0, {row("64 3 ready ready empty - - - ")});
 
@@ -238,7 +238,7 @@ TEST_F(OqshmTest, AProcessThatEndsDuringTheLookIsNotShown)
 {
     const auto lServer = side(OQCM_Server);
     kill(side(OQCM_Client));
-    // Its map is there, but not its state any more: so it is for a process that ends between the two reads.
+    // The server's map exists but its state is empty, as for a process that ends between the two reads of oqshm.
     const std::string lState = "/proc/" + std::to_string(lServer->pid()) + "/stat";
     const Result lResult =
         resultOf({"sh", "-c",
@@ -255,8 +255,8 @@ TEST_F(OqshmTest, AProcessThatEndsDuringTheLookIsNotShown)
 TEST_F(OqshmTest, AnAttachmentFromAnotherNamespaceDoesNotChangeAKey)
 {
     inNamespace([&] {
-        // Both are the first segments of their namespaces and have the same id. The thread's attachment is in the map of
-        // the process, whose own namespace is that of the test.
+        // Two segments are the first in their namespaces and have the same id. The map of the child contains the
+        // attachment of its thread, but the child itself is in the namespace of the test.
         const auto lServer = side(OQCM_Server);
         const auto lClient = side(OQCM_Client);
         const std::unique_ptr<Peer> lForger(new Peer([&](Peer& arTest) {
@@ -272,7 +272,7 @@ TEST_F(OqshmTest, AnAttachmentFromAnotherNamespaceDoesNotChangeAKey)
         lForger->meet();
         expectShown(0, {row("64 2 ready ready empty - - - ")});
         EXPECT_FALSE(contains(shown(0), std::to_string(lForger->pid()) + " "));
-        end(lServer);  // from now on the kernel's table has no key
+        end(lServer);  // marks the segment for removal: the kernel's table no longer contains its key
         expectShown(1, {keyText() + " " + std::to_string(mIds.front()) + " 64 1 ready ready empty - - - " +
                         nameOf(lClient) + " removed: "});
         EXPECT_FALSE(contains(shown(1), std::to_string(lForger->pid()) + " "));
@@ -290,7 +290,7 @@ TEST_F(OqshmTest, WhoStaysOnARemovedSegmentIsTold)
         keyText() + " " + std::to_string(mIds.front()) + " 64 1 ready ready empty - - - " + nameOf(lClient) +
         " removed: closed by the server; who has it still attached meets nobody and should close it";
     EXPECT_EQ(lRemoved + " " + keyText() + cNoSegment, shown(1));
-    const auto lNext = side(OQCM_Server);  // the same key is another segment now
+    const auto lNext = side(OQCM_Server);  // the key now identifies another segment
     expectShown(1, {lRemoved});
     expectShown(1, {row("64 1 ready no empty")});
     end(lNext);
@@ -335,8 +335,8 @@ TEST_F(OqshmTest, WatchingShowsEveryChange)
     lineWith(lWatch, lSeen, " empty       -");
     OsSharedMemoryWrite(lDesc, lMessage, 1, lDone);
     lineWith(lWatch, lSeen, " full       1");
-    ++*reinterpret_cast<unsigned char*>(lDesc.shm_addr + 1);      // as if read and written between two looks
-    lineWith(lWatch, lSeen, " full       1        -       -  ");  // shown at once, and not when it is stuck
+    ++*reinterpret_cast<unsigned char*>(lDesc.shm_addr + 1);      // like another message between two looks
+    lineWith(lWatch, lSeen, " full       1        -       -  ");  // shown at once, not only when the message is stuck
     OsSharedMemoryRead(lDesc, lMessage, sizeof lMessage, lDone);
     lineWith(lWatch, lSeen, " empty       -");
     OsSharedMemoryClose(lDesc, OQCM_Client);
@@ -349,7 +349,7 @@ TEST_F(OqshmTest, WatchingFindsAMessageThatNobodyReads)
 {
     const auto lServer = side(OQCM_Server);
     const auto lClient = side(OQCM_Client, 1);
-    const int lOther = shmget(key(2), 64, IPC_CREAT | IPC_EXCL | 0666);  // between two stores for good
+    const int lOther = shmget(key(2), 64, IPC_CREAT | IPC_EXCL | 0666);  // stays between the two stores
     mIds.push_back(lOther);
     auto* const lpOther = static_cast<OQSSharedMemoryHeader*>(shmat(lOther, nullptr, 0));
     lpOther->server_ready = 1;
@@ -383,7 +383,7 @@ TEST_F(OqshmTest, AnOnlookerAltersNoByte)
 
 TEST_F(OqshmTest, ThousandsOfMessagesPassWholeWhileItWatches)
 {
-    // Messages pass fast. Who yields instead of sleeping comes late on a busy machine.
+    // A short sleep makes messages pass fast. A side that only yields would wait too long on a busy machine.
     substitute::ClibSleepMS.instead([](unsigned long) { usleep(50); });
     const Recording lRecording;
     OQShmDesc lDesc = {mKey, 256, -1, nullptr};
@@ -400,7 +400,7 @@ TEST_F(OqshmTest, ThousandsOfMessagesPassWholeWhileItWatches)
         }
     });
     lClient.meet();
-    const off_t cBytes = 20000;  // of what the watch says: some 60 looks that found something else than the one before
+    const off_t cBytes = 20000;  // output of the watch: about 60 looks that each found a change
     {
         const Command lWatch({OQSHM, "--watch=0.001", "--json", std::to_string(mKey)}, outputTo(path("looks")));
         struct stat lLooks = {};
@@ -453,7 +453,7 @@ TEST_F(OqshmTest, HelpAndManualNameTheSameOptions)
     EXPECT_EQ(0, lHelp.mStatus);
     std::string lManual = contentOf(OQSHM_MANUAL);
     for (size_t lAt; std::string::npos != (lAt = lManual.find("\\-"));) {
-        lManual.erase(lAt, 1);  // a hyphen as the typesetter takes it
+        lManual.erase(lAt, 1);  // the manual page writes "\-" for a hyphen
     }
     for (const char* lpOption : {"--watch", "--json", "--attach", "--help", "--version"}) {
         EXPECT_TRUE(contains(lHelp.mOut, lpOption)) << lpOption;

@@ -1,4 +1,4 @@
-// The program of the table of outcomes. It runs the rows as tests, or prints pages from what the rows recorded:
+// The program of the table of outcomes. It runs the rows as tests, or prints pages from the events of the rows:
 //
 //     OutcomeTest --print failures|messages   the page
 //     OutcomeTest --sites                     looks up the source line of each log call, with addr2line
@@ -14,7 +14,7 @@ namespace
 
 std::string code(const std::string& acrText) { return "`" + acrText + "`"; }
 
-/// The format; of an assertion, the line with its condition.
+/// Returns the format of a log call. For an assertion, returns the text with the condition.
 std::string message(const Event& acrEvent)
 {
     if ("Assertion [ %s ] failed\n" == acrEvent.mName) {
@@ -25,7 +25,7 @@ std::string message(const Event& acrEvent)
 
 bool isWord(const Event& acrEvent) { return "%s" == acrEvent.mName && 1 == acrEvent.mArguments.size(); }
 
-/// What was thrown, or how the process ended, or how the caller can tell.
+/// Returns the exception, or how the process ended, or how the caller detects the outcome.
 std::string thrown(const OutcomeRow& acrRow)
 {
     std::string lErrorText;
@@ -86,12 +86,12 @@ void printFailures()
     std::cout << "\n";
 }
 
-/// \return whether every message has its meaning, and every meaning its message
+/// \return whether every message has a meaning, and every meaning has a message
 bool printMessages()
 {
     typedef std::pair<std::string, std::string> Message;  // file, tag and text
     std::set<Message> lUnexplained;
-    std::map<const Family*, std::map<std::string, std::set<std::string>>> lLogged;  // by message: functions
+    std::map<const Family*, std::map<std::string, std::set<std::string>>> lLogged;  // message to functions
     for (const OutcomeRow& lrRow : outcomeRows()) {
         for (const Event& lrEvent : lrRow.mEvents) {
             if (Event::Log == lrEvent.mKind) {

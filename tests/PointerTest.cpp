@@ -1,4 +1,4 @@
-// The ownership of pointees. How operations end the process or throw: outcomes/Values.cpp.
+// The ownership of pointees. outcomes/Values.cpp tests how operations throw or end the process.
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -19,7 +19,7 @@ typedef std::vector<std::string> Texts;
 
 void note(const char* acEvent) { const CallRecord lCall(true, acEvent, {}); }
 
-/// A pointee that notes its end and the form of delete that frees it.
+/// A pointee that records its destruction and the form of delete that frees it.
 class Pointee
 {
 public:
@@ -28,7 +28,7 @@ public:
     int number() const { return mNumber; }
     void setNumber(int aNumber) { mNumber = aNumber; }
 
-    // Not inlined: GCC would see only one of malloc() and free() in some builds and warn that the other does not match.
+    // Not inlined: in some builds GCC would inline only malloc() or only free() and warn about a mismatch.
     __attribute__((noinline)) static void* operator new(size_t aSize, const std::nothrow_t&) noexcept
     {
         return malloc(aSize);
@@ -54,7 +54,7 @@ private:
 
 typedef Pointer<Pointee> PointeePointer;
 
-/// The four fields as they stand in memory.
+/// The four fields of a Pointer as they are in memory.
 struct Fields {
     void* mPointer;
     void* mReferenceCount;
@@ -62,7 +62,7 @@ struct Fields {
     unsigned char mMemoryType;
 };
 
-/// Not inlined: what stands in the memory counts, not what the compiler knows of the object that was there.
+/// Not inlined, so that it reads the memory and not the values that the compiler knows of a destroyed object.
 __attribute__((noinline)) Fields fieldsAt(const volatile void* acMemory)
 {
     char lBytes[3 * sizeof(void*)];
@@ -93,14 +93,14 @@ void expectEmpty(const volatile void* acMemory)
     EXPECT_EQ(0, lFields.mMemoryType);
 }
 
-/// Damages an object as no operation of its own can. Not inlined, so that the compiler believes it.
+/// Overwrites memory of an object. Not inlined, so that the compiler does not optimise the change away.
 __attribute__((noinline)) void overwrite(void* apMemory, size_t aOffset, const void* acBytes, size_t aSize)
 {
     memcpy(static_cast<char*>(apMemory) + aOffset, acBytes, aSize);
     __asm__ volatile("" : : "r"(apMemory) : "memory");
 }
 
-/// Room for a Pointer whose destructor is called by hand.
+/// Memory for a Pointer that a test constructs and destroys explicitly.
 class Storage
 {
 public:
@@ -126,7 +126,7 @@ protected:
         substitute::counter.show();
     }
 
-    /// What has happened to counters and pointees since the last call of this, in its order. The types are silent.
+    /// Returns the events of counters and pointees since the last call, in order. The types log nothing.
     static Texts events()
     {
         Texts lTexts;
@@ -233,7 +233,7 @@ TEST_F(PointerTest, CounterIsFreedBeforeThePointee)
     PointeePointer lPointer = single(1);
     events();
     lPointer = single(2);
-    // The old pointee goes before the new counter rises; the temporary lets go last.
+    // The assignment frees the old pointee before it increments the new counter. The temporary is destroyed last.
     EXPECT_EQ((Texts{"OQCReferenceCount(1)", "decrement() = 0", "~OQCReferenceCount()", "~Pointee(1)",
                      "operator delete()", "increment() = 2", "decrement() = 1"}),
               events());
@@ -404,7 +404,7 @@ TEST_F(PointerTest, UnequalTellsEmptinessAndNeverAsserts)
     new (lStorage.room()) PointeePointer(new (std::nothrow) Pointee(3), OQPST_Individual, OQPMT_New);
     lStorage.pointer().~PointeePointer();
     const Fields lFields = fieldsAt(lStorage.room());
-    Storage lCopy;  // the bytes of the destroyed one, in a place where the compiler knows of no destruction
+    Storage lCopy;  // a copy of the destroyed object's bytes; the compiler does not know that they are destroyed
     overwrite(lCopy.room(), 0, &lFields.mPointer, sizeof(void*));
     EXPECT_FALSE(lCopy.pointer() != 0);
     EXPECT_TRUE(lCopy.pointer() != &lOther);
@@ -432,7 +432,7 @@ TEST_F(PointerTest, DestroyedPointerReadsAsEmpty)
     lStorage.pointer().~PointeePointer();
     expectEmpty(lStorage.room());
 
-    // Also when it was not the last.
+    // The same for a Pointer that was not the last holder.
     const PointeePointer lKept = single(2);
     new (lStorage.room()) PointeePointer(lKept);
     lStorage.pointer().~PointeePointer();

@@ -1,4 +1,4 @@
-// What processes do with real programs, signals, threads and memory. How each operation ends: outcomes/Processes.cpp.
+// Processes with real programs, signals, threads and memory. outcomes/Processes.cpp tests how each operation ends.
 
 #include <fcntl.h>
 #include <sched.h>
@@ -23,14 +23,14 @@ namespace
 
 const char* const cResultFile = "/tmp/.vyrsyscmd";
 
-/// Memory that a process and its children share, until they end.
+/// Returns memory that a process and its children share until they end.
 template <class T>
 T& shared()
 {
     return *new (mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) T();
 }
 
-/// A handled SIGALRM every 10 milliseconds.
+/// While the object exists, a SIGALRM with a handler arrives every 10 milliseconds.
 class Alarms
 {
 public:
@@ -59,7 +59,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& arTexts)
     return lPointers;
 }
 
-/// Starts a program as planned: plans have effect while a Recording lives.
+/// Starts a program with a Recording, so that plans have effect.
 int start(const char* acPath, std::vector<std::string> aArguments = {"program"},
           std::vector<std::string> aEnvironment = {})
 {
@@ -69,7 +69,7 @@ int start(const char* acPath, std::vector<std::string> aArguments = {"program"},
     return ProcessCreate(acPath, lArguments.data(), lEnvironment.data());
 }
 
-/// Starts a program that cannot be run. The child in which that is thrown does something and ends with status 42.
+/// Starts a program that cannot be run. The child that catches the exception calls acrInChild and ends with status 42.
 int startInVain(
     const std::function<void()>& acrInChild = [] {}, const char* acPath = "/nonexistent/program")
 {
@@ -86,7 +86,7 @@ int startInVain(
     }
 }
 
-/// A child that does something and ends with status 99 unless it has ended before.
+/// Starts a child that calls acrRun and then ends with status 99.
 pid_t childThat(const std::function<void()>& acrRun)
 {
     const pid_t lChild = fork();
@@ -166,7 +166,7 @@ protected:
     }
 };
 
-/// Tests of starts. The child of vfork() shares the memory of its parent, or has a copy.
+/// Tests of starts. The parameter is whether the child of vfork() has a copy of its parent's memory.
 class ProcessCreateTest : public ProcessLinuxTest, public ::testing::WithParamInterface<bool>
 {
 protected:
@@ -236,7 +236,7 @@ TEST_P(ProcessCreateTest, UnflushedStandardOutputIsNeitherWrittenNorDoubled)
     unlink(lOutput.c_str());
 }
 
-/// The flush takes the lock of the stream. A thread that reads holds the lock as long as it waits for input.
+/// The flush takes the stream's lock. A reading thread holds the lock while it waits for input.
 TEST_P(ProcessCreateTest, AStartWaitsWhileAnotherThreadHoldsTheStandardInputStream)
 {
     std::atomic<bool> lIsFlushing(false);
@@ -267,7 +267,7 @@ TEST_P(ProcessCreateTest, TheErrorTextIsThatOfTheSystem)
     const std::string lNoProgram = file("noprogram", "neither a script nor a program\n", 0755);
     const std::pair<std::string, const char*> cTexts[] = {
         {"/nonexistent/program", "No such file or directory"},
-        {"true", "No such file or directory"},  // a path, not a name to be searched for
+        {"true", "No such file or directory"},  // a path: PATH is not searched
         {"", "No such file or directory"},
         {lPlain, "Permission denied"},
         {"/tmp", "Permission denied"},
@@ -293,7 +293,7 @@ TEST_P(ProcessCreateTest, AChildThatCatchesTheExceptionMayCallExitAndOneThatDoes
               }));
 }
 
-// Frames of the caller, each with memory of its own to be damaged.
+// Calls itself, so that each frame has local variables that the start could damage.
 unsigned int sDamaged = 0;
 
 [[gnu::noinline]] int startBelow(unsigned int aDepth, unsigned int aSeed, bool aCatchBelow)
@@ -311,7 +311,7 @@ unsigned int sDamaged = 0;
     return lChild;
 }
 
-/// Allocates and forks until told to stop.
+/// Allocates memory and forks until acrStop is set.
 void disturb(const std::atomic<bool>& acrStop)
 {
     for (size_t lSize = 1; !acrStop; lSize = lSize * 7 % 200003) {
@@ -333,7 +333,7 @@ TEST_P(ProcessCreateTest, AThousandFailuresAtSeveralDepthsLeaveTheParentUndamage
         lThreads.emplace_back(disturb, std::cref(lStop));
     }
     const pid_t lParent = getpid();
-    const unsigned int cRounds = OQ_SANITIZED ? 100 : 1000;  // a fork with a sanitizer's memory takes long
+    const unsigned int cRounds = OQ_SANITIZED ? 100 : 1000;  // fork() is slow with the memory of a sanitizer
     for (unsigned int lRound = 0; lRound < cRounds && !HasFailure(); ++lRound) {
         int lChild = -1;
         try {
@@ -360,7 +360,7 @@ TEST_P(ProcessCreateTest, TheParentDoesNotWaitForTheProgramToEndEvenIfItCreatesA
     }
 }
 
-/// Lets the throwing child wait for a signal before it continues, and expects the parent to wait as long.
+/// Holds the throwing child for a time. Expects that the parent does not return before the child continues.
 class Hold
 {
 public:
@@ -392,7 +392,7 @@ private:
     std::thread mThread;
 };
 
-/// Expects the parent to wait until the throwing child, which first does something, has ended.
+/// Expects that the parent waits until the throwing child has ended. The child first calls acrFirst.
 void expectParentWaits(const std::function<void()>& acrFirst)
 {
     Hold lHold;
@@ -404,7 +404,7 @@ void expectParentWaits(const std::function<void()>& acrFirst)
     EXPECT_EQ(42, exitOf(lChild));
 }
 
-/// Expects the parent to wait until the throwing child, which first does something, runs another program.
+/// Expects that the parent waits until the throwing child runs another program. The child first calls acrFirst.
 void expectParentReturns(const std::function<void()>& acrFirst)
 {
     Hold lHold;
@@ -417,7 +417,7 @@ void expectParentReturns(const std::function<void()>& acrFirst)
     expectRunning(lChild);
 }
 
-/// The kernel then releases no lock of the calling thread.
+/// Afterwards the kernel releases no robust lock of the calling thread.
 void forgetLocks() { syscall(SYS_set_robust_list, nullptr, 3 * sizeof(void*)); }
 
 TEST_P(ProcessCreateTest, TheParentWaitsUntilTheThrowingChildHasEnded)
@@ -452,7 +452,7 @@ TEST_P(ProcessCreateTest, TheParentWaitsForAThrowingChildThatSharesNoMemoryWithI
 #if OQ_SANITIZED
     GTEST_SKIP() << "there is no substitute for mmap()";
 #else
-    substitute::mmap.failOn(2, MAP_FAILED, ENOMEM);  // a copy reports its error in the first
+    substitute::mmap.failOn(2, MAP_FAILED, ENOMEM);  // the first mapping holds the error of a child with a copy
     expectParentWaits([] { setsid(); });
 #endif
 }
@@ -466,7 +466,7 @@ TEST_P(ProcessCreateTest, TheParentWaitsWhenTheThrowingThreadEndsBeforeItsProces
             lrEnds = true;
             _exit(42);
         }).detach();
-        syscall(SYS_exit, 0);  // of this thread alone, without unwinding
+        syscall(SYS_exit, 0);  // ends only this thread, without unwinding
     });
     EXPECT_TRUE(lrEnds);
     EXPECT_EQ(42, ProcessWait(lChild, 0));
@@ -495,7 +495,7 @@ TEST_P(ProcessCreateTest, TheParentReturnsWhenTheThrowingChildIsKilledBeforeItHo
     EXPECT_EQ(-1, ProcessWait(startInVain(), 0));
 }
 
-/// A vfork() that shares memory returns when the program runs or has failed. There is nothing left to wait for.
+/// A vfork() that shares memory returns when the program runs or has failed. The parent then need not poll.
 TEST_P(ProcessCreateTest, TheParentPollsOnlyWhereVforkCopies)
 {
     substitute::setpgid.show();
@@ -556,8 +556,8 @@ TEST_P(ProcessCreateTest, AnotherChildIsLeftToTheCaller)
     EXPECT_EQ(5, ProcessWait(lOther, 0));
 }
 
-/// A failed start has one child more than it returns. Either the start or the other thread reaps that child, so the test
-/// starts programs until the other thread has been first.
+/// A failed start creates one child whose id it does not return. The start or the other thread reaps that child. The
+/// test repeats the start until the other thread reaps it.
 TEST_P(ProcessCreateTest, AWaitForAnyChildInAnotherThreadReapsChildrenThatNobodyWasGiven)
 {
     EXPECT_EQ(0, inChild([] {
@@ -630,7 +630,7 @@ TEST_P(ProcessCreateTest, AStartIsNoCancellationPointAndTheThrowingChildCannotBe
 
 pid_t sHost = 0;
 std::atomic<unsigned int> sHandledInHost(0);
-std::atomic<unsigned int> sHandledInChild(0);  // by children that share the host's memory
+std::atomic<unsigned int> sHandledInChild(0);  // incremented by children that share the host's memory
 
 void countSignals(int aSignal)
 {
@@ -645,8 +645,8 @@ TEST_F(ProcessLinuxTest, AHandlerOfTheHostRunsInNoChildThatSharesItsMemory)
 {
     EXPECT_EQ(0, inChild([] {
                   keepNoEvents();
-                  ASSERT_EQ(0, setpgid(0, 0));  // signals to the group reach the children of this test alone
-                  countSignals(SIGURG);         // a program ignores it
+                  ASSERT_EQ(0, setpgid(0, 0));  // so that signals to the group reach only children of this test
+                  countSignals(SIGURG);         // the default action ignores it, so a started program continues
                   std::atomic<bool> lStop(false);
                   std::thread lStorm([&] {
                       sigset_t lUrgent;
@@ -701,7 +701,7 @@ TEST_P(ProcessCreateTest, TheProgramStartsWithTheSignalMaskAndTheIgnoredSignalsO
 }
 
 #if OQ_SHARING_VFORK
-/// Starts a program each time that the other side says so, and measures how long each start takes.
+/// Starts a program for each signal of the other side. Measures the time of each start.
 void startInTurns(Peer& arPeer, size_t aTouched, double& arSeconds)
 {
     keepNoEvents();
@@ -730,7 +730,7 @@ TEST_F(ProcessLinuxTest, AGigabyteOfMemoryDoesNotSlowTheStart)
     if (lKilobytes < 2500000) {
         GTEST_SKIP() << "a gigabyte to be touched needs 2.5 of free memory";
     }
-    // On one processor, where they meet the same disturbance: a start across two processors is another measure.
+    // Both peers run on one processor, so other work disturbs both equally.
     cpu_set_t lProcessors;
     ASSERT_EQ(0, sched_getaffinity(0, sizeof lProcessors, &lProcessors));
     cpu_set_t lOne;
@@ -741,7 +741,7 @@ TEST_F(ProcessLinuxTest, AGigabyteOfMemoryDoesNotSlowTheStart)
     Peer lLarge([&](Peer& arPeer) { startInTurns(arPeer, 1024UL << 20, *lpSeconds[0]); });
     Peer lSmall([&](Peer& arPeer) { startInTurns(arPeer, 10UL << 20, *lpSeconds[1]); });
     Peer* const lpPeers[] = {&lLarge, &lSmall};
-    // Other work on the machine may slow one side and not the other, but not run after run.
+    // Other work on the machine may slow only one side, but not in every run.
     double lQuickest = 2;
     double lMedian = 2;
     for (unsigned int lRun = 0; lRun < 10 && !HasFailure() && (1.5 <= lQuickest || 1.5 <= lMedian); ++lRun) {
@@ -804,7 +804,7 @@ TEST_F(ProcessLinuxTest, WaitForZeroOrANegativeNumberReapsAChildOfThatGroupOrAny
             setpgid(0, 0);
             _exit(aExitCode);
         });
-        setpgid(lChild, lChild);  // whichever of the two is first
+        setpgid(lChild, lChild);  // both processes call it, because either may run first
         awaitEnd(lChild);
         return lChild;
     };
@@ -884,7 +884,7 @@ TEST_F(ProcessLinuxTest, ALaterHandlerReplacesTheEarlier)
     EXPECT_EQ(0, sHandled);
 }
 
-/// The whole machine has one result file: its tests take turns, including those of other processes.
+/// All processes of the machine share one result file, so these tests take turns, also with other processes.
 class RunningLinuxTest : public ProcessLinuxTest
 {
 protected:
@@ -915,9 +915,9 @@ TEST_F(RunningLinuxTest, AProcessIsFoundByItsNameAndTheNextCallRewritesTheFile)
     try {
         lChild = start(lProgram.c_str(), {"sleep", "60"});
     } catch (const OQCProcessCreationFailedEx&) {
-        _exit(42);  // in the child: it may not wait for the lock of its parent
+        _exit(42);  // in the child, which must not wait for the lock of its parent
     }
-    EXPECT_TRUE(eventually([&] {  // the parent may return before the system has given the child its new name
+    EXPECT_TRUE(eventually([&] {  // ProcessCreate may return before the system sets the child's new name
         return lName + "\n" == contents("/proc/" + std::to_string(lChild) + "/comm");
     }));
     EXPECT_EQ(1, isProcessRunning(lName.c_str()));

@@ -1,5 +1,5 @@
-// The mailbox in real segments: its limits, its time, the order of its accesses, and two processes. How each operation
-// ends: outcomes/SharedMemory.cpp.
+// The mailbox in real segments: limits, time, the order of accesses, and two processes. outcomes/SharedMemory.cpp tests
+// how each operation ends.
 
 #include <errno.h>
 #include <limits.h>
@@ -30,7 +30,7 @@ typedef std::vector<unsigned char> Bytes;
 const char cTimedOut[] = "Timed out waiting on Shared Memory";
 const char cTryAgain[] = "Shared Segment in use for writing: Try again";
 
-/// What the system says of a segment, all zero where there is none.
+/// Returns the system's state of a segment, all zero if the segment does not exist.
 shmid_ds stateOf(const OQShmDesc& acrDesc)
 {
     shmid_ds lState;
@@ -39,7 +39,7 @@ shmid_ds stateOf(const OQShmDesc& acrDesc)
     return lState;
 }
 
-/// data_ready, segment_free, server_ready, client_ready, data_length
+/// Returns data_ready, segment_free, server_ready, client_ready, data_length.
 Numbers headerOf(const OQShmDesc& acrDesc)
 {
     const OQSSharedMemoryHeader& lrHeader = *acrDesc.shm_addr;
@@ -54,7 +54,7 @@ Bytes dataOf(const OQShmDesc& acrDesc, size_t aCount)
     return Bytes(lpData, lpData + aCount);
 }
 
-/// Bytes that tell a message from another.
+/// Returns bytes that differ from those of other messages.
 Bytes message(size_t aLength, unsigned int aSeed = 1)
 {
     Bytes lBytes(aLength);
@@ -66,17 +66,17 @@ Bytes message(size_t aLength, unsigned int aSeed = 1)
     return lBytes;
 }
 
-/// \return the count
+/// Writes a message. \return the count of written bytes
 unsigned int write(OQShmDesc& arDesc, Bytes aMessage)
 {
     const unsigned int lLength = static_cast<unsigned int>(aMessage.size());
-    aMessage.push_back(0);  // an empty message has an address, too
+    aMessage.push_back(0);  // so that an empty message also has an address
     unsigned int lWritten = 4711;
     OsSharedMemoryWrite(arDesc, aMessage.data(), lLength, lWritten);
     return lWritten;
 }
 
-/// Reads into a buffer of this length. \return as many bytes as the count says
+/// Reads into a buffer of this length. \return the bytes read, as many as the count reports
 Bytes read(OQShmDesc& arDesc, unsigned int aLength)
 {
     Bytes lBuffer(aLength + 1, 0xCD);
@@ -87,7 +87,7 @@ Bytes read(OQShmDesc& arDesc, unsigned int aLength)
     return lBuffer;
 }
 
-/// Gives up the rights of the superuser, for whom the system makes exceptions.
+/// Gives up root's rights, because the system does not apply all checks to root.
 void becomeNobody()
 {
     if (0 == geteuid() && 0 != setuid(65534)) {
@@ -121,7 +121,7 @@ TEST_F(SharedMemoryLinuxTest, ASegmentLivesFromTheServersOpenToTheLastDetach)
     EXPECT_EQ(Bytes(58, 0), dataOf(mDesc, 58));
     EXPECT_EQ(4711U, write(mDesc, message(20))) << "no client has opened yet";
 
-    OQShmDesc lClient = {key(), 63, -77, nullptr};  // may ask for less
+    OQShmDesc lClient = {key(), 63, -77, nullptr};  // the client may request a smaller size
     OsSharedMemoryOpen(lClient, OQCM_Client);
     EXPECT_EQ(mDesc.shm_id, lClient.shm_id);
     EXPECT_EQ(2U, stateOf(mDesc).shm_nattch);
@@ -275,7 +275,7 @@ TEST_F(SharedMemoryLinuxTest, ServerGoesOnWhenTheClientHasGoneAndTheReadyFlagsSt
 
 // Transfer
 
-/// While it lives, time passes by sleeping only, for the operations of this thread.
+/// Simulates the clock for the operations of this thread: only sleeps advance the time.
 class SimulatedTime
 {
 public:
@@ -340,7 +340,7 @@ protected:
         EXPECT_EQ(lTime.mSleeps + 1, lTime.mReadings);
         return lTime.mSleeps;
     }
-    /// The clock jumps in the first sleep to so many milliseconds after the start; the message comes in the second.
+    /// The clock jumps in the first sleep to aElapsed milliseconds after the start. The message arrives in the second.
     int waitedWithJump(unsigned int aSeconds, int64_t aElapsed, int64_t aStart = SimulatedTime::cStart)
     {
         return waited(
@@ -371,7 +371,7 @@ TEST_F(SharedMemoryLinuxTransferTest, MessagesOfEveryLengthThatFitsAreWrittenAnd
 
 TEST_F(SharedMemoryLinuxTransferTest, TheLengthIsCutTo16Bits)
 {
-    // Only a segment smaller than the header lets such a length pass: memory of the test's own stands for its mapping.
+    // The check accepts such a length only for a segment smaller than the header. Local memory replaces its mapping.
     std::vector<uint16_t> lMemory(40000);
     OQShmDesc lSmall = {key(1), 5, 0, reinterpret_cast<OQSSharedMemoryHeader*>(lMemory.data())};
     lSmall.shm_addr->segment_free = lSmall.shm_addr->server_ready = lSmall.shm_addr->client_ready = 1;
@@ -479,16 +479,16 @@ TEST_F(SharedMemoryLinuxTransferTest, WriterAndReaderKeepPollingWhileTheSlotChan
     EXPECT_EQ(5, lTime.mSleeps);
 }
 
-// The library's accesses to the segment, one by one. The thread sanitizer makes the loads itself, some of them twice.
+// The library's single accesses to the segment. The thread sanitizer makes the loads itself, some twice.
 
 #if (defined(__x86_64__) || defined(__i386__)) && !defined(__SANITIZE_THREAD__)
 
-/// Records each access to an attached segment. Its page is protected, so every access traps; it is let through as a
-/// single instruction, after which the page is protected again. "r1": read at offset 1, "w1": write at offset 1.
+/// Records each access to an attached segment. The page is protected, so every access traps. The handler permits it for
+/// a single step and then protects the page again. "r1": read at offset 1, "w1": write at offset 1.
 class AccessTrace
 {
 public:
-    /// \param[in] aCall  runs once, behind the access of this name; it has its own mapping of the segment
+    /// \param[in] aCall  runs once, after the access of this name; must use another mapping of the segment
     explicit AccessTrace(void* apSegment, const std::string& acrAwaited = "", std::function<void()> aCall = {})
         : mAwaited(acrAwaited), mCall(aCall)
     {
@@ -513,7 +513,7 @@ public:
     }
     ~AccessTrace() { end(); }
 
-    /// \return what was recorded, with "copy" where the message was copied
+    /// \return the recorded accesses, with "copy" for the copy of the message
     std::string end()
     {
         if (nullptr != spPage) {
@@ -572,7 +572,7 @@ private:
     struct sigaction mOldStep;
     Recording mRecording;
 };
-/// The caller's count lies in the traced page too, at offset 64, so that its place in the order shows.
+/// The caller's count is also in the traced page, at offset 64, so the trace shows when it is stored.
 class SharedMemoryLinuxAccessTest : public SharedMemoryLinuxTransferTest
 {
 protected:
@@ -581,7 +581,7 @@ protected:
         SharedMemoryLinuxTransferTest::SetUp();
         mpDone = reinterpret_cast<unsigned int*>(reinterpret_cast<unsigned char*>(mDesc.shm_addr) + 64);
     }
-    /// Accesses of a wait in which the clock reaches the end in this sleep. \return what was recorded
+    /// Runs a wait in which the clock reaches aEnd in this sleep, and expects a time-out. \return the recorded accesses
     std::string accessesUntil(int aSleep, int64_t aEnd, const std::function<void()>& acrOperation)
     {
         SimulatedTime lTime;
@@ -668,7 +668,7 @@ TEST_F(SharedMemoryLinuxAccessTest, OpenStoresTheHeaderInOrderAndReadsNothing)
 class SharedMemoryLinuxReopenTest : public SharedMemoryLinuxAccessTest
 {
 protected:
-    /// A client writes 20 bytes. Behind its access of this name, a server opens the segment again.
+    /// A client writes 20 bytes. After its access of this name, a server opens the segment again.
     void writeWithOpenAfter(const char* acAccess)
     {
         const Bytes lMessage = message(20);
@@ -721,8 +721,8 @@ int64_t nanoseconds()
     return static_cast<int64_t>(lNow.tv_sec) * 1000000000 + lNow.tv_nsec;
 }
 
-/// Expects a time-out after so many milliseconds. The layer reckons in readings of whole milliseconds, so a wait may be two
-/// shorter by another clock.
+/// Expects a time-out after this number of milliseconds. The layer reads the clock in whole milliseconds, so a wait may
+/// be up to two milliseconds shorter by a finer clock.
 void expectTimeOutAfter(int64_t aMilliseconds, const std::function<void()>& acrOperation)
 {
     const int64_t lStart = nanoseconds();
@@ -765,15 +765,15 @@ TEST_F(SharedMemoryLinuxTransferTest, SignalsNeitherShortenNorProlongAWait)
     expectTimeOutAfter(1000, [&] { OsSharedMemoryWaitForActivity(mClient, 1); });
     setitimer(ITIMER_REAL, &lNever, nullptr);
     sigaction(SIGALRM, &lOld, nullptr);
-    EXPECT_LE(1, sAlarms);  // twenty, but while the process has no processor several become one
+    EXPECT_LE(1, sAlarms);  // usually twenty: several become one while the process does not run
 }
 
 // Two processes
 
 const unsigned int cPatience = 60;  // seconds
 
-/// Polls without sleeps, on one of the processors that this process may use. Two processes that pass messages as fast as
-/// they can then never wait for one another's time slices on a busy machine.
+/// Polls without sleeps, on one of the processors that this process may use. Two processes then pass messages as fast
+/// as possible, and on a busy machine neither waits for the time slice of the other.
 void spinOn(int aProcessor)
 {
     cpu_set_t lAllowed;
@@ -802,7 +802,7 @@ void writeMany(OQShmDesc& arDesc, unsigned int aCount, unsigned int aSeed)
     }
 }
 
-/// Expects each message whole and in its place.
+/// Expects that all messages arrive complete and in order.
 void readMany(OQShmDesc& arDesc, unsigned int aCount, unsigned int aSeed)
 {
     for (unsigned int lNumber = 0; lNumber < aCount; ++lNumber) {
@@ -811,7 +811,7 @@ void readMany(OQShmDesc& arDesc, unsigned int aCount, unsigned int aSeed)
     }
 }
 
-/// Passes so many messages from one process to another and then as many back.
+/// Passes aCount messages from one process to another, then aCount messages back.
 void exchange(int aKey, unsigned int aCount, bool aSpins, const std::function<void(OQShmDesc&)>& acrOpened = {})
 {
     OQShmDesc lServer = {aKey, 256, -77, nullptr};
@@ -829,7 +829,7 @@ void exchange(int aKey, unsigned int aCount, bool aSpins, const std::function<vo
                       }
                       const Recording lRecording;
                       readMany(lClient, aCount, 55);
-                      arServer.signal();  // the next message in the slot is not the server's own
+                      arServer.signal();  // the server has no unread message in the slot any more
                       writeMany(lClient, aCount, 77);
                   });
                   if (aSpins) {
@@ -857,7 +857,7 @@ TEST_F(SharedMemoryLinuxTest, FiveHundredMessagesEachWayArriveWithThePollOfOneMi
     exchange(key(1), 500, false);
 }
 
-/// How often an onlooker has seen each state of the slot, in memory that processes share.
+/// The number of times that an observer has seen each state of the slot, in shared memory.
 struct Seen {
     volatile bool mEnd;
     volatile uint64_t mFree[2];  ///< without a message, by segment_free
@@ -866,7 +866,7 @@ struct Seen {
     uint64_t all() const { return mFree[0] + mFree[1] + mFull[0] + mFull[1]; }
 };
 
-/// Looks at both flags in one load each time, until told to end.
+/// Repeatedly reads both flags with one load, until mEnd is set.
 void lookOn(const OQShmDesc& acrDesc, Seen& arSeen)
 {
     while (!arSeen.mEnd) {
@@ -884,7 +884,7 @@ TEST_F(SharedMemoryLinuxTest, AnOnlookerNeverSeesBothFlagsSet)
     ASSERT_NE(MAP_FAILED, lpShared);
     Seen& lrSeen = *new (lpShared) Seen();
     uint64_t lDuring = 0;
-    for (int lRound = 0; 0 == lDuring && !HasFailure() && lRound < 100; ++lRound) {  // once, unless kept from looking
+    for (int lRound = 0; 0 == lDuring && !HasFailure() && lRound < 100; ++lRound) {  // usually one round
         memset(lpShared, 0, sizeof(Seen));
         uint64_t lBefore = 0;
         std::unique_ptr<Peer> lOnlooker;
@@ -916,7 +916,7 @@ TEST_F(SharedMemoryLinuxTest, AWaitEndsSoonAfterTheMessage)
         OsSharedMemoryOpen(mDesc, OQCM_Client);
         for (unsigned int lMessage = 0; lMessage < cMessages; ++lMessage) {
             arReader.meet();
-            usleep(500 + lMessage * 211 % 2000);  // at any point of the reader's sleep
+            usleep(500 + lMessage * 211 % 2000);  // arrives at any point of the reader's sleep
             const int64_t lSent = nanoseconds();
             Bytes lBytes(sizeof lSent);
             memcpy(lBytes.data(), &lSent, sizeof lSent);

@@ -1,5 +1,5 @@
-// Whole runs under strain: every allocation of a run refused in turn, all descriptors in use, and signals without end.
-// Each single failure of an operation is a row of tests/outcomes.
+// Complete operations under stress: each allocation fails in turn, all descriptors are in use, or signals arrive all
+// the time. The rows in tests/outcomes test single failures of each operation.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -24,7 +24,7 @@ const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
 
 // ---- Memory
 
-/// With std::bad_alloc comes its own memory, and goes with it: an allocation more, when it is not itself refused.
+/// The exception std::bad_alloc is one more allocation, unless that allocation fails. It is freed with the exception.
 class MemoryTest : public RecordedTest
 {
 protected:
@@ -34,16 +34,16 @@ protected:
         if (!FailingMemory::isPossible()) {
             GTEST_SKIP() << "allocations are another allocator's and cannot be made to fail";
         }
-        EXPECT_THROW(throw OQCNoMemoryEx("warm", 2), OQCException);  // the first exception of a thread asks for more
+        EXPECT_THROW(throw OQCNoMemoryEx("warm", 2), OQCException);  // a thread's first throw allocates more
         keepNoEvents();
         recordCompanion();
     }
 
-    /// Refuses the operation's first allocation, then its second, ... until it ends without having asked for so many.
-    /// \param[in] acrLeft  tells what is left
-    /// \return how each run ended, the last with all its memory: N: OQCNoMemoryEx, B: std::bad_alloc, R: it returned;
-    ///         then how many blocks there are more than before: what is told to stay allocated, and no more; then what is
-    ///         left
+    /// Runs the operation repeatedly. In run N, allocation number N fails. Ends after the run with fewer than N
+    /// allocations.
+    /// \param[in] acrLeft  describes the state after a run
+    /// \return for each run: N for OQCNoMemoryEx, B for std::bad_alloc, R for a return; then the number of blocks that
+    ///         the run left allocated; then the text of acrLeft. In the last run all allocations succeed.
     static std::string refuseInTurn(
         const std::function<void()>& acrRun, const std::function<void()>& acrBefore = [] {},
         const std::function<std::string()>& acrLeft = [] { return ""; })
@@ -82,12 +82,12 @@ TEST_F(MemoryTest, PointerAsksForItsCounterAndLeavesThePointeeToTheCallerWithout
     EXPECT_EQ("N0 R-1",
               refuseInTurn([&] { const Pointer<unsigned int> lPointer(lpPointee, OQPST_Individual, OQPMT_New); },
                            [&] {
-                               delete lpPointee;  // of the refused run
+                               delete lpPointee;  // pointee of the previous run
                                lpPointee = new unsigned int(7);
                            }));
 }
 
-/// Object, characters, counter; a short text has its characters inside.
+/// The allocations: object, characters, counter. The object of a short text contains the characters.
 TEST_F(MemoryTest, TextsLeaveNothingButATextWithoutACounter)
 {
     const OQCString lOther(cLong);
@@ -116,13 +116,13 @@ TEST_F(MemoryTest, ListsKeepTheirElementsAndLeaveNothingButATextWithoutACounter)
               refuseInTurn([&] { lTexts.append(lText); }, [] {}, [&] { return "/" + std::to_string(lTexts.size()); }));
 }
 
-/// The buffer; of each line the object and its counter, the node, and the object and counter of the copy in it.
+/// The allocations: the buffer; for each line, its object and counter, the node, and the copy's object and counter.
 TEST_F(MemoryTest, LinesBeforeTheRefusalStayAndTheLineBufferIsLeft)
 {
     char lBuffer[4000];
     OQCList<OQCString> lLines;
     const auto lBefore = [&] {
-        strncpy(lBuffer, "first\nsecond\nrest", sizeof lBuffer);  // and zeros to the end
+        strncpy(lBuffer, "first\nsecond\nrest", sizeof lBuffer);  // fills the rest with zeros
         lLines.clear();
     };
     EXPECT_EQ(
@@ -142,8 +142,8 @@ TEST_F(MemoryTest, AddressesBeforeTheRefusalStay)
                                              [&] { return "/" + std::to_string(lFound.size()); }));
 }
 
-/// The stream; the line; the stream's buffer, without which it reads byte by byte; then twice the object of a text and
-/// its counter.
+/// The allocations: the stream; the line; the stream's buffer, without which it reads byte by byte; then object and
+/// counter of two texts.
 TEST_F(MemoryTest, FirstLineStaysUntilItsSuccessorHasItsMemory)
 {
     std::ofstream(path("release")) << "release 1\n";
@@ -156,8 +156,8 @@ TEST_F(MemoryTest, FirstLineStaysUntilItsSuccessorHasItsMemory)
     unlink(path("release").c_str());
 }
 
-/// Three files that are not there, each told by an exception, which has memory of its own in need; then twice the object,
-/// its characters and its counter.
+/// The allocations: an exception for each of three missing files, for which the runtime has a reserve; then object,
+/// characters and counter of two texts.
 TEST_F(MemoryTest, NameOfTheSystemStaysUntilItsSuccessorHasItsMemory)
 {
     substitute::stat.fail(-1, ENOENT);
@@ -190,7 +190,7 @@ TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
         }
         ASSERT_EQ(EMFILE, errno);
 
-        // What would open one.
+        // These operations would open a descriptor.
         int lPipe = -7;
         OsNamedPipeCreate(lPath.c_str(), lPipe);
         errno = 0;
@@ -219,7 +219,7 @@ TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
             EXPECT_EQ(7U, lAddress);
         }
 
-        // What needs none that is not open yet.
+        // These operations need no new descriptor.
         pthread_mutex_t lMutex;
         OsInitMutex(lMutex);
         OsLockMutex(lMutex);
@@ -247,13 +247,13 @@ TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
 
 // ---- Signals
 
-const unsigned int cSignals = 30;  // while an operation blocks
+const unsigned int cSignals = 30;  // number of signals while an operation blocks
 
-/// A signal interrupts the test's thread every few hundred microseconds, with a handler of the layer's own kind.
+/// A signal interrupts the test's thread every few hundred microseconds. RegisterSignalHandler installs its handler.
 class StormTest : public RecordedTest
 {
 public:
-    /// From another thread: waits for so many signals more.
+    /// Waits until aMore further signals have been sent. Called on another thread.
     void await(unsigned int aMore) const
     {
         const unsigned int lBefore = mSent;
@@ -318,7 +318,8 @@ TEST_F(StormTest, WaitEndsWithTheDataAndBlockReadGathersEveryPiece)
     EXPECT_STREQ("pieces", reinterpret_cast<char*>(lBuffer));
 }
 
-/// A write or read that a signal cuts short says how far it came, so that a caller who goes on from there loses nothing.
+/// A write or read that a signal interrupts reports the number of bytes transferred. A caller that continues from there
+/// loses nothing.
 TEST_F(StormTest, WritesAndReadsSayHowFarTheyCame)
 {
     std::vector<unsigned char> lData(600000);
@@ -338,7 +339,7 @@ TEST_F(StormTest, WritesAndReadsSayHowFarTheyCame)
         });
         unsigned int lCount;
         for (size_t lDone = 0; lDone < lData.size(); lDone += lCount) {
-            lCount = 0;  // what a call that a signal ended at once leaves
+            lCount = 0;  // stays 0 if a signal interrupts the call before any byte
             const unsigned int lLeft = static_cast<unsigned int>(lData.size() - lDone);
             if (lWrites) {
                 OsNamedPipeWrite(mEnds[1], &lData[lDone], lLeft, lCount);
@@ -395,7 +396,7 @@ TEST_F(StormTest, ThreadsMutexesAndConditionsAreWaitedForToTheEnd)
     std::function<void()> lOther = [&] {
         OsLockMutex(lMutex);
         lStep = 1;
-        await(cSignals);  // while the test wants the mutex
+        await(cSignals);  // while the test waits for the mutex
         lStep = 2;
         OsUnlockMutex(lMutex);
         for (int lNext = 3; lNext <= 4; ++lNext) {
@@ -405,7 +406,7 @@ TEST_F(StormTest, ThreadsMutexesAndConditionsAreWaitedForToTheEnd)
             OsSignal(lCondition);
             OsUnlockMutex(lMutex);
         }
-        await(cSignals);  // while the test waits for the end
+        await(cSignals);  // while the test waits for the end of this thread
         lStep = 5;
     };
     unsigned long lThread = 0;
@@ -429,7 +430,7 @@ TEST_F(StormTest, ThreadsMutexesAndConditionsAreWaitedForToTheEnd)
     OsDestroyMutex(lMutex);
 }
 
-/// As the reference tells callers to wait where signals are handled.
+/// Waits as the reference recommends for callers that handle signals.
 int waitFor(int aChild)
 {
     siginfo_t lInfo;
@@ -497,7 +498,7 @@ TEST_F(StormTest, InterruptedOpenLeavesTheDescriptorAndCanBeRepeated)
         EXPECT_TRUE(eventually([&] { return lIsOpen.load(); }));
         OsNamedPipeClose(lOther, OQCM_Client);
     });
-    for (; - 7 == lPipe; ++lInterrupted) {  // for reading alone: waits for the other
+    for (; - 7 == lPipe; ++lInterrupted) {  // opening for reading only waits for a writer
         OsNamedPipeOpen(lPipe, lPath.c_str(), OQFM_Append, OQPS_Blocking, OQCM_Server);
     }
     lIsOpen = true;

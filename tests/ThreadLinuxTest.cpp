@@ -1,4 +1,4 @@
-// What threads do beside each other. How each operation ends: outcomes/Threads.cpp.
+// Several threads at the same time. outcomes/Threads.cpp tests how each operation ends.
 
 #include <unistd.h>
 
@@ -10,7 +10,7 @@ namespace
 /// One thread opens it with set_value(). The other thread passes it with get_future().wait().
 typedef std::promise<void> Gate;
 
-/// Sets a flag when its frame is left.
+/// Sets a flag when its frame ends.
 class Frame
 {
 public:
@@ -23,7 +23,7 @@ private:
 
 void* returnAtOnce(void* apArgument) { return apArgument; }
 
-/// Joins without the layer.
+/// Joins a thread without the layer.
 void* join(unsigned long aThread)
 {
     void* lpExitValue = nullptr;
@@ -188,7 +188,7 @@ TEST_F(ThreadLinuxTest, DestroyReturnsAtOnceAndTheThreadEndsAtItsNextCancellatio
         return nullptr;
     });
     lState.mRunning.get_future().wait();
-    OsDestroyThread(mThread);  // the thread cannot have ended: its gate is shut
+    OsDestroyThread(mThread);  // the thread cannot have ended: it waits at its gate
     lState.mGoOn.set_value();
     OsWaitForExit(mThread);
     EXPECT_FALSE(lState.mHasPassed);

@@ -1,4 +1,4 @@
-// A host that does not bring the names which the layer asks of it: it never gets as far as main.
+// A host without a companion runtime. The loader reports the missing names and ends the program before main().
 #include <stdio.h>
 
 #include "OQLinux.h"

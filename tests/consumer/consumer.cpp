@@ -1,4 +1,4 @@
-// Exits with 0 when the installed library can be called and its failures caught.
+// Exits with status 0 if the installed library can be called and its exceptions can be caught.
 #include "OQCompanionSettings.h"
 #include "OQLinux.h"
 

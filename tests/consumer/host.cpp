@@ -1,6 +1,6 @@
-// A host with a companion runtime of its own (examples/guide/own_companion.cpp) that links nothing and loads the layer when
-// it wants it. Exits with 0 when the layer throws what this program catches; the line of the failure is for the caller to
-// look at.
+// A host with its own companion runtime (examples/guide/own_companion.cpp). It links no library and loads the layer
+// with dlopen(). Exits with status 0 if it catches the expected exception of the layer. The calling script checks the
+// log line of that failure.
 //
 //   host PATH-OF-libOQLinux.so
 #include <OQLinux.h>
@@ -21,6 +21,6 @@ int main(int, char** apWords)
     } catch (const OQCFileUnLockFailedEx& acrFailure) {
         lCaught = 331 == acrFailure.code();
     }
-    dlclose(lpLayer);  // not before: the exception's class lives in the layer
+    dlclose(lpLayer);  // after the handler, because the class of the exception is in the layer
     return lCaught ? 0 : 1;
 }

@@ -1,4 +1,4 @@
-// Values for GDB to show, good and bad. expected.txt is the output of GDB with show.gdb.
+// Valid and invalid values for GDB to show. expected.txt is the output of GDB with show.gdb.
 
 #include <stdlib.h>
 #include <string.h>
@@ -10,7 +10,7 @@
 namespace
 {
 
-/// Memory in which a value may stand that was destroyed or never built.
+/// Memory for a value that was destroyed or never constructed.
 template <class Value, int Filling>
 struct Memory {
     Memory() { memset(mBytes, Filling, sizeof mBytes); }
@@ -60,7 +60,7 @@ int main()
     brokenList.append('a');
     brokenList.append('b');
     brokenList.append('c');
-    reinterpret_cast<void**>(&*++brokenList.begin())[-1] = nullptr;  // the way back from the second node
+    reinterpret_cast<void**>(&*++brokenList.begin())[-1] = nullptr;  // the second node's link to the first
 
     Pointer<int> one(new (std::nothrow) int(42), OQPST_Individual, OQPMT_New);
     Pointer<int> other(one);
@@ -73,7 +73,7 @@ int main()
     OQCException &zeroException = raw<OQCException, 0>(), &endlessException = raw<OQCException, 'x'>();
     OQCTimeOutEx &zeroTimeOut = raw<OQCTimeOutEx, 0>(), &wildTimeOut = raw<OQCTimeOutEx, 0xa5>();
     try {
-        OsWaitForActivity(-1, 0);  // no descriptor: the time is over at once
+        OsWaitForActivity(-1, 0);  // -1 is no descriptor, so the wait times out at once
     } catch (const OQCException& caught) {
         here(caught);
     }
