@@ -41,17 +41,21 @@ public:
         clearEvents();
         nameObject("arguments", mArguments);
         nameObject("environment", mArguments + 1);
-        substitute::pthread_mutex_init.hide();  // of the lock that the throwing child holds
-        substitute::pthread_mutex_lock.hide();
+        substitute::pthread_mutex_lock.hide();  // of the lock that the throwing child holds
         if (aVforkCopies) {
             substitute::vfork.instead([] { return substitute::fork.real(); });
         }
     }
+    /// \param[in] aSignal  is sent to the child after the start
     /// \return the exit status of the child, or minus the signal that ended it
-    int operator()()
+    int operator()(int aSignal = 0)
     {
         int lStatus = -1;
-        substitute::waitpid.real(ProcessCreate("/bin/true", mArguments, mArguments + 1), &lStatus, 0);
+        const pid_t lChild = ProcessCreate("/bin/true", mArguments, mArguments + 1);
+        if (0 < lChild) {
+            substitute::kill.real(lChild, aSignal);
+        }
+        substitute::waitpid.real(lChild, &lStatus, 0);
         return WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -WTERMSIG(lStatus);
     }
 
@@ -74,12 +78,15 @@ const std::string cThrows = R"(
     ClibStrerror(local, 512) = "ERROR #2"
     throws OQCProcessCreationFailedEx 345 "ERROR #2"
 )";
-const char* const cThrowsInTheChild = R"(
+const std::string cCannotRun = R"(
     Entered
     fflush(stdin) = 0
     vfork()
     child 1: execve("/bin/true", arguments, environment) = -1 ERROR
     waitpid(child 1, null, 0) = child 1
+)";
+const std::string cMakesTheLock = "pthread_mutex_init(memory, local) = 0";
+const std::string cThrowsInTheChild = R"(
     fork() = child 2
     child 2: ClibStrerror(local, 512) = "ERROR #1"
     child 2: -E- "Failed to exec child :%s" "ERROR #1"
@@ -98,6 +105,14 @@ OUTCOME(ProcessCreate, Succeeds)
         Start lStart(lCopies);
         run([&] { EXPECT_EQ(0, lStart()); });
     }
+    // The parent of a copy does not see the program start, but the session that the program has created.
+    Start lStart(true);
+    substitute::execve.instead([](const char*, char* const*, char* const*) {
+        setsid();
+        alarm(30);  // ends the child of a parent that does not return
+        return pause();
+    });
+    run([&] { EXPECT_EQ(-SIGKILL, lStart(SIGKILL)); });
 }
 
 OUTCOME_OF_ERRORS(ProcessCreate, ThrowsWhenVforkFails, EAGAIN, ENOMEM, ENOSYS)
@@ -118,7 +133,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, ThrowsWhenTheProgramCannotBeRun, E2BIG, EACCES,
                   ELIBBAD, ELOOP, EMFILE, ENAMETOOLONG, ENFILE, ENOENT, ENOEXEC, ENOMEM, ENOTDIR, EPERM, ETXTBSY)
 {
     mWhen = "the program cannot be run (`execve` fails)";
-    mTrace = cThrowsInTheChild;
+    mTrace = cCannotRun + cMakesTheLock + cThrowsInTheChild;
     mTells = "the parent returns the child's id when the child has run another program or has ended";
     mStays = "the parent's memory, descriptors and output; the child continues as its caller decides";
     for (const bool lCopies : cCopies) {
@@ -137,6 +152,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, ThrowsWhenForkOfTheThrowingChildFails, EAGAIN, 
         vfork()
         child 1: execve("/bin/true", arguments, environment) = -1 ENOENT
         waitpid(child 1, null, 0) = child 1
+        pthread_mutex_init(memory, local) = 0
         fork() = -1 ERROR)" +
              cThrows;
     mStays = "there is no child; the text is that of the error of `fork`";
@@ -167,7 +183,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoMemoryThatTheChildShares, ENOENT)
             if (!lIsThrown) {
                 substitute::execve.hide();  // the parent does not wait for the execve() of a child that has a copy
             }
-            mTrace = lIsThrown ? cThrowsInTheChild : "Entered\n fflush(stdin) = 0\n vfork()\n Left";
+            mTrace = lIsThrown ? cCannotRun + cThrowsInTheChild : "Entered\n fflush(stdin) = 0\n vfork()\n Left";
             run([&] { EXPECT_EQ(lRuns || lIsThrown ? 0 : 127, lStart()); });
         }
     }
@@ -187,7 +203,7 @@ OUTCOME_OF_ERRORS(ProcessCreate, NeedsNoFreeDescriptor, ENOENT)
             if (!lRuns) {
                 substitute::execve.fail(-1, error());
             }
-            mTrace = lRuns ? cSucceeds : cThrowsInTheChild;
+            mTrace = lRuns ? cSucceeds : cCannotRun + cMakesTheLock + cThrowsInTheChild;
             runInChild([&] {
                 const rlimit lFew = {64, 64};
                 setrlimit(RLIMIT_NOFILE, &lFew);
