@@ -215,7 +215,8 @@ TEST_F(SharedMemoryLinuxTest, ServerOpenFailsAtTheLimitOfLockedMemoryAndGoesOnWh
 TEST_F(SharedMemoryLinuxTest, TheExceptionHasTheTextThatTheCompanionCopied)
 {
     char* lpBuffer = nullptr;
-    substitute::ClibStrerror.instead([&](char* apBuffer, unsigned int) { return lpBuffer = apBuffer; });
+    substitute::ClibStrerror.instead(
+        [&](char* apBuffer, unsigned int) { return strcpy(lpBuffer = apBuffer, "the error"); });
     substitute::ClibStrcpy.instead([&](char* apTo, const char*) {
         EXPECT_EQ(static_cast<void*>(lpBuffer), apTo);
         return strcpy(apTo, "what the copy left");
