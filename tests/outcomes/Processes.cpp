@@ -42,6 +42,10 @@ public:
         nameObject("arguments", mArguments);
         nameObject("environment", mArguments + 1);
         substitute::pthread_mutex_lock.hide();  // of the lock that the throwing child holds
+        substitute::waitid.instead([](idtype_t aType, id_t aChild, siginfo_t* apInfo, int aOptions) {
+            EXPECT_STREQ("local", place(apInfo).mText);  // another thread may ask at the same time
+            return substitute::waitid.real(aType, aChild, apInfo, aOptions);
+        });
         if (aVforkCopies) {
             substitute::vfork.instead([] { return substitute::fork.real(); });
         }
