@@ -500,6 +500,7 @@ OUTCOME(ClibBlockRead, ReturnsWhatHasArrivedWhenTheDataEnds)
     run([] { ClibBlockRead(5, sBuffer, 9); });
 }
 
+// Clang knows that the companion's ClibStrerror() returns its buffer, so callers in the companion use the buffer.
 const char* const cReadFails = R"(
     ClibFread(memory, 1, 15, memory)
     ClibStrerror(local, 512) = "ERROR #1"
@@ -511,6 +512,7 @@ OUTCOME_OF_ERRORS(ClibFread, ThrowsWhenNothingCanBeRead, EAGAIN, EBADF, EFAULT, 
     Stream lStream({-error()});
     strcpy(sBuffer, "###############");
     mWhen = "nothing could be read because of an error";
+    mTextIsInBuffer = true;
     mTrace = cReadFails;
     mStays = "the buffer";
     run([&] { ClibFread(sBuffer, 1, 15, lStream); });
@@ -522,6 +524,7 @@ OUTCOME_OF_ERRORS(ClibFread, ThrowsWhenAnErrorFollowsItems, EINTR, EIO)
     Stream lStream({5, -error()});
     strcpy(sBuffer, "#######");
     mWhen = "a read error follows items that have arrived";
+    mTextIsInBuffer = true;
     mTrace = cReadFails;
     mStays = "the items are in the buffer, but their number is not reported";
     run([&] { ClibFread(sBuffer, 1, 15, lStream); });
@@ -533,6 +536,7 @@ OUTCOME_OF_ERRORS(ClibFread, ThrowsWhileTheErrorFlagIsSet, EXDEV)
     Stream lStream({-EINTR});
     EXPECT_EQ(EOF, fgetc(lStream));
     mWhen = "the stream's error flag is still set from an earlier call";
+    mTextIsInBuffer = true;
     mTrace = cReadFails;
     mStays = "the flag stays set until the caller calls `clearerr`";
     run([&] {
@@ -569,6 +573,7 @@ OUTCOME_OF_ERRORS(ClibStat, ThrowsWhenThePathCannotBeExamined, EACCES, EBADF, EF
     recordCompanion();
     substitute::stat.show();
     substitute::stat.fail(-1, error());
+    mTextIsInBuffer = true;
     mWhen = "the path cannot be examined; on 32-bit systems also: a file of 2 GiB and more";
     mTrace = R"(
         ClibStat("file", memory)

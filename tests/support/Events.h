@@ -18,11 +18,11 @@
 #include "OQLinux.h"
 
 /// Excludes a function from checks. The thread sanitizer's runtime calls such functions in threads that it does not
-/// know yet. The check of an object's type needs a descriptor, and a test may have used up all descriptors.
+/// know yet.
 #if defined(__SANITIZE_THREAD__)
-#define UNWATCHED __attribute__((no_sanitize_thread, no_sanitize("vptr")))
+#define UNWATCHED __attribute__((no_sanitize_thread))
 #else
-#define UNWATCHED __attribute__((no_sanitize("vptr")))
+#define UNWATCHED
 #endif
 
 struct Event {

@@ -43,6 +43,7 @@ std::string replaced(std::string aText, const std::string& acrOld, const std::st
 }
 
 unsigned int sTextCount = 0;
+bool sTextIsInBuffer = false;
 
 /// Replaces ClibStrerror() in rows. The text shows the name of errno, how many texts the row has got so far, and whether
 /// the text went into another buffer than the first one.
@@ -54,7 +55,7 @@ char* textOfErrno(char* apBuffer, unsigned int)
     strcpy(apBuffer, "the text is elsewhere");
     snprintf(sText, sizeof sText, "%s #%u%s", errorName(errno).mText, ++sTextCount,
              spFirst == apBuffer ? "" : " of another buffer");
-    return sText;
+    return sTextIsInBuffer ? strcpy(apBuffer, sText) : sText;
 }
 
 }  // namespace
@@ -131,6 +132,7 @@ void Outcome::runInChild(const std::function<void()>& acrOperation)
 void Outcome::perform(const std::function<void()>& acrOperation)
 {
     sTextCount = 0;
+    sTextIsInBuffer = mTextIsInBuffer;
     substitute::ClibStrerror.instead(textOfErrno);
     const pid_t lProcess = getpid();
     try {

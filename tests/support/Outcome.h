@@ -53,8 +53,9 @@ public:
     /// The values that stay unchanged and the resources that remain; for the page.
     std::string mStays = "-";
     unsigned int mFailingAllocation =
-        0;                      ///< this allocation fails, counted from 1; skip the row if !FailingMemory::isPossible()
-    bool mNeedsMemory = false;  ///< this outcome does not occur when every allocation fails
+        0;  ///< this allocation fails, counted from 1; skip the row if !FailingMemory::isPossible()
+    bool mTextIsInBuffer = false;  ///< ClibStrerror() stores the text in the buffer, for callers in the companion
+    bool mNeedsMemory = false;     ///< this outcome does not occur when every allocation fails
 
     /// The error of this pass.
     int error() const { return mError; }

@@ -80,7 +80,7 @@ Shown threadText(pthread_t aThread)
 void SubstituteBase::resetAll()
 {
     for (SubstituteBase* lpSubstitute = sFirst; nullptr != lpSubstitute; lpSubstitute = lpSubstitute->mNext) {
-        lpSubstitute->reset();
+        lpSubstitute->mReset(*lpSubstitute);
     }
 }
 

@@ -36,7 +36,8 @@
 #endif
 
 /// Base class of all substitutes. They are constant-initialised, because the loader and the sanitizers call some of
-/// them before any constructor runs.
+/// them before any constructor runs. They have no virtual functions: Clang's sanitizer checks the type of such an object
+/// with a descriptor, and a test may have used up all descriptors.
 class SubstituteBase
 {
 public:
@@ -49,8 +50,9 @@ public:
     bool isShown() const { return mIsShown; }
 
 protected:
-    constexpr SubstituteBase(const char* acSymbol, bool aIsShown)
-        : mSymbol(acSymbol), mIsShownUnasked(aIsShown), mIsShown(aIsShown)
+    typedef void (*Reset)(SubstituteBase& arSubstitute);
+    constexpr SubstituteBase(const char* acSymbol, bool aIsShown, Reset apReset)
+        : mReset(apReset), mSymbol(acSymbol), mIsShownUnasked(aIsShown), mIsShown(aIsShown)
     {
     }
     ~SubstituteBase() = default;
@@ -59,13 +61,13 @@ protected:
     void resetShown() { mIsShown = mIsShownUnasked; }
 
 private:
-    virtual void reset() = 0;
     void setShown(bool aIsShown)
     {
         planned();
         mIsShown = aIsShown;
     }
 
+    const Reset mReset;
     const char* const mSymbol;
     const bool mIsShownUnasked;
     bool mIsShown;
@@ -82,7 +84,7 @@ class Substitute<Result(Arguments...)> final : public SubstituteBase
 public:
     /// \param[in] acSymbol  the function's name for the linker
     /// \param[in] aIsShown  whether its calls are events by default
-    constexpr Substitute(const char* acSymbol, bool aIsShown) : SubstituteBase(acSymbol, aIsShown) {}
+    constexpr Substitute(const char* acSymbol, bool aIsShown) : SubstituteBase(acSymbol, aIsShown, reset) {}
 
     /// Plans that calls run this function instead of the real one.
     void instead(std::function<Result(Arguments...)> aRun)
@@ -122,11 +124,12 @@ public:
     }
 
 private:
-    void reset() override
+    static void reset(SubstituteBase& arSubstitute)
     {
-        delete mPlan;
-        mPlan = nullptr;
-        resetShown();
+        Substitute& lrSelf = static_cast<Substitute&>(arSubstitute);
+        delete lrSelf.mPlan;
+        lrSelf.mPlan = nullptr;
+        lrSelf.resetShown();
     }
 
     // Never destroyed, because functions such as fflush() are still called when the program exits.
