@@ -409,7 +409,8 @@ bool isRecorded(const void* acReturnAddress)
     if (sCompanionIsRecorded && objectOf(dlsym(RTLD_NEXT, "_Z11ClibGetTimeRlRt")) == lpCaller) {
         return true;
     }
-    return objectOf(reinterpret_cast<const void*>(&OsInitMutex)) == lpCaller || objectOf(&sWatchedCount) == lpCaller;
+    return objectOf(reinterpret_cast<const void*>(&OsInitMutex)) == lpCaller ||
+           objectOf(reinterpret_cast<const void*>(&isRecorded)) == lpCaller;
 }
 
 void nameObject(const char* acName, const void* acObject)
