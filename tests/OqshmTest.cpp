@@ -40,21 +40,6 @@ shmid_ds stateOf(int aId)
     return lState;
 }
 
-/// Runs a test in its own IPC namespace.
-void inNamespace(const std::function<void()>& acrRun)
-{
-    const int lStatus = inChild([&] {
-        if (unshare(CLONE_NEWIPC) < 0) {
-            _exit(77);
-        }
-        acrRun();
-    });
-    if (77 == lStatus) {
-        GTEST_SKIP() << "no right to make a namespace";
-    }
-    EXPECT_EQ(0, lStatus);
-}
-
 // ---- Output ---------------------------------------------------------------------------------------------------------
 
 TEST_F(OqshmTest, EachStateOfAChannelIsShownInARow)

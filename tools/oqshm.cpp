@@ -28,21 +28,24 @@
 #include <string_view>
 #include <vector>
 
-#include "OQLinux.h"
+#include "OpenPrediction.h"
 
 namespace
 {
 
 typedef std::chrono::steady_clock Clock;
 
-const unsigned int cMode = 0666;       // of every segment that the layer creates
-const unsigned long cLargest = 65535;  // bytes: the layer's shm_size has 16 bits
-const double cPatience = 3;            // seconds until a writer gives up; an older message is stuck
+const unsigned int cMode = 0666;  // of every segment that the layer creates
+const long cLargest = 65535;      // bytes: the layer's shm_size has 16 bits
+const double cPatience = 3;       // seconds until a writer gives up; an older message is stuck
 
 const char* const cUsage =
     "usage: oqshm [OPTION]... [KEY]...\n"
+    "       oqshm [OPTION]... KEY... --size=BYTES --as=server|client\n"
     "Shows the shared-memory channels of this host, or those of the given keys (1234 or 0x4d2), and reports problems.\n"
-    "Changes no byte of a channel.\n\n"
+    "With --as, reports whether this user can open the channel now, and why not. Changes no byte of a channel.\n\n"
+    "  -s, --size=BYTES       the size that the open passes, 1 to 65535\n"
+    "      --as=SIDE          the side that opens: server or client\n"
     "  -w, --watch[=SECONDS]  look again every second, or every SECONDS (0.001 to 1000), and show every change\n"
     "  -j, --json             show JSON, one line per look\n"
     "  -a, --attach           also read channels that no process has attached\n"
@@ -52,7 +55,7 @@ const char* const cUsage =
     "changes shm_atime, shm_dtime and shm_lpid. The layer does not use these values. A channel that no process has\n"
     "attached keeps them unless --attach is given: the time of the last detach shows how long the channel is idle.\n\n"
     "Exit status: 0 no problem in the channels shown; 1 a problem, or a possible problem; 2 wrong arguments, or the\n"
-    "channels cannot be examined.\n";
+    "channels cannot be examined. With --as, only problems of the open count.\n";
 
 struct Channel {
     int mKey = 0, mId = -1;  // an id of -1 means that there is no segment
@@ -61,8 +64,9 @@ struct Channel {
     int mCreator = 0;
     long mDetached = 0;  // time of the last detach
     std::vector<int> mPids;
-    std::vector<std::string> mProcesses, mFindings;
+    std::vector<std::string> mProcesses, mIds, mFindings;  // each finding has a name
     bool mWrong = false;
+    OpenPrediction mOpen;
 
     bool mRead = false, mSame = false;  // whether the next members are valid; are unchanged since the last look
     OQSSharedMemoryHeader mHeader = {};
@@ -72,13 +76,28 @@ struct Channel {
     bool isRemoved() const { return 0 != (mMode & SHM_DEST); }
     bool isForeign() const { return cMode != (mMode & 0777) || cLargest < mSize; }
     unsigned long capacity() const { return mSize - sizeof mHeader; }
-    void wrong(const std::string& acrText)
+    /// Adds a finding. Its name is for programs and in the manual page, and must not change.
+    void note(const std::string& acrName, const std::string& acrText)
+    {
+        mIds.push_back(acrName);
+        mFindings.push_back(acrName + ": " + acrText);
+        std::replace(mFindings.back().begin(), mFindings.back().begin() + acrName.size(), '-', ' ');
+    }
+    void wrong(const std::string& acrName, const std::string& acrText)
     {
         mWrong = true;
-        mFindings.push_back(acrText);
+        note(acrName, acrText);
     }
 };
 typedef std::vector<Channel> Channels;
+
+struct Request {
+    bool mJson = false, mAttach = false;
+    double mSeconds = 0;  // between two looks; 0 means one look
+    std::vector<int> mKeys;
+    unsigned long mSize = 0;  // of the open to predict; 0 means none
+    OQEConnectionMode mSide = OQCM_Client;
+};
 
 __attribute__((format(printf, 1, 2))) std::string text(const char* acFormat, ...)
 {
@@ -129,7 +148,7 @@ bool noteProcess(Channel& arChannel, int aPid, const std::filesystem::path& acrD
     arChannel.mProcesses.push_back(
         text("%d %s%s", aPid, lName.c_str(), aPid == arChannel.mCreator ? " (creator)" : ""));
     if ('T' == lStat[lEnd + 2] || 't' == lStat[lEnd + 2]) {
-        arChannel.wrong(text("stopped: process %d; if no debugger holds it: kill -CONT %d", aPid, aPid));
+        arChannel.wrong("stopped", text("process %d; if no debugger holds it: kill -CONT %d", aPid, aPid));
     }
     return true;
 }
@@ -219,7 +238,7 @@ void readMailbox(Channel& arChannel, const Channels& acrBefore)
         if (EINVAL == errno || EIDRM == errno) {
             arChannel.mId = -1;  // removed meanwhile
         } else {
-            arChannel.wrong(text("cannot be read: %s", strerror(errno)));
+            arChannel.wrong("cannot-be-read", strerror(errno));
         }
         return;
     }
@@ -274,25 +293,24 @@ void judgeAttachments(Channel& arChannel)
 {
     const bool lServer = 0 != arChannel.mHeader.server_ready, lClient = 0 != arChannel.mHeader.client_ready;
     if (arChannel.isRemoved()) {
-        arChannel.wrong("removed: closed by the server; who has it still attached meets nobody and should close it");
+        arChannel.wrong("removed", "closed by the server; who has it still attached meets nobody and should close it");
     } else if (0 == arChannel.mAttached) {
-        arChannel.wrong(
-            text("stale: nobody has it attached; start the server, or remove it: ipcrm -m %d", arChannel.mId));
+        arChannel.wrong("stale",
+                        text("nobody has it attached; start the server, or remove it: ipcrm -m %d", arChannel.mId));
     } else if (arChannel.mRead && !(lServer && lClient)) {
-        arChannel.mFindings.push_back(
-            text("not ready: no %s has opened it, writes are cancelled", lServer ? "client" : "server"));
+        arChannel.note("not-ready", text("no %s has opened it, writes are cancelled", lServer ? "client" : "server"));
     } else if (arChannel.mRead && 1 == arChannel.mAttached) {
         if (arChannel.mPids.empty() || arChannel.mSeen != arChannel.mAttached) {  // not visible, or gone meanwhile
-            arChannel.wrong("peer gone: one side has closed or died; for which one look again, as root");
+            arChannel.wrong("peer-gone", "one side has closed or died; for which one look again, as root");
         } else if (arChannel.mCreator != arChannel.mPids.front()) {
-            arChannel.wrong(
-                text("peer gone: process %d, which made it, has closed it or died; start the server, unless "
-                     "it is who has it attached",
-                     arChannel.mCreator));
+            arChannel.wrong("peer-gone",
+                            text("process %d, which made it, has closed it or died; start the server, unless "
+                                 "it is who has it attached",
+                                 arChannel.mCreator));
         } else if (0 != arChannel.mHeader.segment_free) {
-            arChannel.mFindings.push_back("no client: it has closed or died, and its mark stays");
+            arChannel.note("no-client", "it has closed or died, and its mark stays");
         } else {
-            arChannel.wrong("peer gone: the client has closed or died, and a message waits; start the client");
+            arChannel.wrong("peer-gone", "the client has closed or died, and a message waits; start the client");
         }
     }
 }
@@ -304,35 +322,81 @@ void judgeMailbox(Channel& arChannel)
     const bool lLong = cPatience <= sameSeconds(arChannel);
     if (1 < (lrHeader.data_ready | lrHeader.segment_free | lrHeader.server_ready | lrHeader.client_ready) ||
         ("full" == lState && arChannel.capacity() < lrHeader.data_length)) {
-        arChannel.wrong(text("foreign contents: marks %u %u %u %u, length %u", lrHeader.data_ready,
-                             lrHeader.segment_free, lrHeader.server_ready, lrHeader.client_ready,
-                             lrHeader.data_length));
+        arChannel.wrong("foreign-contents",
+                        text("marks %u %u %u %u, length %u", lrHeader.data_ready, lrHeader.segment_free,
+                             lrHeader.server_ready, lrHeader.client_ready, lrHeader.data_length));
     } else if ("invalid" == lState) {
         arChannel.wrong(
-            "invalid: full and free at once: a server opened again while a client wrote, or two sides wrote at once; "
+            "invalid",
+            "full and free at once: a server opened again while a client wrote, or two sides wrote at once; "
             "open the server again, or read the message and discard it");
     } else if ("full" == lState && 0 == lrHeader.data_length) {
-        arChannel.wrong(
-            "empty message: full with length 0: a server opened again while a client wrote, or a side wrote 0 bytes; "
-            "open the server again, or read the message and discard it");
+        arChannel.wrong("empty-message",
+                        "full with length 0: a server opened again while a client wrote, or a side wrote 0 bytes; "
+                        "open the server again, or read the message and discard it");
     } else if ("full" == lState && lLong) {
-        arChannel.wrong("stuck: the same bytes wait for 3 seconds and more; nobody reads (or equal messages pass)");
+        arChannel.wrong("stuck", "the same bytes wait for 3 seconds and more; nobody reads (or equal messages pass)");
     } else if ("changing" == lState && lLong) {
-        arChannel.wrong("stuck: a side stands or died between its two stores; the server's next open puts it right");
+        arChannel.wrong("stuck", "a side stands or died between its two stores; the server's next open puts it right");
     }
 }
 
-Channels look(const std::vector<int>& acrKeys, bool aAttach, const Channels& acrBefore)
+void judgeChannel(Channel& arChannel)
 {
+    if (arChannel.mId < 0) {
+        arChannel.wrong("no-segment", "the server has not opened it, or has closed it; start the server");
+    } else if (arChannel.isForeign()) {
+        arChannel.wrong("foreign-segment",
+                        text("mode %04o, %lu bytes (a channel: 0666, at most 65535); choose another key",
+                             arChannel.mMode & 0777, arChannel.mSize));
+    } else {
+        judgeAttachments(arChannel);
+    }
+    if (arChannel.mRead) {
+        judgeMailbox(arChannel);
+    } else if (0 <= arChannel.mId && arChannel.mSize < sizeof arChannel.mHeader) {
+        arChannel.wrong("too-small", "the header alone has 6 bytes");
+    }
+}
+
+void judgeOpen(Channel& arChannel, unsigned long aSize, OQEConnectionMode aSide)
+{
+    arChannel.mOpen = predictOpen(arChannel.mKey, aSize, aSide);
+    if (0 != arChannel.mOpen.mError) {
+        arChannel.wrong(arChannel.mOpen.mpReason, arChannel.mOpen.mRemedy);
+    } else if (OQCM_Client == aSide || (0 <= arChannel.mId && arChannel.isForeign())) {
+        judgeChannel(arChannel);
+    } else if (0 < std::count(arChannel.mPids.begin(), arChannel.mPids.end(), arChannel.mCreator)) {
+        arChannel.wrong("in-use", text("the open would empty the mailbox of the server, process %d; end that server "
+                                       "first: kill %d",
+                                       arChannel.mCreator, arChannel.mCreator));
+    } else if (0 < arChannel.mAttached) {
+        arChannel.wrong("in-use",
+                        "if a server has it attached, the open would empty its mailbox; end that server first: "
+                        "kill PID");
+    }
+    if (aSize < sizeof arChannel.mHeader) {
+        arChannel.wrong("too-small", "the header alone has 6 bytes");
+    }
+}
+
+Channels look(const Request& acrRequest, const Channels& acrBefore)
+{
+    const std::vector<int>& lrKeys = acrRequest.mKeys;
     Channels lFound = findSegments(), lChannels;
     findProcesses(lFound);
+    if (0 < acrRequest.mSize) {  // an open does not find a removed segment
+        lFound.erase(
+            std::remove_if(lFound.begin(), lFound.end(), [](const Channel& acrOne) { return acrOne.isRemoved(); }),
+            lFound.end());
+    }
     for (const Channel& acrOne : lFound) {
-        if (acrKeys.empty() ? 0 < acrOne.mKey && !acrOne.isForeign()
-                            : 0 < std::count(acrKeys.begin(), acrKeys.end(), acrOne.mKey)) {
+        if (lrKeys.empty() ? 0 < acrOne.mKey && !acrOne.isForeign()
+                           : 0 < std::count(lrKeys.begin(), lrKeys.end(), acrOne.mKey)) {
             lChannels.push_back(acrOne);
         }
     }
-    for (const int lKey : acrKeys) {
+    for (const int lKey : lrKeys) {
         if (std::none_of(lChannels.begin(), lChannels.end(),
                          [&](const Channel& acrOne) { return lKey == acrOne.mKey && !acrOne.isRemoved(); })) {
             lChannels.emplace_back().mKey = lKey;
@@ -340,22 +404,13 @@ Channels look(const std::vector<int>& acrKeys, bool aAttach, const Channels& acr
     }
     for (Channel& lrOne : lChannels) {
         const bool lFits = 0 <= lrOne.mId && !lrOne.isForeign() && sizeof lrOne.mHeader <= lrOne.mSize;
-        if (lFits && (0 < lrOne.mAttached || (aAttach && !detachRemoves()))) {
+        if (lFits && (0 < lrOne.mAttached || (acrRequest.mAttach && !detachRemoves()))) {
             readMailbox(lrOne, acrBefore);
         }
-        if (lrOne.mId < 0) {
-            lrOne.wrong("no segment: the server has not opened it, or has closed it; start the server");
-        } else if (lrOne.isForeign()) {
-            lrOne.wrong(
-                text("foreign segment: mode %04o, %lu bytes (a channel: 0666, at most 65535); choose another key",
-                     lrOne.mMode & 0777, lrOne.mSize));
+        if (0 < acrRequest.mSize) {
+            judgeOpen(lrOne, acrRequest.mSize, acrRequest.mSide);
         } else {
-            judgeAttachments(lrOne);
-        }
-        if (lrOne.mRead) {
-            judgeMailbox(lrOne);
-        } else if (0 <= lrOne.mId && lrOne.mSize < sizeof lrOne.mHeader) {
-            lrOne.wrong("too small: the header alone has 6 bytes");
+            judgeChannel(lrOne);
         }
     }
     return lChannels;
@@ -403,21 +458,40 @@ std::vector<Column> columns(const Channel& acrOne, bool aAges)
             {"same", 6, lIf(aAges && acrOne.mSame, text("%.1f", sameSeconds(acrOne)))}};
 }
 
-std::string json(const Channels& acrChannels)
+/// Returns the result of the predicted open, as JSON.
+std::vector<Column> resultOf(const OpenPrediction& acrOpen)
 {
+    const bool lThrows = 0 != acrOpen.mError && acrOpen.mKnown;
+    return {{"succeeds", 0,
+             !acrOpen.mKnown ? "null"
+             : lThrows       ? "false"
+                             : "true"},
+            {"exception", 0, lThrows ? text("\"%s\"", acrOpen.mpException) : "null"},
+            {"code", 0, lThrows ? std::to_string(acrOpen.mCode) : "null"},
+            {"text", 0, lThrows ? text("\"%s\"", strerror(acrOpen.mError)) : "null"}};
+}
+
+std::string json(const Channels& acrChannels, bool aOpen)
+{
+    const auto lMembers = [](const std::vector<Column>& acrColumns) {
+        std::string lText;
+        for (const Column& acrColumn : acrColumns) {
+            lText += text("%s\"%s\": ", lText.empty() ? "" : ", ", acrColumn.mpName) + acrColumn.mValue;
+        }
+        return lText;
+    };
     std::string lJson;
     for (const Channel& acrOne : acrChannels) {
-        lJson += lJson.empty() ? "{" : ", {";
-        for (const Column& acrColumn : columns(acrOne, true)) {
-            lJson += text("\"%s\": ", acrColumn.mpName) + acrColumn.mValue + ", ";
-        }
-        lJson += "\"processes\": " + listed(acrOne.mProcesses) + ", \"wrong\": " + (acrOne.mWrong ? "true" : "false") +
-                 ", \"findings\": " + listed(acrOne.mFindings) + "}";
+        lJson += (lJson.empty() ? "{" : ", {") + lMembers(columns(acrOne, true)) +
+                 ", \"processes\": " + listed(acrOne.mProcesses) +
+                 ", \"wrong\": " + (acrOne.mWrong ? "true" : "false") + ", \"findings\": " + listed(acrOne.mFindings) +
+                 ", \"ids\": " + listed(acrOne.mIds) +
+                 (aOpen ? ", \"open\": {" + lMembers(resultOf(acrOne.mOpen)) + "}" : "") + "}";
     }
     return "[" + lJson + "]";
 }
 
-std::string table(const Channels& acrChannels, bool aAges)
+std::string table(const Channels& acrChannels, bool aOpen, bool aAges)
 {
     if (acrChannels.empty()) {
         return "no channel\n";
@@ -438,6 +512,13 @@ std::string table(const Channels& acrChannels, bool aAges)
             lTable += acrProcess + "  ";
         }
         lTable += acrOne.mSeen < acrOne.mAttached ? text("%lu unseen\n", acrOne.mAttached - acrOne.mSeen) : "\n";
+        if (aOpen) {
+            const OpenPrediction& lrOpen = acrOne.mOpen;
+            lTable += !lrOpen.mKnown       ? "  the result of the open is not known\n"
+                      : 0 == lrOpen.mError ? "  the open succeeds\n"
+                                           : text("  the open throws %s %u \"%s\"\n", lrOpen.mpException, lrOpen.mCode,
+                                                  strerror(lrOpen.mError));
+        }
         for (const std::string& acrFinding : acrOne.mFindings) {
             lTable += "  " + acrFinding + "\n";
         }
@@ -452,16 +533,17 @@ void flushOutput()
     }
 }
 
-void show(const Channels& acrChannels, bool aJson, bool aTime)
+void show(const Channels& acrChannels, const Request& acrRequest)
 {
     const time_t lNow = time(NULL);
     tm lLocal;
     char lTime[32] = "";
     strftime(lTime, sizeof lTime, "%FT%T%z", localtime_r(&lNow, &lLocal));
-    if (aJson) {
-        printf("{\"time\": \"%s\", \"channels\": %s}\n", lTime, json(acrChannels).c_str());
+    const bool lOpen = 0 < acrRequest.mSize, lWatch = 0 < acrRequest.mSeconds;
+    if (acrRequest.mJson) {
+        printf("{\"time\": \"%s\", \"channels\": %s}\n", lTime, json(acrChannels, lOpen).c_str());
     } else {
-        printf("%s%s%s", aTime ? lTime : "", aTime ? "\n" : "", table(acrChannels, true).c_str());
+        printf("%s%s%s", lWatch ? lTime : "", lWatch ? "\n" : "", table(acrChannels, lOpen, true).c_str());
     }
     flushOutput();
 }
@@ -474,21 +556,59 @@ int refuse(const char* acWord, const char* acReason)
     return 2;
 }
 
+int watch(const Request& acrRequest)
+{
+    Channels lChannels;
+    for (std::string lShown;;) {
+        lChannels = look(acrRequest, lChannels);
+        std::string lWhole = table(lChannels, 0 < acrRequest.mSize, false);
+        for (const Channel& acrOne : lChannels) {
+            lWhole += text(" %zu", acrOne.mHash);  // another message of the same length is also a change
+        }
+        if (lShown != lWhole) {
+            show(lChannels, acrRequest);
+            lShown = lWhole;
+        }
+        if (0 == acrRequest.mSeconds) {
+            return std::any_of(lChannels.begin(), lChannels.end(), [](const Channel& acrOne) { return acrOne.mWrong; });
+        }
+        usleep(static_cast<useconds_t>(acrRequest.mSeconds * 1e6));
+    }
+}
+
+/// Parses a number from 1 to aMost. \return 0 if the word is something else
+long numberIn(const char* acWord, long aMost)
+{
+    char* lpEnd = NULL;
+    errno = 0;
+    const long lNumber = strtol(acWord, &lpEnd, 0);
+    return 0 != errno || 0 != *lpEnd || lNumber < 1 || aMost < lNumber ? 0 : lNumber;
+}
+
 int run(int aCount, char** apWords)
 {
     const option cOptions[] = {{"watch", optional_argument, NULL, 'w'}, {"json", no_argument, NULL, 'j'},
-                               {"attach", no_argument, NULL, 'a'},      {"help", no_argument, NULL, 'h'},
+                               {"attach", no_argument, NULL, 'a'},      {"size", required_argument, NULL, 's'},
+                               {"as", required_argument, NULL, 'A'},    {"help", no_argument, NULL, 'h'},
                                {"version", no_argument, NULL, 'V'},     {NULL, 0, NULL, 0}};
-    bool lJson = false, lAttach = false;
-    double lSeconds = 0;
-    char* lpEnd = NULL;
-    for (int lOption; 0 <= (lOption = getopt_long(aCount, apWords, "w::jahV", cOptions, NULL));) {
-        lJson = lJson || 'j' == lOption;
-        lAttach = lAttach || 'a' == lOption;
+    Request lRequest;
+    const char* lpSide = NULL;
+    for (int lOption; 0 <= (lOption = getopt_long(aCount, apWords, "w::jas:hV", cOptions, NULL));) {
+        lRequest.mJson = lRequest.mJson || 'j' == lOption;
+        lRequest.mAttach = lRequest.mAttach || 'a' == lOption;
         if ('w' == lOption) {
-            lSeconds = NULL == optarg ? 1 : strtod(optarg, &lpEnd);
-            if (!(0.001 <= lSeconds && lSeconds <= 1000) || (NULL != optarg && 0 != *lpEnd)) {
+            char* lpEnd = NULL;
+            lRequest.mSeconds = NULL == optarg ? 1 : strtod(optarg, &lpEnd);
+            if (!(0.001 <= lRequest.mSeconds && lRequest.mSeconds <= 1000) || (NULL != optarg && 0 != *lpEnd)) {
                 return refuse(optarg, "is not a number of seconds from 0.001 to 1000");
+            }
+        } else if ('s' == lOption && 0 == (lRequest.mSize = static_cast<unsigned long>(numberIn(optarg, cLargest)))) {
+            return refuse(optarg, "is not a size from 1 to 65535");
+        } else if ('A' == lOption) {
+            lpSide = optarg;
+            lRequest.mSide = 0 == strcmp(lpSide, "server") ? OQCM_Server : OQCM_Client;
+            if (OQCM_Client == lRequest.mSide && 0 != strcmp(lpSide, "client")) {
+                return refuse(lpSide, "is neither server nor client");
             }
         } else if ('h' == lOption || 'V' == lOption) {
             fputs('h' == lOption ? cUsage : "oqshm " OQ_VERSION "\n", stdout);
@@ -499,31 +619,17 @@ int run(int aCount, char** apWords)
             return 2;
         }
     }
-    std::vector<int> lKeys;
     for (; optind < aCount; ++optind) {
-        errno = 0;
-        const long lKey = strtol(apWords[optind], &lpEnd, 0);
-        if (0 != errno || 0 != *lpEnd || lKey < 1 || INT_MAX < lKey) {
+        lRequest.mKeys.push_back(static_cast<int>(numberIn(apWords[optind], INT_MAX)));
+        if (0 == lRequest.mKeys.back()) {
             return refuse(apWords[optind], "is not a key from 1 to 0x7fffffff");
         }
-        lKeys.push_back(static_cast<int>(lKey));
     }
-    Channels lChannels;
-    for (std::string lShown;;) {
-        lChannels = look(lKeys, lAttach, lChannels);
-        std::string lWhole = table(lChannels, false);
-        for (const Channel& acrOne : lChannels) {
-            lWhole += text(" %zu", acrOne.mHash);  // another message of the same length is also a change
-        }
-        if (lShown != lWhole) {
-            show(lChannels, lJson, 0 < lSeconds);
-            lShown = lWhole;
-        }
-        if (0 == lSeconds) {
-            return std::any_of(lChannels.begin(), lChannels.end(), [](const Channel& acrOne) { return acrOne.mWrong; });
-        }
-        usleep(static_cast<useconds_t>(lSeconds * 1e6));
+    const bool lSized = 0 < lRequest.mSize;
+    if (lSized != (NULL != lpSide) || (lSized && lRequest.mKeys.empty())) {
+        return refuse(lSized ? "--size" : "--as", "requires --size, --as and a key");
     }
+    return watch(lRequest);
 }
 
 }  // namespace

@@ -3,9 +3,11 @@
 #ifndef OQ_OQSHM_KIT_H
 #define OQ_OQSHM_KIT_H
 
+#include <sched.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -15,6 +17,21 @@ inline Result oqshm(Strings aWords, const std::function<void()>& acrPrepare = {}
 {
     aWords.insert(aWords.begin(), OQSHM);
     return resultOf(aWords, acrPrepare);
+}
+
+/// Runs a test in its own IPC namespace.
+inline void inNamespace(const std::function<void()>& acrRun)
+{
+    const int lStatus = inChild([&] {
+        if (unshare(CLONE_NEWIPC) < 0) {
+            _exit(77);
+        }
+        acrRun();
+    });
+    if (77 == lStatus) {
+        GTEST_SKIP() << "no right to make a namespace";
+    }
+    EXPECT_EQ(0, lStatus);
 }
 
 class OqshmTest : public RecordedTest
