@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 
 namespace
 {
@@ -295,7 +296,8 @@ TEST_F(OqshmTest, JsonIsValidWhateverAProcessIsCalled)
                             ", \"size\": 64, \"attached\": 1, \"server\": true, \"client\": false, \"mailbox\": "
                             "\"empty\", \"length\": null, \"still\": null, \"same\": null, \"processes\": [\"" +
                             std::to_string(lServer->pid()) +
-                            " a\\\"b\\\\c?) ?? (creator)\"], \"wrong\": false, \"findings\": [\"not ready: "))
+                            " a\\\"b\\\\c?) ?? (creator)\"], \"wrong\": false, \"findings\": [\"not ready: no client "
+                            "has opened it, writes are cancelled\"], \"ids\": [\"not-ready\"]}"))
         << lJson;
     EXPECT_TRUE(contains(lJson, "{\"key\": \"0x7ffffffe\", \"id\": null, ")) << lJson;
     end(lServer);
@@ -432,6 +434,31 @@ TEST_F(OqshmTest, OutputThatCannotBeWrittenIsAFailure)
     }
 }
 
+TEST_F(OqshmTest, TheManualListsEveryIdentifier)
+{
+    const std::string lFolder = std::string(OQSHM_MANUAL).substr(0, strlen(OQSHM_MANUAL) - strlen("oqshm.1"));
+    std::set<std::string> lUsed, lListed;
+    for (const char* lpSource : {"oqshm.cpp", "OpenPrediction.cpp"}) {
+        const std::string lText = contentOf(lFolder + lpSource);
+        const std::regex lName("(?:wrong|note)\\(\\s*\"([^\"]+)\"|mpReason = \"([^\"]+)\"");
+        for (std::sregex_iterator lFound(lText.begin(), lText.end(), lName), lEnd; lFound != lEnd; ++lFound) {
+            lUsed.insert((*lFound)[1].str() + (*lFound)[2].str());
+        }
+    }
+    const std::string lManual = contentOf(OQSHM_MANUAL);
+    const size_t lBegin = lManual.find(".SH FINDINGS");
+    std::istringstream lLines(lManual.substr(lBegin, lManual.find(".SH NOTES") - lBegin));
+    for (std::string lLine, lBefore; std::getline(lLines, lLine); lBefore = lLine) {
+        std::istringstream lNames(".TP" == lBefore ? std::regex_replace(lLine.substr(3), std::regex("[\\\\,]"), "")
+                                                   : "");
+        for (std::string lName; lNames >> lName;) {
+            lListed.insert(lName);
+        }
+    }
+    EXPECT_EQ(lUsed, lListed);
+    EXPECT_LE(20U, lUsed.size());
+}
+
 TEST_F(OqshmTest, HelpAndManualNameTheSameOptions)
 {
     const Result lHelp = oqshm({"--help"});
@@ -440,7 +467,7 @@ TEST_F(OqshmTest, HelpAndManualNameTheSameOptions)
     for (size_t lAt; std::string::npos != (lAt = lManual.find("\\-"));) {
         lManual.erase(lAt, 1);  // the manual page writes "\-" for a hyphen
     }
-    for (const char* lpOption : {"--watch", "--json", "--attach", "--help", "--version"}) {
+    for (const char* lpOption : {"--size", "--as", "--watch", "--json", "--attach", "--help", "--version"}) {
         EXPECT_TRUE(contains(lHelp.mOut, lpOption)) << lpOption;
         EXPECT_TRUE(contains(lManual, lpOption)) << lpOption;
     }

@@ -64,7 +64,7 @@ struct Channel {
     int mCreator = 0;
     long mDetached = 0;  // time of the last detach
     std::vector<int> mPids;
-    std::vector<std::string> mProcesses, mIds, mFindings;  // each finding has a name
+    std::vector<std::string> mProcesses, mIds, mFindings;  // one identifier for each finding
     bool mWrong = false;
     OpenPrediction mOpen;
 
@@ -76,17 +76,17 @@ struct Channel {
     bool isRemoved() const { return 0 != (mMode & SHM_DEST); }
     bool isForeign() const { return cMode != (mMode & 0777) || cLargest < mSize; }
     unsigned long capacity() const { return mSize - sizeof mHeader; }
-    /// Adds a finding. Its name is for programs and in the manual page, and must not change.
-    void note(const std::string& acrName, const std::string& acrText)
+    /// Adds a finding. Programs rely on its identifier, which the manual page lists.
+    void note(const std::string& acrId, const std::string& acrText)
     {
-        mIds.push_back(acrName);
-        mFindings.push_back(acrName + ": " + acrText);
-        std::replace(mFindings.back().begin(), mFindings.back().begin() + acrName.size(), '-', ' ');
+        mIds.push_back(acrId);
+        mFindings.push_back(acrId + ": " + acrText);
+        std::replace(mFindings.back().begin(), mFindings.back().begin() + acrId.size(), '-', ' ');
     }
-    void wrong(const std::string& acrName, const std::string& acrText)
+    void wrong(const std::string& acrId, const std::string& acrText)
     {
         mWrong = true;
-        note(acrName, acrText);
+        note(acrId, acrText);
     }
 };
 typedef std::vector<Channel> Channels;
