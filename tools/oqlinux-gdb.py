@@ -125,15 +125,27 @@ class ListPrinter(Printer):
         return "array"
 
 
+def root(value):
+    """Returns the OQCException in a value, or None. Its class is incomplete if libOQCompanion.so has no debug
+    information."""
+    if value.type.name == "OQCException":
+        return value
+    roots = (root(value[field]) for field in value.type.fields() if field.is_base_class)
+    return next((found for found in roots if found is not None), None)
+
+
 class ExceptionPrinter(Printer):
+    SIZE = 256  # of the text, which follows the address of the vtable; then comes the code
+
     def text(self):
         if word(int(self.value.address)) == 0:
             raise Wrong("no exception: not constructed")
-        message = self.value["mMessage"]
-        text, end, _ = gdb.selected_inferior().read_memory(message.address, message.type.sizeof).tobytes().partition(b"\0")
+        begin = int(root(self.value).address) + word_size()
+        code = gdb.Value(begin + self.SIZE).cast(gdb.lookup_type("unsigned int").pointer()).dereference()
+        text, end, _ = gdb.selected_inferior().read_memory(begin, self.SIZE).tobytes().partition(b"\0")
         if not end:
             raise Wrong("no exception: its text has no end")
-        return "%s %d %s" % (self.value.dynamic_type.unqualified(), int(self.value["mCode"]),
+        return "%s %d %s" % (self.value.dynamic_type.unqualified().name, int(code),
                              json.dumps(text.decode("utf-8", "backslashreplace"), ensure_ascii=False))
 
 
@@ -142,7 +154,7 @@ def is_exception(kind):
 
 
 def oqlinux(value):
-    """Returns the printer for a value of one of the layer's types, or None. The program needs debug information."""
+    """Returns the printer for a value of one of the layer's types, or None."""
     try:
         if value.type.code in (gdb.TYPE_CODE_REF, gdb.TYPE_CODE_RVALUE_REF):
             value = value.referenced_value()
