@@ -385,12 +385,10 @@ Channels look(const Request& acrRequest, const Channels& acrBefore)
     const std::vector<int>& lrKeys = acrRequest.mKeys;
     Channels lFound = findSegments(), lChannels;
     findProcesses(lFound);
-    if (0 < acrRequest.mSize) {  // an open does not find a removed segment
-        lFound.erase(
-            std::remove_if(lFound.begin(), lFound.end(), [](const Channel& acrOne) { return acrOne.isRemoved(); }),
-            lFound.end());
-    }
     for (const Channel& acrOne : lFound) {
+        if (0 < acrRequest.mSize && acrOne.isRemoved()) {
+            continue;  // an open does not find it
+        }
         if (lrKeys.empty() ? 0 < acrOne.mKey && !acrOne.isForeign()
                            : 0 < std::count(lrKeys.begin(), lrKeys.end(), acrOne.mKey)) {
             lChannels.push_back(acrOne);
@@ -462,10 +460,8 @@ std::vector<Column> columns(const Channel& acrOne, bool aAges)
 std::vector<Column> resultOf(const OpenPrediction& acrOpen)
 {
     const bool lThrows = 0 != acrOpen.mError && acrOpen.mKnown;
-    return {{"succeeds", 0,
-             !acrOpen.mKnown ? "null"
-             : lThrows       ? "false"
-                             : "true"},
+    const char* const lSucceeds = lThrows ? "false" : "true";
+    return {{"succeeds", 0, acrOpen.mKnown ? lSucceeds : "null"},
             {"exception", 0, lThrows ? text("\"%s\"", acrOpen.mpException) : "null"},
             {"code", 0, lThrows ? std::to_string(acrOpen.mCode) : "null"},
             {"text", 0, lThrows ? text("\"%s\"", strerror(acrOpen.mError)) : "null"}};
