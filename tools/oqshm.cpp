@@ -80,8 +80,9 @@ struct Channel {
     void note(const std::string& acrId, const std::string& acrText)
     {
         mIds.push_back(acrId);
-        mFindings.push_back(acrId + ": " + acrText);
-        std::replace(mFindings.back().begin(), mFindings.back().begin() + acrId.size(), '-', ' ');
+        std::string lWords = acrId;
+        std::replace(lWords.begin(), lWords.end(), '-', ' ');
+        mFindings.push_back(lWords + ": " + acrText);
     }
     void wrong(const std::string& acrId, const std::string& acrText)
     {
