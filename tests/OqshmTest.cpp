@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <regex>
 
 namespace
 {
@@ -436,27 +435,17 @@ TEST_F(OqshmTest, OutputThatCannotBeWrittenIsAFailure)
 
 TEST_F(OqshmTest, TheManualListsEveryIdentifier)
 {
-    const std::string lFolder = std::string(OQSHM_MANUAL).substr(0, strlen(OQSHM_MANUAL) - strlen("oqshm.1"));
-    std::set<std::string> lUsed, lListed;
-    for (const char* lpSource : {"oqshm.cpp", "OpenPrediction.cpp"}) {
-        const std::string lText = contentOf(lFolder + lpSource);
-        const std::regex lName("(?:wrong|note)\\(\\s*\"([^\"]+)\"|mpReason = \"([^\"]+)\"");
-        for (std::sregex_iterator lFound(lText.begin(), lText.end(), lName), lEnd; lFound != lEnd; ++lFound) {
-            lUsed.insert((*lFound)[1].str() + (*lFound)[2].str());
-        }
-    }
-    const std::string lManual = contentOf(OQSHM_MANUAL);
-    const size_t lBegin = lManual.find(".SH FINDINGS");
-    std::istringstream lLines(lManual.substr(lBegin, lManual.find(".SH NOTES") - lBegin));
-    for (std::string lLine, lBefore; std::getline(lLines, lLine); lBefore = lLine) {
-        std::istringstream lNames(".TP" == lBefore ? std::regex_replace(lLine.substr(3), std::regex("[\\\\,]"), "")
-                                                   : "");
-        for (std::string lName; lNames >> lName;) {
-            lListed.insert(lName);
-        }
-    }
-    EXPECT_EQ(lUsed, lListed);
-    EXPECT_LE(20U, lUsed.size());
+    const std::string lManual = OQSHM_MANUAL;
+    const Result lUsed = resultOf({"sh", "-c",
+                                   "cd \"$(dirname \"$0\")\" && cat oqshm.cpp OpenPrediction.cpp | tr -d ' \\n' | "
+                                   "grep -oE '(wrong|note)\\(\"[^\"]+|mpReason=\"[^\"]+' | cut -d'\"' -f2 | sort -u",
+                                   lManual});
+    const Result lListed = resultOf({"sh", "-c",
+                                     "sed -n '/^.SH FINDINGS/,/^.SH NOTES/p' \"$0\" | sed -n '/^\\.TP/{n;s/^.B //p}' | "
+                                     "tr -d '\\\\,' | tr ' ' '\\n' | sort -u",
+                                     lManual});
+    EXPECT_EQ(lUsed.mOut, lListed.mOut);
+    EXPECT_LE(20U, countOf(lUsed.mOut, "\n"));
 }
 
 TEST_F(OqshmTest, HelpAndManualNameTheSameOptions)
