@@ -1,8 +1,8 @@
 # Install rules. The components are:
 #
 #   runtime        both libraries
-#   development    the public headers, a CMake package (find_package(OQLinux)), pkg-config files, the manual pages of the
-#                  functions, the GDB pretty-printers
+#   development    the public headers, a CMake package (find_package(OQLinux)), pkg-config files, the manual pages of
+#                  functions and types, the GDB pretty-printers
 #   documentation  the reference, the guide and the other pages
 #   examples       the sources of the examples, which can be built against the installed layer
 #   tools          oqshm with its manual page
@@ -62,7 +62,7 @@ endforeach()
 if(OQ_REFERENCE)
     file(REMOVE_RECURSE ${PROJECT_BINARY_DIR}/man)
     file(COPY ${OQ_REFERENCE}/man DESTINATION ${PROJECT_BINARY_DIR})
-    file(GLOB_RECURSE pages ${PROJECT_BINARY_DIR}/man/*.3)
+    file(GLOB pages ${PROJECT_BINARY_DIR}/man/*/*)
     execute_process(COMMAND gzip -9 --no-name ${pages} COMMAND_ERROR_IS_FATAL ANY)
     install_directories(development ${CMAKE_INSTALL_MANDIR})
     install(DIRECTORY ${PROJECT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)

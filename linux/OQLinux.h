@@ -19,6 +19,20 @@
 /// **Errors of POSIX thread functions** are return values; the functions do not store them in errno. The exceptions
 /// nevertheless carry the text of errno. That text may describe an earlier failure, or be "Success". Identify these
 /// failures by their class.
+///
+/// **errno.** Logging leaves errno unchanged. After a failed OsNamedPipeOpen() or OsKill(), errno is that of the failed
+/// call.
+///
+/// **Cancellation.** The section "Threads" of a function says whether the function is a cancellation point. A thread
+/// that is cancelled there unwinds its C++ frames, as described for OsDestroyThread().
+///
+/// \par Linking
+/// With pkg-config: `pkg-config --cflags --libs oqlinux oqcompanion`. With CMake: `find_package(OQLinux)` and the targets
+/// OQ::Linux and OQ::Companion. A host with a companion runtime of its own links only the layer.
+///
+/// \par Files
+/// isProcessRunning() writes to /tmp/.vyrsyscmd. OsGetOsName() reads /etc/oracle-release, /etc/enterprise-release or
+/// /etc/redhat-release.
 #ifndef OQ_LINUX_H
 #define OQ_LINUX_H
 
