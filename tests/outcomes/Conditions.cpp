@@ -59,11 +59,7 @@ OUTCOME_OF_ERRORS(OsInitConditional, ThrowsWhenThePosixCallFails, EAGAIN, ENOMEM
     Condition lGiven;
     substitute::pthread_cond_init.fail(error(), EXDEV);
     mWhen = "`pthread_cond_init` fails";
-    mTrace = R"(
-        pthread_cond_init(condition, null) = ERROR
-        ClibStrerror(local, 512) = "EXDEV #1"
-        throws OQCCondInitFailedEx 337 "EXDEV #1"
-    )";
+    mTrace = "pthread_cond_init(condition, null) = ERROR\n" + failure("OQCCondInitFailedEx 337", "EXDEV");
     mStays = "the condition variable is not initialised";
     run([&] { OsInitConditional(lGiven.mCondition); });
 }
@@ -81,11 +77,7 @@ OUTCOME_OF_ERRORS(OsDestroyConditional, ThrowsWhenThePosixCallFails, EBUSY, EINV
     Condition lGiven;
     substitute::pthread_cond_destroy.fail(error(), EXDEV);
     mWhen = "`pthread_cond_destroy` fails";
-    mTrace = R"(
-        pthread_cond_destroy(condition) = ERROR
-        ClibStrerror(local, 512) = "EXDEV #1"
-        throws OQCCondDestroyFailedEx 338 "EXDEV #1"
-    )";
+    mTrace = "pthread_cond_destroy(condition) = ERROR\n" + failure("OQCCondDestroyFailedEx 338", "EXDEV");
     mStays = "the condition variable";
     run([&] { OsDestroyConditional(lGiven.mCondition); });
 }
@@ -106,11 +98,7 @@ OUTCOME_OF_ERRORS(OsSignal, ThrowsWhenThePosixCallFails, EINVAL, -1)
     Condition lGiven;
     substitute::pthread_cond_signal.fail(error(), EXDEV);
     mWhen = "`pthread_cond_signal` fails";
-    mTrace = R"(
-        pthread_cond_signal(condition) = ERROR
-        ClibStrerror(local, 512) = "EXDEV #1"
-        throws OQCCondSignalFailedEx 340 "EXDEV #1"
-    )";
+    mTrace = "pthread_cond_signal(condition) = ERROR\n" + failure("OQCCondSignalFailedEx 340", "EXDEV");
     mStays = "the condition variable";
     run([&] { OsSignal(lGiven.mCondition); });
 }
@@ -130,11 +118,7 @@ OUTCOME_OF_ERRORS(OsWait, ThrowsWhenThePosixCallFails, EINVAL, EPERM, ENOTRECOVE
     Condition lGiven;
     substitute::pthread_cond_wait.fail(error(), EXDEV);
     mWhen = "`pthread_cond_wait` fails, also with `ETIMEDOUT`";
-    mTrace = R"(
-        pthread_cond_wait(condition, mutex) = ERROR
-        ClibStrerror(local, 512) = "EXDEV #1"
-        throws OQCCondWaitFailedEx 339 "EXDEV #1"
-    )";
+    mTrace = "pthread_cond_wait(condition, mutex) = ERROR\n" + failure("OQCCondWaitFailedEx 339", "EXDEV");
     mStays = "the mutex as the POSIX call left it";
     run([&] { OsWait(lGiven.mCondition, lGiven.mMutex); });
 }
@@ -181,10 +165,7 @@ OUTCOME(OsConditionalTimedWait, ThrowsATimeOutWhenTheTimeIsOver)
         throws OQCTimeOutEx 323 "EXDEV #1"
     )";
     mStays = "the caller holds the mutex";
-    run([&] {
-        errno = EXDEV;
-        OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, 1);
-    });
+    run([&] { OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, 1); });
 }
 
 OUTCOME_OF_ERRORS(OsConditionalTimedWait, ThrowsWhenThePosixCallFails, EINVAL, EPERM, EINTR, ENOTRECOVERABLE,
@@ -216,10 +197,7 @@ OUTCOME(OsConditionalTimedWait, ThrowsWhenTheClockReportsAnInvalidTime)
         throws OQCCondWaitFailedEx 339 "EXDEV #1"
     )";
     mStays = "the caller holds the mutex";
-    run([&] {
-        errno = EXDEV;
-        OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, 1);
-    });
+    run([&] { OsConditionalTimedWait(lGiven.mCondition, lGiven.mMutex, 1); });
 }
 
 OUTCOME(OsConditionalTimedWait, DoesNotNoticeThatTheClockCannotBeRead)

@@ -181,12 +181,7 @@ OUTCOME_OF_BOTH(ThrowsWhenTheHostIsNotFound, HOST_NOT_FOUND, TRY_AGAIN, NO_RECOV
         Entered
         ClibGethostname(local, 128) = 0
         gethostbyname("name") = null
-        ClibStrerror(local, 512) = "ERROR #1"
-        -E- "Can't get local host entry, error: %s" "ERROR #1"
-        Left
-        ClibStrerror(local, 512) = "ERROR #2"
-        throws OQCGetIpAddressFailEx 347 "ERROR #2"
-    )";
+    )" + loggedFailure(R"(-E- "Can't get local host entry, error: %s" )", "OQCGetIpAddressFailEx 347");
     mStays = "the list, the address";
     run([&] { lHost.lookUp(mOperation); });
 }

@@ -39,12 +39,7 @@ OUTCOME_OF_ERRORS(OsLockFile, ThrowsWhenTheFileCannotBeLocked, EACCES, EAGAIN, E
         Entered
         -T- "Going to lock file"
         lockf(5, F_TLOCK, 0) = -2 ERROR
-        ClibStrerror(local, 512) = "ERROR #1"
-        -E- "Failed to lock file, error: %s" "ERROR #1"
-        Left
-        ClibStrerror(local, 512) = "ERROR #2"
-        throws OQCFileLockFailedEx 330 "ERROR #2"
-    )";
+    )" + loggedFailure(R"(-E- "Failed to lock file, error: %s" )", "OQCFileLockFailedEx 330");
     mStays = "the call does not wait; the file is not locked";
     run([] { OsLockFile(5); });
 }
@@ -67,12 +62,7 @@ OUTCOME_OF_ERRORS(OsUnlockFile, ThrowsWhenLockfFails, EACCES, EAGAIN, EBADF, EDE
     mTrace = R"(
         Entered
         lockf(5, F_ULOCK, 0) = -2 ERROR
-        ClibStrerror(local, 512) = "ERROR #1"
-        -E- "Failed to unlock file, error: %s" "ERROR #1"
-        Left
-        ClibStrerror(local, 512) = "ERROR #2"
-        throws OQCFileUnLockFailedEx 331 "ERROR #2"
-    )";
+    )" + loggedFailure(R"(-E- "Failed to unlock file, error: %s" )", "OQCFileUnLockFailedEx 331");
     mStays = "the locks";
     run([] { OsUnlockFile(5); });
 }

@@ -98,12 +98,7 @@ OUTCOME_OF_ERRORS(OsNamedPipeCreate, ThrowsWhenTheFileCannotBeMade, EACCES, EBAD
     substitute::mknod.fail(-2, error());
     mWhen = "`mknod` fails in another way";
     mTrace = cCreating + R"(-2 ERROR
-        ClibStrerror(local, 512) = "ERROR #1"
-        -E- "Failed to create fifo file %s. Error: '%s' " FILE, "ERROR #1"
-        Left
-        ClibStrerror(local, 512) = "ERROR #2"
-        throws OQCCreateFailedEx 324 "ERROR #2"
-    )";
+    )" + loggedFailure(R"(-E- "Failed to create fifo file %s. Error: '%s' " FILE, )", "OQCCreateFailedEx 324");
     mStays = "the descriptor";
     run([&] { OsNamedPipeCreate(lFile.mPath, lFile.mDescriptor); });
 }
@@ -364,9 +359,9 @@ OUTCOME_OF_ERRORS(OsNamedPipeWaitForActivity, ThrowsWhenTheWaitFails, EBADF, EIN
 {
     substitute::select.fail(-1, error());
     mWhen = "the wait fails";
-    mTrace = cWaiting + "-1 ERROR\nClibStrerror(local, 512) = \"ERROR #1\"\n" + cWait +
-             "-E- \"Error waiting on Named Pipe: %u, Error : %s\" \"37\", \"ERROR #1\"\n" + cWait +
-             "Left\nClibStrerror(local, 512) = \"ERROR #2\"\nthrows OQCPipeWaitFailedEx 332 \"ERROR #2\"";
+    mTrace = cWaiting + "-1 ERROR\n" +
+             loggedFailure(cWait + R"(-E- "Error waiting on Named Pipe: %u, Error : %s" "37", )",
+                           "OQCPipeWaitFailedEx 332", cWait + "Left\n");
     mStays = "the pipe";
     run([] { OsNamedPipeWaitForActivity(37, 30); });
 }

@@ -75,13 +75,8 @@ const char* const cSucceeds = R"(
     child 1: execve("/bin/true", arguments, environment)
     Left
 )";
-const std::string cThrows = R"(
-    ClibStrerror(local, 512) = "ERROR #1"
-    -E- "Failed to create child :%s" "ERROR #1"
-    Left
-    ClibStrerror(local, 512) = "ERROR #2"
-    throws OQCProcessCreationFailedEx 345 "ERROR #2"
-)";
+const std::string cThrows =
+    "\n" + loggedFailure(R"(-E- "Failed to create child :%s" )", "OQCProcessCreationFailedEx 345");
 const std::string cCannotRun = R"(
     Entered
     fflush(stdin) = 0

@@ -46,13 +46,6 @@ unsigned long& untouchableHandle()
     return *static_cast<unsigned long*>(spPage);
 }
 
-/// The events after a failed call: the error line, a line after it, and the exception.
-std::string failure(const std::string& acrLine, const std::string& acrException, const std::string& acrAfter = "")
-{
-    return "ClibStrerror(local, 512) = \"EXDEV #1\"\n-E- " + acrLine + ", \"EXDEV #1\"\n" + acrAfter +
-           "ClibStrerror(local, 512) = \"EXDEV #2\"\nthrows " + acrException + " \"EXDEV #2\"";
-}
-
 const std::string cInit = "pthread_attr_init(local) = ";
 const std::string cJoinable = cInit + "0\npthread_attr_setdetachstate(local, PTHREAD_CREATE_JOINABLE) = ";
 const std::string cStack = cJoinable + "0\npthread_attr_setstacksize(local, 524288) = ";
@@ -62,7 +55,7 @@ void startFails(Outcome& arRow, const std::string& acrCalls, const std::string& 
                 const std::string& acrStays = "the handle")
 {
     Handle lHandle;
-    arRow.mTrace = acrCalls + failure(acrLine, "OQCThreadStartFailedEx 342");
+    arRow.mTrace = acrCalls + loggedFailure(acrLine, "OQCThreadStartFailedEx 342", "", "EXDEV");
     arRow.mStays = acrStays;
     arRow.run([&] { OsStartThread(lHandle, nullptr, routine); });
 }
@@ -90,21 +83,23 @@ OUTCOME_OF_ERRORS(OsStartThread, ThrowsWhenTheAttributesCannotBeInitialised, ENO
 {
     substitute::pthread_attr_init.fail(error(), EXDEV);
     mWhen = "`pthread_attr_init` fails";
-    startFails(*this, cInit + "ERROR\n", R"("Failed to initialize the thread %lu. Error: '%s'" "4711")");
+    startFails(*this, cInit + "ERROR\n", R"(-E- "Failed to initialize the thread %lu. Error: '%s'" "4711", )");
 }
 
 OUTCOME_OF_ERRORS(OsStartThread, ThrowsWhenTheDetachStateCannotBeSet, EINVAL, -1)
 {
     substitute::pthread_attr_setdetachstate.fail(error(), EXDEV);
     mWhen = "`pthread_attr_setdetachstate` fails";
-    startFails(*this, cJoinable + "ERROR\n", R"("Failed to set the detach state the thread %lu. Error: '%s' " "4711")");
+    startFails(*this, cJoinable + "ERROR\n",
+               R"(-E- "Failed to set the detach state the thread %lu. Error: '%s' " "4711", )");
 }
 
 OUTCOME_OF_ERRORS(OsStartThread, ThrowsWhenTheStackSizeCannotBeSet, EINVAL, -1)
 {
     substitute::pthread_attr_setstacksize.fail(error(), EXDEV);
     mWhen = "`pthread_attr_setstacksize` fails";
-    startFails(*this, cStack + "ERROR\n", R"("Failed to set the stack size for the thread %lu. Error: '%s'" "4711")");
+    startFails(*this, cStack + "ERROR\n",
+               R"(-E- "Failed to set the stack size for the thread %lu. Error: '%s'" "4711", )");
 }
 
 OUTCOME_OF_ERRORS(OsStartThread, ThrowsWhenTheThreadCannotBeCreated, EAGAIN, EINVAL, EPERM, -1)
@@ -116,7 +111,8 @@ OUTCOME_OF_ERRORS(OsStartThread, ThrowsWhenTheThreadCannotBeCreated, EAGAIN, EIN
         return error();
     });
     mWhen = "`pthread_create` fails";
-    startFails(*this, cCreate + "ERROR\nhandle changes\n", R"("Failed to start  the thread %lu. Error: '%s'" WRITTEN)",
+    startFails(*this, cCreate + "ERROR\nhandle changes\n",
+               R"(-E- "Failed to start  the thread %lu. Error: '%s'" WRITTEN, )",
                "the handle as `pthread_create` left it");
 }
 
@@ -138,7 +134,7 @@ OUTCOME(OsWaitForExit, Succeeds)
     run([&] { OsWaitForExit(lHandle); });
 }
 
-const std::string cNotJoined = "\"Failed to join the thread %lu. Error: '%s'\" ";
+const std::string cNotJoined = "-E- \"Failed to join the thread %lu. Error: '%s'\" ";
 
 OUTCOME_OF_ERRORS(OsWaitForExit, ThrowsWhenThePosixCallFails, EDEADLK, EINVAL, ESRCH, -1)
 {
@@ -146,7 +142,7 @@ OUTCOME_OF_ERRORS(OsWaitForExit, ThrowsWhenThePosixCallFails, EDEADLK, EINVAL, E
     substitute::pthread_join.fail(error(), EXDEV);
     mWhen = "`pthread_join` fails";
     mTrace = "Entered\npthread_join(thread, null) = ERROR\n" +
-             failure(cNotJoined + "\"4711\"", "OQCThreadWaitForExitFailedEx 344", "Left\n");
+             loggedFailure(cNotJoined + "\"4711\", ", "OQCThreadWaitForExitFailedEx 344", "Left\n", "EXDEV");
     mStays = "the handle; the thread, joinable if it was";
     run([&] { OsWaitForExit(lHandle); });
 }
@@ -158,14 +154,11 @@ OUTCOME(OsWaitForExit, ThrowsWhenAThreadWaitsForItself)
 #endif
     mWhen = "a thread waits for itself (`EDEADLK`)";
     mTrace = "Entered\npthread_join(itself, null) = EDEADLK\n" +
-             failure(cNotJoined + "ITSELF", "OQCThreadWaitForExitFailedEx 344", "Left\n");
+             loggedFailure(cNotJoined + "ITSELF, ", "OQCThreadWaitForExitFailedEx 344", "Left\n", "EXDEV");
     mStays = "the thread continues and is joinable";
     std::thread([this] {
         nameText("ITSELF", std::to_string(pthread_self()));
-        run([] {
-            errno = EXDEV;
-            OsWaitForExit(pthread_self());
-        });
+        run([] { OsWaitForExit(pthread_self()); });
     }).join();
 }
 
@@ -186,7 +179,8 @@ OUTCOME_OF_ERRORS(OsDestroyThread, ThrowsWhenThePosixCallFails, ESRCH, -1)
     substitute::pthread_cancel.fail(error(), EXDEV);
     mWhen = "`pthread_cancel` fails";
     mTrace = "pthread_cancel(thread) = ERROR\n" +
-             failure(R"("Failed to destroy the thread %lu. Error: '%s'" "4711")", "OQCThreadDestructionFailedEx 343");
+             loggedFailure(R"(-E- "Failed to destroy the thread %lu. Error: '%s'" "4711", )",
+                           "OQCThreadDestructionFailedEx 343", "", "EXDEV");
     mStays = "the handle; the thread";
     run([&] { OsDestroyThread(lHandle); });
 }

@@ -19,6 +19,23 @@ std::string assertion(const std::string& acrPlace, const char* acCondition)
     return acrPlace + ": -H- \"Assertion [ %s ] failed\\n\" \"" + acCondition + "\"\nexit status 1";
 }
 
+/// Expects that an assertion of this operation, "CLASS::FUNCTION", ends the process.
+void asserts(Outcome& arRow, const std::string& acrOperation, const char* acCondition,
+             const std::function<void()>& acrRun)
+{
+    arRow.mOperation = acrOperation;
+    arRow.mTrace = assertion(acrOperation.substr(acrOperation.find("::") + 2), acCondition);
+    arRow.runInChild(acrRun);
+}
+
+/// Expects that the operation has no memory.
+void throwsNoMemory(Outcome& arRow, const char* acOperation, const std::function<void()>& acrRun)
+{
+    arRow.mOperation = acOperation;
+    arRow.mTrace = "throws OQCNoMemoryEx 2 \"Out of Memory\"";
+    arRow.run(acrRun);
+}
+
 /// Runs the operation. When it throws, arBlocks becomes the number of blocks that it has asked for, refused ones included,
 /// and has not given back.
 void countBlocks(unsigned int& arBlocks, const std::function<void()>& acrOperation)
@@ -113,23 +130,20 @@ const std::string cNotReleased = "decrement() = 0\n~OQCReferenceCount()\n" + ass
 
 OUTCOME(Pointer, ConstructionFromNullIsOutOfMemory)
 {
-    mOperation = "Pointer::Pointer";
     substitute::counter.show();
     mWhen = "null pointee";
-    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "no counter is made";
-    run([] { const Number lNumber(nullptr, OQPST_Individual, OQPMT_New); });
+    throwsNoMemory(*this, "Pointer::Pointer", [] { const Number lNumber(nullptr, OQPST_Individual, OQPMT_New); });
 }
 
 OUTCOME_OF_ALLOCATIONS(Pointer, ConstructionWithoutACounterIsOutOfMemory, 1)
 {
     int* const lpNumber = new (std::nothrow) int(5);
     followMemory(0, lpNumber);
-    mOperation = "Pointer::Pointer";
     mWhen = "no memory for the counter";
-    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the pointee stays allocated; only a caller that kept its address can free it";
-    run([lpNumber] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); });
+    throwsNoMemory(*this, "Pointer::Pointer",
+                   [lpNumber] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); });
     EXPECT_FALSE(isFreed(0));
     EXPECT_EQ(5, *lpNumber);
     delete lpNumber;
@@ -158,11 +172,9 @@ OUTCOME(Pointer, ExceptionOfTheCounterPasses)
 
 OUTCOME(Pointer, StarOfAnEmptyOneEndsTheProcess)
 {
-    mOperation = "Pointer::operator*";
     mWhen = "empty";
-    mTrace = assertion("operator*", "0 != mPointer");
     mStays = "nothing is unwound; exit handlers run";
-    runInChild([] {
+    asserts(*this, "Pointer::operator*", "0 != mPointer", [] {
         const Number lEmpty;
         (void)*lEmpty;
     });
@@ -172,56 +184,45 @@ OUTCOME(Pointer, StarOfADestroyedOneEndsTheProcess)
 {
     Damaged lDamaged;
     Number& lrDestroyed = lDamaged.destroyed();
-    mOperation = "Pointer::operator*";
     mWhen = "destroyed";
-    mTrace = assertion("operator*", "0 != mPointer");
-    runInChild([&] { *lrDestroyed = 1; });
+    asserts(*this, "Pointer::operator*", "0 != mPointer", [&] { *lrDestroyed = 1; });
 }
 
 OUTCOME(Pointer, StarWithoutACounterEndsTheProcess)
 {
     Damaged lDamaged;
     Number& lrNumber = lDamaged.withoutCounter();
-    mOperation = "Pointer::operator*";
     mWhen = "a pointee without a counter";
-    mTrace = assertion("operator*", "0 != mReferenceCount");
-    runInChild([&] { *lrNumber = 1; });
+    asserts(*this, "Pointer::operator*", "0 != mReferenceCount", [&] { *lrNumber = 1; });
 }
 
 OUTCOME_OF_ERRORS(Pointer, StarOfAnUnknownSizeTypeEndsTheProcess, 0, 3, 7, 255)
 {
     mNeedsMemory = true;
-    mOperation = "Pointer::operator*";
     mWhen = "size type neither individual nor array";
-    mTrace = assertion("operator*", "false");
-    runInChild([this] { *Number(new (std::nothrow) int(5), sizeType(error()), OQPMT_New) = 1; });
+    asserts(*this, "Pointer::operator*", "false",
+            [this] { *Number(new (std::nothrow) int(5), sizeType(error()), OQPMT_New) = 1; });
 }
 
 OUTCOME(Pointer, ArrowOfAnEmptyOneEndsTheProcess)
 {
-    mOperation = "Pointer::operator->";
     mWhen = "empty";
-    mTrace = assertion("operator->", "0 != mPointer");
-    runInChild([] { Number().operator->(); });
+    asserts(*this, "Pointer::operator->", "0 != mPointer", [] { Number().operator->(); });
 }
 
 OUTCOME(Pointer, ArrowWithoutACounterEndsTheProcess)
 {
     Damaged lDamaged;
     const Number& lrNumber = lDamaged.withoutCounter();
-    mOperation = "Pointer::operator->";
     mWhen = "a pointee without a counter";
-    mTrace = assertion("operator->", "0 != mReferenceCount");
-    runInChild([&] { lrNumber.operator->(); });
+    asserts(*this, "Pointer::operator->", "0 != mReferenceCount", [&] { lrNumber.operator->(); });
 }
 
 OUTCOME_OF_ERRORS(Pointer, ArrowOfAnArrayEndsTheProcess, OQPST_Array, 0, 7)
 {
     mNeedsMemory = true;
-    mOperation = "Pointer::operator->";
     mWhen = "an array, or an unknown size type";
-    mTrace = assertion("operator->", "OQPST_Individual == mSizeType");
-    runInChild([this] {
+    asserts(*this, "Pointer::operator->", "OQPST_Individual == mSizeType", [this] {
         const Number lArray(new (std::nothrow) int[2], sizeType(error()), OQPMT_New);
         lArray.operator->();
     });
@@ -232,11 +233,9 @@ OUTCOME(Pointer, AssignmentFromAnEmptyOneEndsTheProcess)
     const Number lEmpty;
     int* const lpNumber = new (std::nothrow) int(5);
     Number lTarget(lpNumber, OQPST_Individual, OQPMT_New);
-    mOperation = "Pointer::operator=";
     mWhen = "assignment from an empty pointer";
-    mTrace = assertion("operator=", "0 != acrCopy.mPointer");
     mStays = "the target's pointee is not released";
-    runInChild([&] {
+    asserts(*this, "Pointer::operator=", "0 != acrCopy.mPointer", [&] {
         expectKept(lpNumber);
         lTarget = lEmpty;
     });
@@ -246,10 +245,8 @@ OUTCOME(Pointer, AssignmentOfAnEmptyOneToItselfEndsTheProcess)
 {
     Number lEmpty;
     const Number& lrSelf = lEmpty;
-    mOperation = "Pointer::operator=";
     mWhen = "assignment of an empty pointer to itself";
-    mTrace = assertion("operator=", "0 != acrCopy.mPointer");
-    runInChild([&] { lEmpty = lrSelf; });
+    asserts(*this, "Pointer::operator=", "0 != acrCopy.mPointer", [&] { lEmpty = lrSelf; });
 }
 
 OUTCOME(Pointer, AssignmentFromOneWithoutACounterEndsTheProcess)
@@ -258,11 +255,9 @@ OUTCOME(Pointer, AssignmentFromOneWithoutACounterEndsTheProcess)
     const Number& lrNumber = lDamaged.withoutCounter();
     int* const lpNumber = new (std::nothrow) int(5);
     Number lTarget(lpNumber, OQPST_Individual, OQPMT_New);
-    mOperation = "Pointer::operator=";
     mWhen = "assignment from a pointer without a counter";
-    mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
     mStays = "the target's pointee is not released";
-    runInChild([&] {
+    asserts(*this, "Pointer::operator=", "0 != acrCopy.mReferenceCount", [&] {
         expectKept(lpNumber);
         lTarget = lrNumber;
     });
@@ -273,10 +268,8 @@ OUTCOME(Pointer, AssignmentOfOneWithoutACounterToItselfEndsTheProcess)
     Damaged lDamaged;
     Number& lrNumber = lDamaged.withoutCounter();
     const Number& lrSelf = lrNumber;
-    mOperation = "Pointer::operator=";
     mWhen = "assignment of a pointer without a counter to itself";
-    mTrace = assertion("operator=", "0 != acrCopy.mReferenceCount");
-    runInChild([&] { lrNumber = lrSelf; });
+    asserts(*this, "Pointer::operator=", "0 != acrCopy.mReferenceCount", [&] { lrNumber = lrSelf; });
 }
 
 OUTCOME_OF_ERRORS(Pointer, LastHolderOfAnUnknownSizeTypeEndsTheProcess, 0, 3, 7, 255)
@@ -365,21 +358,17 @@ enum Part { Object = 1, Characters = 2, Counter = 3 };
 
 OUTCOME_OF_ALLOCATIONS(OQCString, ConstructionWithoutMemoryThrows, Object, Characters, Counter)
 {
-    mOperation = "OQCString::OQCString";
     mWhen = "from characters: no memory for the text (object, characters) or its counter";
-    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "without the counter the text stays allocated";
-    run([] { const OQCString lString(cLong); });
+    throwsNoMemory(*this, "OQCString::OQCString", [] { const OQCString lString(cLong); });
 }
 
 OUTCOME_OF_ALLOCATIONS(OQCString, CopyWithoutMemoryThrows, Object, Characters, Counter)
 {
     const OQCString lOriginal(cLong);
-    mOperation = "OQCString::OQCString";
     mWhen = "copy: no memory for the text or its counter";
-    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the original; without the counter the copied text stays allocated";
-    run([&] { const OQCString lCopy(lOriginal); });
+    throwsNoMemory(*this, "OQCString::OQCString", [&] { const OQCString lCopy(lOriginal); });
     EXPECT_STREQ(cLong, lOriginal.get());
 }
 
@@ -406,10 +395,8 @@ OUTCOME_OF_ALLOCATIONS(OQCString, ExceptionOfTheNewHandlerPasses, Characters)
 OUTCOME(OQCString, CopyOfAnEmptyOneEndsTheProcess)
 {
     Destroyed lGone;
-    mOperation = "OQCString::OQCString";
     mWhen = "copy of an empty string";
-    mTrace = assertion("OQCString", "acrCopy.mString != 0");
-    runInChild([&] { const OQCString lCopy(lGone.string()); });
+    asserts(*this, "OQCString::OQCString", "acrCopy.mString != 0", [&] { const OQCString lCopy(lGone.string()); });
 }
 
 OUTCOME_OF_ALLOCATIONS(OQCString, AssignmentWithoutMemoryThrows, Object, Characters, Counter)
@@ -417,11 +404,9 @@ OUTCOME_OF_ALLOCATIONS(OQCString, AssignmentWithoutMemoryThrows, Object, Charact
     const OQCString lSource(cLong);
     OQCString lTarget("kept");
     const char* const lpKept = lTarget.get();
-    mOperation = "OQCString::operator=";
     mWhen = "no memory for the text or its counter";
-    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "both texts; without the counter the new text stays allocated";
-    run([&] { lTarget = lSource; });
+    throwsNoMemory(*this, "OQCString::operator=", [&] { lTarget = lSource; });
     EXPECT_STREQ(cLong, lSource.get());
     EXPECT_STREQ("kept", lTarget.get());
     EXPECT_EQ(lpKept, lTarget.get());
@@ -442,21 +427,17 @@ OUTCOME(OQCString, AppendToAnEmptyOneEndsTheProcess)
 {
     Destroyed lGone;
     Destroyed lAlso;
-    mOperation = "OQCString::operator+=";
     mWhen = "append to an empty string";
-    mTrace = assertion("operator+=", "mString != 0");
-    runInChild([&] { lGone.string() += lAlso.string(); });
+    asserts(*this, "OQCString::operator+=", "mString != 0", [&] { lGone.string() += lAlso.string(); });
 }
 
 OUTCOME(OQCString, AppendOfAnEmptyOneEndsTheProcess)
 {
     Destroyed lGone;
     OQCString lString("some");
-    mOperation = "OQCString::operator+=";
     mWhen = "append of an empty string";
-    mTrace = assertion("operator+=", "acrString.mString != 0");
     mStays = "the text";
-    runInChild([&] { lString += lGone.string(); });
+    asserts(*this, "OQCString::operator+=", "acrString.mString != 0", [&] { lString += lGone.string(); });
 }
 
 OUTCOME_OF_ALLOCATIONS(OQCString, AppendWithoutMemoryThrows, 1)
@@ -474,20 +455,16 @@ OUTCOME_OF_ALLOCATIONS(OQCString, AppendWithoutMemoryThrows, 1)
 OUTCOME(OQCString, GetOfAnEmptyOneEndsTheProcess)
 {
     Destroyed lGone;
-    mOperation = "OQCString::get";
     mWhen = "empty";
-    mTrace = assertion("get", "mString != 0");
-    runInChild([&] { lGone.string().get(); });
+    asserts(*this, "OQCString::get", "mString != 0", [&] { lGone.string().get(); });
 }
 
 OUTCOME(OQCString, GetOfAConstantEmptyOneEndsTheProcess)
 {
     Destroyed lGone;
     const OQCString& lrGone = lGone.string();
-    mOperation = "OQCString::get";
     mWhen = "empty constant string";
-    mTrace = assertion("get", "mString != 0");
-    runInChild([&] { lrGone.get(); });
+    asserts(*this, "OQCString::get", "mString != 0", [&] { lrGone.get(); });
 }
 
 }  // namespace strings
@@ -510,11 +487,9 @@ OUTCOME_OF_ALLOCATIONS(OQCList, AppendWithoutANodeThrowsBeforeTheElementIsCopied
 {
     OQCList<Element> lList;
     const Element lElement([] { throw 42; });
-    mOperation = "OQCList::append";
     mWhen = "no memory for the node";
-    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the list; the element is not copied";
-    run([&] { lList.append(lElement); });
+    throwsNoMemory(*this, "OQCList::append", [&] { lList.append(lElement); });
     EXPECT_EQ(0, lList.size());
 }
 
@@ -523,11 +498,9 @@ OUTCOME_OF_ALLOCATIONS(OQCList, AppendOfATextWithoutMemoryThrows, 2, 3, 4)
     OQCList<OQCString> lList;
     lList.append("kept");
     const OQCString lText(cLong);
-    mOperation = "OQCList::append";
     mWhen = "no memory for the copy of a text";
-    mTrace = R"(throws OQCNoMemoryEx 2 "Out of Memory")";
     mStays = "the list; the node is freed; without the counter the copied text stays allocated";
-    run([&] { lList.append(lText); });
+    throwsNoMemory(*this, "OQCList::append", [&] { lList.append(lText); });
     EXPECT_EQ(1, lList.size());
     EXPECT_STREQ("kept", lList.begin()->get());
 }

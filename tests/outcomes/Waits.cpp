@@ -23,6 +23,18 @@ const Family cFamily(
      {"-T- Left",
       "the operation returns; after a line that reports a failure or the end of the time: a throw follows"}});
 
+std::string timeOut(const std::string& acrSeconds)
+{
+    return "0\n -T- \"No data within %u seconds.\" \"" + acrSeconds +
+           "\"\n Left\n throws OQCTimeOutEx 323 \"Timed out\"";
+}
+
+std::string failedWait(const std::string& acrDescriptor, const std::string& acrError)
+{
+    return loggedFailure("-E- \"Error waiting on Named Pipe: %u, Error : %s\" \"" + acrDescriptor + "\", ",
+                         "OQCPipeWaitFailedEx 332", "Left\n", acrError);
+}
+
 OUTCOME(OsWaitForActivity, ReturnsWhenThereIsDataToRead)
 {
     substitute::select.fail(1, 0);
@@ -69,21 +81,12 @@ OUTCOME_OF_ERRORS(OsWaitForActivity, GoesOnAfterASignal, EINTR, 514)
             errno = lIsInterrupted ? error() : ENOMEM;
             return lIsInterrupted ? -1 : lResult;
         });
-        mTrace = std::string(R"(
+        mTrace = R"(
             Entered
             select(38, local 37, null, null, 9.000000) = -1 ERROR
             -I- "The select() call was interrupted.. Ignoring"
-            select(38, local 37, null, null, 9.000000) = )") +
-                 (0 == lResult ? R"(0
-            -T- "No data within %u seconds." "9"
-            Left
-            throws OQCTimeOutEx 323 "Timed out")"
-                               : R"(-1 ENOMEM
-            ClibStrerror(local, 512) = "ENOMEM #1"
-            -E- "Error waiting on Named Pipe: %u, Error : %s" "37", "ENOMEM #1"
-            Left
-            ClibStrerror(local, 512) = "ENOMEM #2"
-            throws OQCPipeWaitFailedEx 332 "ENOMEM #2")");
+            select(38, local 37, null, null, 9.000000) = )" +
+                 (0 == lResult ? timeOut("9") : "-1 ENOMEM\n" + failedWait("37", "ENOMEM"));
         run([] { OsWaitForActivity(37, 9); });
     }
 }
@@ -97,12 +100,7 @@ OUTCOME_OF_ERRORS(OsWaitForActivity, ThrowsWhenSelectFails, EBADF, EINVAL, ENOME
     mTrace = R"(
         Entered
         select(-1, local, null, null, 1.000000) = -2 ERROR
-        ClibStrerror(local, 512) = "ERROR #1"
-        -E- "Error waiting on Named Pipe: %u, Error : %s" "4294967294", "ERROR #1"
-        Left
-        ClibStrerror(local, 512) = "ERROR #2"
-        throws OQCPipeWaitFailedEx 332 "ERROR #2"
-    )";
+    )" + failedWait("4294967294", "ERROR");
     mStays = "the descriptor";
     run([] { OsWaitForActivity(-2, 1); });
 }
@@ -114,11 +112,7 @@ OUTCOME(OsWaitForActivity, ThrowsATimeOutWhenTheTimeIsOver)
         "nothing to read within the seconds (0: at once); also descriptor -1, and a closed descriptor beyond the "
         "kernel's table";
     mTrace = "Entered\nselect(1024, local 1023, null, null, " + std::to_string(static_cast<time_t>(UINT_MAX)) +
-             ".000000) = 0\n" + R"(
-        -T- "No data within %u seconds." "4294967295"
-        Left
-        throws OQCTimeOutEx 323 "Timed out"
-    )";
+             ".000000) = " + timeOut("4294967295");
     mStays = "the descriptor";
     run([] { OsWaitForActivity(1023, UINT_MAX); });
 }

@@ -71,6 +71,20 @@ const std::vector<const Family*>& families() { return familyList(); }
 
 const std::vector<OutcomeRow>& outcomeRows() { return sRows; }
 
+std::string failure(const std::string& acrException, const std::string& acrError)
+{
+    const std::string lText = "\"" + acrError + " #1\"";
+    return "ClibStrerror(local, 512) = " + lText + "\nthrows " + acrException + " " + lText;
+}
+
+std::string loggedFailure(const std::string& acrLine, const std::string& acrException, const std::string& acrAfterLine,
+                          const std::string& acrError)
+{
+    const std::string lText = "\"" + acrError + " #1\"";
+    return "ClibStrerror(local, 512) = " + lText + "\n" + acrLine + lText + "\n" + acrAfterLine +
+           replaced(failure(acrException, acrError), "#1", "#2");
+}
+
 bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,
                 const std::function<Outcome*()>& acrMake)
 {
@@ -138,6 +152,7 @@ void Outcome::perform(const std::function<void()>& acrOperation)
     try {
         const Recording lRecording;
         const FailingMemory lFailingMemory(mIsWithoutMemory ? 1 : mFailingAllocation, mIsWithoutMemory);
+        errno = EXDEV;
         acrOperation();
     } catch (const abi::__forced_unwind&) {  // the thread is cancelled or ends itself
         throw;

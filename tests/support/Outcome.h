@@ -60,7 +60,7 @@ public:
     /// The error of this pass.
     int error() const { return mError; }
 
-    /// Runs the operation and compares its events with mTrace. ClibStrerror() returns the name of errno and the number
+    /// Runs the operation with errno EXDEV and compares its events with mTrace. ClibStrerror() returns the name of errno and the number
     /// of the text, as in "EINTR #1", in memory outside of the caller's buffer. If the operation makes a child, the
     /// child ends with status 0 when the operation returns or throws there.
     void run(const std::function<void()>& acrOperation);
@@ -94,6 +94,12 @@ const std::vector<OutcomeRow>& outcomeRows();
 
 /// Returns whether each log call of the rows reported its own line. Prints the calls that did not.
 bool checkSites();
+
+/// The end of a trace: the text of this error, and the exception with this class and code that has the text.
+std::string failure(const std::string& acrException, const std::string& acrError = "ERROR");
+/// The same for an operation that logs the text before it throws. The line is given without the text, its last argument.
+std::string loggedFailure(const std::string& acrLine, const std::string& acrException,
+                          const std::string& acrAfterLine = "Left\n", const std::string& acrError = "ERROR");
 
 bool addOutcome(const char* acOperation, const char* acName, const char* acSource, int aLine,
                 const std::function<Outcome*()>& acrMake);
