@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <malloc.h>
-#include <sched.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -23,8 +22,6 @@ namespace
 {
 
 const unsigned int cDefaultLevels = OQLL_Halt | OQLL_Error | OQLL_Information;
-
-typedef std::vector<std::string> Texts;
 
 /// The lines of a text. A last line without a line feed is marked.
 Texts split(const std::string& acrText)
@@ -275,20 +272,7 @@ TEST_F(LogTest, OneOfManyThreadsEndsTheLineThatWasWrittenInPart)
             const FileSizeLimit lLimit(20);
             LOG_ERROR("written in part");
         }
-        std::atomic<int> lReady(0);
-        std::vector<std::thread> lThreads;
-        for (int lThread = 0; lThread < cThreads; ++lThread) {
-            lThreads.emplace_back([&lReady] {
-                ++lReady;
-                while (lReady < cThreads) {
-                    sched_yield();
-                }
-                LOG_ERROR("next");
-            });
-        }
-        for (std::thread& lrThread : lThreads) {
-            lrThread.join();
-        }
+        inThreads(cThreads, [](unsigned int) { LOG_ERROR("next"); });
         // Another thread may write first. The line feed that ends the cut line then makes an empty line.
         const std::string lText = mFile->text();
         EXPECT_EQ(cThreads + 1, std::count(lText.begin(), lText.end(), '\n'));
@@ -344,21 +328,17 @@ TEST_F(LogTest, FormatTakesManyArguments)
 TEST_F(LogTest, ChildForkedWhileOthersLogCanLog)
 {
     std::atomic<bool> lStop(false);
-    const auto lRun = [&lStop] {
-        while (!lStop) {
+    Texts lExpected;
+    inThreads(3, [&](unsigned int aThread) {
+        while (0 < aThread && !lStop) {
             LOG_ERROR("parent %d %s", 1, "text");
         }
-    };
-    std::thread lFirst(lRun);
-    std::thread lSecond(lRun);
-    Texts lExpected;
-    for (int lChild = 0; lChild < 20; ++lChild) {
-        EXPECT_EQ(0, inChild([lChild] { LOG_ERROR("child %d", lChild); }));
-        lExpected.push_back("child " + std::to_string(lChild));
-    }
-    lStop = true;
-    lFirst.join();
-    lSecond.join();
+        for (int lChild = 0; 0 == aThread && lChild < 20; ++lChild) {
+            EXPECT_EQ(0, inChild([lChild] { LOG_ERROR("child %d", lChild); }));
+            lExpected.push_back("child " + std::to_string(lChild));
+        }
+        lStop = true;
+    });
     Texts lMessages = mFile->messages();
     lMessages.erase(std::remove(lMessages.begin(), lMessages.end(), "parent 1 text"), lMessages.end());
     EXPECT_EQ(lExpected, lMessages);
@@ -378,22 +358,11 @@ std::string messageOfWriter(long aProcess, unsigned long aThread, int aLine)
 
 void logFromThreads()
 {
-    std::atomic<int> lReady(0);
-    std::vector<std::thread> lThreads;
-    for (int lThread = 0; lThread < cWriters; ++lThread) {
-        lThreads.emplace_back([&lReady] {
-            ++lReady;
-            while (lReady < cWriters) {  // otherwise a thread could get the handle of one that has ended
-                sched_yield();
-            }
-            for (int lLine = 0; lLine < cLinesEach; ++lLine) {
-                LOG_ERROR("%s", messageOfWriter(getpid(), static_cast<unsigned long>(pthread_self()), lLine).c_str());
-            }
-        });
-    }
-    for (std::thread& lrThread : lThreads) {
-        lrThread.join();
-    }
+    inThreads(cWriters, [](unsigned int) {
+        for (int lLine = 0; lLine < cLinesEach; ++lLine) {
+            LOG_ERROR("%s", messageOfWriter(getpid(), static_cast<unsigned long>(pthread_self()), lLine).c_str());
+        }
+    });
 }
 
 TEST_F(LogTest, LinesOfManyThreadsOfTwoProcessesAreAllWhole)
@@ -438,19 +407,15 @@ TEST_F(LogTest, LinesOfManyThreadsOfTwoProcessesAreAllWhole)
 TEST_F(CompanionTest, StrerrorIsOfTheCallingThread)
 {
     std::atomic<int> lWrong(0);
-    const auto lRun = [&lWrong](int aErrno) {
-        const std::string lExpected = "Unknown error " + std::to_string(aErrno);
+    inThreads(3, [&lWrong](unsigned int aThread) {
+        const int lErrno = 70000 + static_cast<int>(aThread);
+        const std::string lExpected = "Unknown error " + std::to_string(lErrno);
         for (int lRound = 0; lRound < 5000; ++lRound) {
             char lBuffer[512];
-            errno = aErrno;
+            errno = lErrno;
             lWrong += lExpected == ClibStrerror(lBuffer, sizeof lBuffer) ? 0 : 1;
         }
-    };
-    std::thread lFirst(lRun, 70001);
-    std::thread lSecond(lRun, 70002);
-    lRun(70003);
-    lFirst.join();
-    lSecond.join();
+    });
     EXPECT_EQ(0, lWrong);
 }
 
@@ -474,13 +439,8 @@ TEST_F(CompanionTest, ReferenceCountIsOneWordThatCounts)
 TEST_F(CompanionTest, ReferenceCountLosesNothingAmongThreads)
 {
     OQCReferenceCount lCounter(1);
-    std::atomic<int> lZeros(0);
-    std::atomic<int> lStarted(0);
-    const auto lRun = [&lCounter, &lZeros, &lStarted] {
-        ++lStarted;
-        while (3 != lStarted) {
-            sched_yield();
-        }
+    std::atomic<unsigned int> lZeros(0);
+    inThreads(3, [&lCounter, &lZeros](unsigned int) {
         unsigned int lOwnZeros = 0;
         for (int lRound = 0; lRound < 200000; ++lRound) {
             lCounter.increment();
@@ -488,14 +448,9 @@ TEST_F(CompanionTest, ReferenceCountLosesNothingAmongThreads)
             lOwnZeros += 0 == lCounter.decrement() ? 1 : 0;
             lOwnZeros += 0 == lCounter.decrement() ? 1 : 0;
         }
-        lZeros += static_cast<int>(lOwnZeros);
-    };
-    std::thread lFirst(lRun);
-    std::thread lSecond(lRun);
-    lRun();
-    lFirst.join();
-    lSecond.join();
-    EXPECT_EQ(0, lZeros);
+        lZeros += lOwnZeros;
+    });
+    EXPECT_EQ(0U, lZeros);
     EXPECT_EQ(0U, lCounter.decrement());
 }
 

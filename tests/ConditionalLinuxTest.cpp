@@ -4,6 +4,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <deque>
 
 #include "LinuxInternal.h"
@@ -51,44 +52,27 @@ protected:
     pthread_mutex_t mMutex;
 };
 
-TEST_F(ConditionalLinuxTest, WaitReleasesTheMutexAndHoldsItAgainAfterTheSignal)
+TEST_F(ConditionalLinuxTest, EachWaitReleasesTheMutexAndHoldsItAgainAfterTheSignal)
 {
-    bool lReady = false;
-    OsLockMutex(mMutex);
-    std::thread lSignaller([&] {
-        OsLockMutex(mMutex);  // possible only while the other thread waits
-        lReady = true;
-        OsSignal(mCondition);
+    for (const bool lIsTimed : {false, true}) {
+        bool lReady = false;
+        OsLockMutex(mMutex);
+        std::thread lSignaller([&] {
+            OsLockMutex(mMutex);  // possible only while the other thread waits
+            lReady = true;
+            OsSignal(mCondition);
+            OsUnlockMutex(mMutex);
+        });
+        const double lStart = now();
+        while (!lReady) {
+            lIsTimed ? OsConditionalTimedWait(mCondition, mMutex, 60) : OsWait(mCondition, mMutex);
+        }
+        EXPECT_GT(50.0, now() - lStart) << "a signal ends the wait before the deadline";
+        EXPECT_TRUE(isHeld(mMutex));
         OsUnlockMutex(mMutex);
-    });
-    while (!lReady) {
-        OsWait(mCondition, mMutex);
+        lSignaller.join();
+        EXPECT_EQ("", trace());
     }
-    EXPECT_TRUE(isHeld(mMutex));
-    OsUnlockMutex(mMutex);
-    lSignaller.join();
-    EXPECT_EQ("", trace());
-}
-
-TEST_F(ConditionalLinuxTest, ASignalBeforeTheDeadlineEndsTheTimedWaitNormally)
-{
-    bool lReady = false;
-    OsLockMutex(mMutex);
-    std::thread lSignaller([&] {
-        OsLockMutex(mMutex);  // possible only while the other thread waits
-        lReady = true;
-        OsSignal(mCondition);
-        OsUnlockMutex(mMutex);
-    });
-    const double lStart = now();
-    while (!lReady) {
-        OsConditionalTimedWait(mCondition, mMutex, 60);
-    }
-    EXPECT_GT(50.0, now() - lStart);
-    EXPECT_TRUE(isHeld(mMutex));
-    OsUnlockMutex(mMutex);
-    lSignaller.join();
-    EXPECT_EQ("", trace());
 }
 
 TEST_F(ConditionalLinuxTest, EachWaitOfALoopWaitsTheFullTimeAnew)
@@ -250,27 +234,12 @@ void expectNothingLost(Queue::Wait aWait)
 {
     Queue lQueue(aWait);
     std::vector<std::atomic<unsigned char>> lTaken(cItems);
-    std::vector<std::thread> lThreads;
-    for (unsigned int lThread = 0; lThread < 4; ++lThread) {
-        lThreads.emplace_back([&lQueue, lThread] {
-            for (unsigned int lItem = lThread; lItem < cItems; lItem += 4) {
-                lQueue.put(lItem);
-            }
-        });
-        lThreads.emplace_back([&lQueue, &lTaken] {
-            for (unsigned int lCount = 0; lCount < cItems / 4; ++lCount) {
-                ++lTaken[lQueue.take()];
-            }
-        });
-    }
-    for (std::thread& lrThread : lThreads) {
-        lrThread.join();
-    }
-    unsigned int lOnce = 0;
-    for (const std::atomic<unsigned char>& lrTaken : lTaken) {
-        lOnce += 1 == lrTaken ? 1U : 0U;
-    }
-    EXPECT_EQ(cItems, lOnce);
+    inThreads(8, [&](unsigned int aThread) {
+        for (unsigned int lItem = aThread % 4; lItem < cItems; lItem += 4) {
+            aThread < 4 ? lQueue.put(lItem) : void(++lTaken[lQueue.take()]);
+        }
+    });
+    EXPECT_EQ(cItems, std::count(lTaken.begin(), lTaken.end(), 1));
     EXPECT_EQ("", traceOf(recorded(), "", ""));
 }
 

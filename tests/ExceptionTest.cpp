@@ -8,13 +8,10 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <exception>
 #include <functional>
-#include <thread>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "Peer.h"
 
@@ -405,35 +402,6 @@ TEST_F(ExceptionTest, CompanionsExceptionsMatchInAnotherModule)
     EXPECT_TRUE((caughtAs<OQCException>(lStat, "No such file or directory", 173)));
     EXPECT_FALSE((caughtAs<OQCOsException>(lStat, "No such file or directory", 173)));
     EXPECT_FALSE((caughtAs<OQCHaltEx>(lStat, "No such file or directory", 173)));
-}
-
-TEST_F(ExceptionTest, FailuresOfSeveralThreadsKeepTheirTextsApart)
-{
-    keepNoEvents();
-    std::atomic<int> lWrong(0);
-    const auto lRun = [&lWrong](int aErrno) {
-        pthread_mutex_t lMutex = PTHREAD_MUTEX_INITIALIZER;
-        OsLockMutex(lMutex);
-        const std::string lText = strerrordesc_np(aErrno);
-        for (int lRound = 0; lRound < 2000; ++lRound) {
-            try {
-                errno = aErrno;
-                OsTrylockMutex(lMutex);
-                ++lWrong;
-            } catch (const OQCMutexLockFailedEx& acrFailure) {
-                lWrong += lText == acrFailure.what() && 335 == acrFailure.code() ? 0 : 1;
-            }
-        }
-        OsUnlockMutex(lMutex);
-    };
-    std::thread lFirst(lRun, EPERM);
-    std::thread lSecond(lRun, EDEADLK);
-    std::thread lThird(lRun, ENAMETOOLONG);
-    lRun(ENOMEM);
-    lFirst.join();
-    lSecond.join();
-    lThird.join();
-    EXPECT_EQ(0, lWrong);
 }
 
 /// Logs its destruction.

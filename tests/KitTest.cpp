@@ -122,17 +122,11 @@ TEST_F(KitTest, EventsOfAChildAreThereWhenItIsKilled)
 TEST_F(KitTest, EventsOfManyThreadsAreCompleteAndEachThreadsInOrder)
 {
     const unsigned int cLines = 1000;
-    std::vector<std::thread> lThreads;
-    for (unsigned int lThread = 0; lThread < 4; ++lThread) {
-        lThreads.emplace_back([lThread] {
-            for (unsigned int lLine = 1; lLine <= cLines; ++lLine) {
-                cLog(OQLL_Trace, "-T-", lLine, "operation", "file", "%u", lThread);
-            }
-        });
-    }
-    for (std::thread& lrThread : lThreads) {
-        lrThread.join();
-    }
+    inThreads(4, [](unsigned int aThread) {
+        for (unsigned int lLine = 1; lLine <= cLines; ++lLine) {
+            cLog(OQLL_Trace, "-T-", lLine, "operation", "file", "%u", aThread);
+        }
+    });
     unsigned int lLast[4] = {0, 0, 0, 0};
     for (const Event& lrEvent : recorded()) {
         unsigned int& lrLast = lLast[std::stoul(lrEvent.mArguments.at(0))];

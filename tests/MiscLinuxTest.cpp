@@ -20,17 +20,6 @@
 namespace
 {
 
-typedef std::vector<std::string> Texts;
-
-Texts textsOf(const OQCList<OQCString>& acrList)
-{
-    Texts lTexts;
-    for (const OQCString& lrText : acrList) {
-        lTexts.push_back(lrText.get());
-    }
-    return lTexts;
-}
-
 /// Counts the recorded calls of a substituted function.
 unsigned int callsOf(const char* acFunction)
 {

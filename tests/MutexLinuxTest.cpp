@@ -71,19 +71,13 @@ TEST_F(MutexLinuxTest, NoIncrementOfEightThreadsIsLost)
 {
     const unsigned int cRounds = OQ_SANITIZED ? 20000 : 1000000;
     unsigned int lCount = 0;
-    std::vector<std::thread> lThreads;
-    for (unsigned int lThread = 0; lThread < 8; ++lThread) {
-        lThreads.emplace_back([&] {
-            for (unsigned int lRound = 0; lRound < cRounds; ++lRound) {
-                OsLockMutex(mMutex);
-                ++lCount;
-                OsUnlockMutex(mMutex);
-            }
-        });
-    }
-    for (std::thread& lrThread : lThreads) {
-        lrThread.join();
-    }
+    inThreads(8, [&](unsigned int) {
+        for (unsigned int lRound = 0; lRound < cRounds; ++lRound) {
+            OsLockMutex(mMutex);
+            ++lCount;
+            OsUnlockMutex(mMutex);
+        }
+    });
     EXPECT_EQ(8 * cRounds, lCount);
 }
 
@@ -91,22 +85,17 @@ TEST_F(MutexLinuxTest, EachOfEightThreadsGetsTheTextOfItsOwnErrno)
 {
     Holder lHolder(mMutex);
     std::atomic<unsigned int> lRight(0);
-    std::vector<std::thread> lThreads;
-    for (int lErrno = 1; lErrno <= 8; ++lErrno) {
-        lThreads.emplace_back([this, &lRight, lErrno, lExpected = std::string(strerror(lErrno))] {
-            for (unsigned int lRound = 0; lRound < 500; ++lRound) {
-                try {
-                    errno = lErrno;
-                    OsTrylockMutex(mMutex);
-                } catch (const OQCMutexLockFailedEx& acrFailure) {
-                    lRight += lExpected == acrFailure.what() ? 1U : 0U;
-                }
+    inThreads(8, [&](unsigned int aThread) {
+        const std::string lExpected = strerrordesc_np(static_cast<int>(aThread) + 1);
+        for (unsigned int lRound = 0; lRound < 500; ++lRound) {
+            try {
+                errno = static_cast<int>(aThread) + 1;
+                OsTrylockMutex(mMutex);
+            } catch (const OQCMutexLockFailedEx& acrFailure) {
+                lRight += lExpected == acrFailure.what() && 335 == acrFailure.code() ? 1U : 0U;
             }
-        });
-    }
-    for (std::thread& lrThread : lThreads) {
-        lrThread.join();
-    }
+        }
+    });
     EXPECT_EQ(8U * 500U, lRight);
 }
 

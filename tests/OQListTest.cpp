@@ -37,21 +37,6 @@ struct Element {
 int Element::sAlive = 0;
 int Element::sCopies = 0;
 
-template <class T>
-std::vector<T> contents(const OQCList<T>& acrList)
-{
-    return std::vector<T>(acrList.begin(), acrList.end());
-}
-
-std::vector<std::string> contents(const OQCList<OQCString>& acrList)
-{
-    std::vector<std::string> lTexts;
-    for (const OQCString& lrText : acrList) {
-        lTexts.push_back(lrText.get());
-    }
-    return lTexts;
-}
-
 std::vector<int> contents(const OQCList<Element>& acrList)
 {
     std::vector<int> lNumbers;
@@ -61,7 +46,6 @@ std::vector<int> contents(const OQCList<Element>& acrList)
     return lNumbers;
 }
 
-typedef std::vector<std::string> Texts;
 typedef std::vector<unsigned int> Numbers;
 
 class OQListTest : public RecordedTest
@@ -100,7 +84,7 @@ TEST_F(OQListTest, AppendedElementsComeInTheirOrder)
         lExpected.push_back(lNumber * 7 % 31);
         EXPECT_EQ(static_cast<int>(lNumber) + 1, lList.size());
     }
-    EXPECT_EQ(lExpected, contents(lList));
+    EXPECT_EQ(lExpected, Numbers(lList.begin(), lList.end()));
 }
 
 TEST_F(OQListTest, LibraryAppendsBehindTheCallersEntries)
@@ -110,10 +94,10 @@ TEST_F(OQListTest, LibraryAppendsBehindTheCallersEntries)
     lList.append(cLong);
     char lBuffer[4096] = "first\nsecond\n";
     OsBreak(lBuffer, lList);
-    EXPECT_EQ((Texts{"mine", cLong, "first", "second"}), contents(lList));
+    EXPECT_EQ((Texts{"mine", cLong, "first", "second"}), textsOf(lList));
     EXPECT_EQ(4, lList.size());
     lList.append("last");
-    EXPECT_EQ((Texts{"mine", cLong, "first", "second", "last"}), contents(lList));
+    EXPECT_EQ((Texts{"mine", cLong, "first", "second", "last"}), textsOf(lList));
 }
 
 TEST_F(OQListTest, EntryIsIndependentOfTheCallersString)
@@ -125,11 +109,11 @@ TEST_F(OQListTest, EntryIsIndependentOfTheCallersString)
         lText += OQCString(" and more");
         lText = "other";
     }
-    EXPECT_EQ(Texts{cLong}, contents(lList));
+    EXPECT_EQ(Texts{cLong}, textsOf(lList));
     for (OQCString& lrEntry : lList) {
         lrEntry += OQCString("!");
     }
-    EXPECT_EQ(Texts{std::string(cLong) + "!"}, contents(lList));
+    EXPECT_EQ(Texts{std::string(cLong) + "!"}, textsOf(lList));
 }
 
 TEST_F(OQListTest, OneCopyIsMadeOfEachElement)
@@ -187,11 +171,11 @@ TEST_F(OQListTest, CopiesOfAListAreIndependent)
     lFirst.append("a");
     OQCList<OQCString> lSecond(lFirst);
     lSecond.append("b");
-    EXPECT_EQ((Texts{"a"}), contents(lFirst));
-    EXPECT_EQ((Texts{"a", "b"}), contents(lSecond));
+    EXPECT_EQ((Texts{"a"}), textsOf(lFirst));
+    EXPECT_EQ((Texts{"a", "b"}), textsOf(lSecond));
     lFirst = lSecond;
     lSecond.clear();
-    EXPECT_EQ((Texts{"a", "b"}), contents(lFirst));
+    EXPECT_EQ((Texts{"a", "b"}), textsOf(lFirst));
 }
 
 TEST_F(OQListTest, MemoryComesFromAnyAllocatorOfAList)

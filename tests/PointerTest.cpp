@@ -7,15 +7,11 @@
 #include <new>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "Substitutes.h"
 
 namespace
 {
-
-typedef std::vector<std::string> Texts;
 
 void note(const char* acEvent) { const CallRecord lCall(true, acEvent, {}); }
 
@@ -458,17 +454,14 @@ TEST_F(PointerTest, CopiesHeldByDifferentThreadsAreIndependent)
 {
     substitute::counter.hide();
     PointeePointer lShared = single(1);
-    const auto lRun = [](PointeePointer aMine) {
+    inThreads(2, [&lShared](unsigned int) {
+        const PointeePointer lMine(lShared);
         for (int lRound = 0; lRound < 20000; ++lRound) {
-            const PointeePointer lCopy(aMine);
+            const PointeePointer lCopy(lMine);
             PointeePointer lAssigned(lCopy);
-            lAssigned = aMine;
+            lAssigned = lMine;
         }
-    };
-    std::thread lFirst(lRun, lShared);
-    std::thread lSecond(lRun, lShared);
-    lFirst.join();
-    lSecond.join();
+    });
     EXPECT_EQ(1U, countOf(lShared));
 }
 

@@ -125,22 +125,16 @@ TEST_F(ThreadLinuxTest, AThreadCanStartAndJoinAnother)
 TEST_F(ThreadLinuxTest, FourThreadsCanStartAndJoinFiftyEachAtOnce)
 {
     std::atomic<unsigned int> lRun(0);
-    std::vector<std::thread> lStarters;
-    for (unsigned int lStarter = 0; lStarter < 4; ++lStarter) {
-        lStarters.emplace_back([&lRun] {
-            for (unsigned int lRound = 0; lRound < 50; ++lRound) {
-                unsigned long lThread = 0;
-                OsStartThread(lThread, &lRun, [](void* apRun) -> void* {
-                    ++*static_cast<std::atomic<unsigned int>*>(apRun);
-                    return nullptr;
-                });
-                OsWaitForExit(lThread);
-            }
-        });
-    }
-    for (std::thread& lrStarter : lStarters) {
-        lrStarter.join();
-    }
+    inThreads(4, [&lRun](unsigned int) {
+        for (unsigned int lRound = 0; lRound < 50; ++lRound) {
+            unsigned long lThread = 0;
+            OsStartThread(lThread, &lRun, [](void* apRun) -> void* {
+                ++*static_cast<std::atomic<unsigned int>*>(apRun);
+                return nullptr;
+            });
+            OsWaitForExit(lThread);
+        }
+    });
     EXPECT_EQ(200U, lRun);
     unsigned int lEntered = 0;
     for (const Event& lrEvent : recorded()) {

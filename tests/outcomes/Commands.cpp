@@ -24,17 +24,6 @@ const Family cFamily(
      {"-T- Entered", "the operation begins"},
      {"-T- Left", "the operation returns; after a read failure: a throw follows"}});
 
-typedef std::vector<std::string> Texts;
-
-Texts textsOf(const OQCList<OQCString>& acrList)
-{
-    Texts lTexts;
-    for (const OQCString& lrText : acrList) {
-        lTexts.push_back(lrText.get());
-    }
-    return lTexts;
-}
-
 const std::string cLong(50, 'l');  // a text whose characters need an allocation
 
 const std::string cOpened = R"(

@@ -3,11 +3,13 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <sstream>
 
@@ -124,6 +126,42 @@ void endChild()
         exit(lStatus);
     }
     _exit(lStatus);
+}
+
+void inThreads(unsigned int aCount, const std::function<void(unsigned int)>& acrRun)
+{
+    std::atomic<unsigned int> lReady(0);
+    std::vector<std::thread> lThreads;
+    for (unsigned int lThread = 0; lThread < aCount; ++lThread) {
+        lThreads.emplace_back([&, lThread] {
+            ++lReady;
+            while (lReady < aCount) {
+                std::this_thread::yield();
+            }
+            acrRun(lThread);
+        });
+    }
+    for (std::thread& lrThread : lThreads) {
+        lrThread.join();
+    }
+}
+
+Texts textsOf(const OQCList<OQCString>& acrList)
+{
+    Texts lTexts;
+    for (const OQCString& lrText : acrList) {
+        lTexts.push_back(lrText.get());
+    }
+    return lTexts;
+}
+
+void useAllDescriptors()
+{
+    const rlimit lFew = {64, 64};
+    setrlimit(RLIMIT_NOFILE, &lFew);
+    while (0 <= fcntl(0, F_DUPFD_CLOEXEC, 0)) {
+    }
+    EXPECT_EQ(EMFILE, errno);
 }
 
 bool isHeld(pthread_mutex_t& arMutex)

@@ -58,6 +58,16 @@ bool eventually(const std::function<bool()>& acrCondition);
 /// Ends a forked child without exit handlers: status 0, or 99 if an expectation failed in the child.
 [[noreturn]] void endChild();
 
+/// Runs a function in this many threads at the same time, and waits for their ends. Its argument numbers the threads
+/// from 0.
+void inThreads(unsigned int aCount, const std::function<void(unsigned int)>& acrRun);
+
+typedef std::vector<std::string> Texts;
+Texts textsOf(const OQCList<OQCString>& acrList);
+
+/// Opens descriptors until none is free. Only for a child.
+void useAllDescriptors();
+
 /// Returns whether a thread holds the mutex.
 bool isHeld(pthread_mutex_t& arMutex);
 
