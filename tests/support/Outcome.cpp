@@ -14,13 +14,6 @@ namespace
 
 std::vector<OutcomeRow> sRows;
 
-std::vector<const Family*>& familyList()
-{
-    static std::vector<const Family*>
-        sFamilies;  // local, because families of other sources add themselves before main()
-    return sFamilies;
-}
-
 /// Returns the trace without indentation and empty lines.
 std::string plain(const std::string& acrTrace)
 {
@@ -64,10 +57,14 @@ Family::Family(const char* acTitle, const char* acFile, const char* acNote,
                const std::vector<std::pair<std::string, std::string>>& acrMeanings)
     : mTitle(acTitle), mFile(acFile), mNote(acNote), mMeanings(acrMeanings)
 {
-    familyList().push_back(this);
+    families().push_back(this);
 }
 
-const std::vector<const Family*>& families() { return familyList(); }
+std::vector<const Family*>& families()
+{
+    static std::vector<const Family*> sFamilies;  // local, because sources add their families before main()
+    return sFamilies;
+}
 
 const std::vector<OutcomeRow>& outcomeRows() { return sRows; }
 

@@ -22,7 +22,7 @@ struct Family {
     const char* const mNote;                                           ///< the text above the table of failures
     const std::vector<std::pair<std::string, std::string>> mMeanings;  ///< each message after its tag, and its meaning
 };
-const std::vector<const Family*>& families();
+std::vector<const Family*>& families();
 
 class Outcome : public RecordedTest
 {

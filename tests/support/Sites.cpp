@@ -4,8 +4,10 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <fstream>
 #include <iostream>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "Outcome.h"
@@ -46,15 +48,33 @@ std::string nameOf(const Event& acrEvent)
            "\"";
 }
 
-/// Returns whether one of the frames is at the logged line of the file. ".//MiscLinux" is MiscLinux.cpp, and
-/// "backend/common/include/Pointer" is Pointer.h. This function does not compare the function names, because addr2line
-/// does not know the name of each inlined function. The rows compare the logged names.
+/// Returns the path of the logged file and a colon: ".//MiscLinux" is MiscLinux.cpp, and
+/// "backend/common/include/Pointer" is Pointer.h.
+std::string sourceOf(const Event& acrEvent, const std::string& acrFrames)
+{
+    std::smatch lFound;
+    const std::string lName = acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
+    return std::regex_search(acrFrames, lFound, std::regex("/.*/" + lName + "\\.(cpp|h):")) ? lFound.str()
+                                                                                            : "no source:";
+}
+
+/// Returns whether one of the frames is at the logged line of the file. This function does not compare the function
+/// names, because addr2line does not know the name of each inlined function. The rows compare the logged names.
 bool isAtItsLine(const Event& acrEvent, const std::string& acrFrames)
 {
-    const std::string lSource = "/" + acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
-    const std::string lEnd = ":" + std::to_string(acrEvent.mLine) + "\n";
-    const auto lHas = [&acrFrames](const std::string& acrText) { return std::string::npos != acrFrames.find(acrText); };
-    return lHas(lSource + ".cpp" + lEnd) || lHas(lSource + ".h" + lEnd);
+    const std::string lPlace = sourceOf(acrEvent, acrFrames) + std::to_string(acrEvent.mLine) + "\n";
+    return std::string::npos != acrFrames.find(lPlace);
+}
+
+/// Returns whether the logged line of the source is a log call.
+bool isOnALogCall(const Event& acrEvent, const std::string& acrFrames)
+{
+    const std::string lSource = sourceOf(acrEvent, acrFrames);
+    std::ifstream lFile(lSource.substr(0, lSource.size() - 1));
+    std::string lLine;
+    for (unsigned int lNumber = 0; lNumber < acrEvent.mLine && getline(lFile, lLine); ++lNumber) {
+    }
+    return lFile && std::string::npos != lLine.find("OQ_");
 }
 
 }  // namespace
@@ -96,10 +116,12 @@ bool checkSites()
             lWrongSites[lrSite.first] = lFrames;
         }
     }
-    // The compiler may merge two calls that differ only in their lines. The debug information then has only one line.
+    // The compiler may merge two calls that differ only in their lines. The debug information then has only one line, but
+    // the source has a log call at each.
     unsigned int lWrong = 0;
     for (const auto& lrSite : lWrongSites) {
-        if (0 == lRightCalls.count(lSites.at(lrSite.first).mFrames.at(1))) {
+        const Event& lrEvent = lSites.at(lrSite.first);
+        if (0 == lRightCalls.count(lrEvent.mFrames.at(1)) || !isOnALogCall(lrEvent, lrSite.second)) {
             std::cerr << lrSite.first << " is not there; the call came from\n" << lrSite.second;
             ++lWrong;
         }
