@@ -4,7 +4,7 @@
 #include <limits.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Outcome.h"
@@ -45,6 +45,13 @@ public:
         substitute::waitid.instead([](idtype_t aType, id_t aChild, siginfo_t* apInfo, int aOptions) {
             EXPECT_STREQ("local", place(apInfo).mText);  // another thread may ask at the same time
             return substitute::waitid.real(aType, aChild, apInfo, aOptions);
+        });
+        substitute::syscall.instead([](long a, long b, long c, long d, long e, long f, long g) {
+            if (SYS_rt_sigaction == a && 0 != d) {
+                EXPECT_STREQ("local",
+                             place(reinterpret_cast<void*>(d)).mText);  // another thread may also start a program
+            }
+            return substitute::syscall.real(a, b, c, d, e, f, g);
         });
         if (aVforkCopies) {
             substitute::vfork.instead([] { return substitute::fork.real(); });
