@@ -15,22 +15,19 @@ namespace
 const char cLong[] =
     "a text that is far too long to be kept inside a string object, so that its characters need memory";
 
-/// Reads the count from memory: the second word of the object points to the counter.
-uint32_t countOf(const OQCString& acrString)
-{
-    const void* lCounter;
-    memcpy(&lCounter, reinterpret_cast<const char*>(&acrString) + sizeof(void*), sizeof lCounter);
-    uint32_t lCount;
-    memcpy(&lCount, lCounter, sizeof lCount);
-    return lCount;
-}
-
-/// Returns the address of the counter, so that a test can compare counters.
+/// Reads the address of the counter from memory: the second word of the object.
 const void* counterOf(const OQCString& acrString)
 {
     const void* lCounter;
     memcpy(&lCounter, reinterpret_cast<const char*>(&acrString) + sizeof(void*), sizeof lCounter);
     return lCounter;
+}
+
+uint32_t countOf(const OQCString& acrString)
+{
+    uint32_t lCount;
+    memcpy(&lCount, counterOf(acrString), sizeof lCount);
+    return lCount;
 }
 
 /// Expects that strings log nothing.

@@ -76,17 +76,6 @@ protected:
 
 const char cLong[] = "a text that is far too long to be kept inside a string object: its characters need memory";
 
-TEST_F(MemoryTest, PointerAsksForItsCounterAndLeavesThePointeeToTheCallerWithoutIt)
-{
-    unsigned int* lpPointee = nullptr;
-    EXPECT_EQ("N0 R-1",
-              refuseInTurn([&] { const Pointer<unsigned int> lPointer(lpPointee, OQPST_Individual, OQPMT_New); },
-                           [&] {
-                               delete lpPointee;  // pointee of the previous run
-                               lpPointee = new unsigned int(7);
-                           }));
-}
-
 /// The allocations: object, characters, counter. The object of a short text contains the characters.
 TEST_F(MemoryTest, TextsLeaveNothingButATextWithoutACounter)
 {
