@@ -75,28 +75,6 @@ TEST_F(ConditionalLinuxTest, EachWaitReleasesTheMutexAndHoldsItAgainAfterTheSign
     }
 }
 
-TEST_F(ConditionalLinuxTest, EachWaitOfALoopWaitsTheFullTimeAnew)
-{
-    timespec lNow = {100, 1};
-    substitute::clock_gettime.instead([&lNow](clockid_t, timespec* apTime) {
-        *apTime = lNow;
-        return 0;
-    });
-    substitute::pthread_cond_timedwait.fail(0, 0);
-    {
-        const Recording lRecording;
-        OsConditionalTimedWait(mCondition, mMutex, 3);
-        lNow = {105, 2};
-        OsConditionalTimedWait(mCondition, mMutex, 3);
-    }
-    EXPECT_EQ(
-        "clock_gettime(CLOCK_REALTIME, local) = 0\n"
-        "pthread_cond_timedwait(condition, mutex, 103.000000001) = 0\n"
-        "clock_gettime(CLOCK_REALTIME, local) = 0\n"
-        "pthread_cond_timedwait(condition, mutex, 108.000000002) = 0\n",
-        trace());
-}
-
 TEST_F(ConditionalLinuxTest, AWaitOfOneSecondTimesOutAfterOneSecondWithTheMutexHeld)
 {
     OsLockMutex(mMutex);

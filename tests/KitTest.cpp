@@ -68,24 +68,6 @@ TEST_F(KitTest, ACallIsInItsPlaceAmongTheLogCallsAndHasItsResult)
     EXPECT_EQ("-T- \"before\"\npthread_mutex_lock(mutex) = EDEADLK\n-T- \"inside\"\n-T- \"after\"\n", trace());
 }
 
-TEST_F(KitTest, ObjectsAreNamedLocalElsewhereOrNull)
-{
-    static char sBuffer[64];
-    const std::function<void()> lOperation = [] {
-        char lBuffer[64];
-        ClibStrerror(lBuffer, sizeof lBuffer);
-        ClibStrerror(sBuffer, sizeof sBuffer);
-        ClibStrerror(nullptr, 0);
-    };
-    substitute::ClibStrerror.instead([](char*, unsigned int) { return sBuffer; });
-    {
-        const Recording lRecording;
-        lOperation();
-    }
-    EXPECT_EQ("ClibStrerror(local, 64) = \"\"\nClibStrerror(memory, 64) = \"\"\nClibStrerror(null, 0) = \"\"\n",
-              trace());
-}
-
 TEST_F(KitTest, AChangeOfAWatchedValueStandsBeforeTheNextEventOrAtTheEnd)
 {
     int lValue = 1;
@@ -102,21 +84,6 @@ TEST_F(KitTest, AChangeOfAWatchedValueStandsBeforeTheNextEventOrAtTheEnd)
     cLog(OQLL_Trace, "-T-", 1, "operation", "file", "%s", "Left");
     EXPECT_EQ("pthread_mutex_lock(mutex) = 0\nvalue changes\npthread_mutex_unlock(mutex) = 0\nvalue changes\nLeft\n",
               trace());
-}
-
-TEST_F(KitTest, EventsOfAChildAreThereWhenItIsKilled)
-{
-    int lStatus = 0;
-    const pid_t lChild = fork();
-    if (0 == lChild) {
-        const Recording lRecording;
-        pthread_mutex_lock(&mMutex);
-        raise(SIGKILL);
-    }
-    waitpid(lChild, &lStatus, 0);
-    recordEnd(lStatus);
-    EXPECT_EQ("pthread_mutex_lock(mutex) = 0\nkilled by signal 9\n", trace());
-    EXPECT_EQ(lChild, recorded().at(0).mProcess);
 }
 
 TEST_F(KitTest, EventsOfManyThreadsAreCompleteAndEachThreadsInOrder)
@@ -232,59 +199,6 @@ TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
 }
 
 // Children, names and memory
-
-TEST_F(KitTest, EventsOfChildrenAreInTheSequenceOfTheirParent)
-{
-    char lName[] = "name";
-    char* lTexts[] = {lName, nullptr};
-    nameText("program", "/nowhere");
-    nameObject("texts", lTexts);
-    substitute::pthread_mutex_init.hide();
-    substitute::pthread_mutex_lock.hide();
-    substitute::ClibStrerror.instead([](char* apBuffer, unsigned int) { return strcpy(apBuffer, "text"); });
-    const pid_t lTest = getpid();
-    const Recording lRecording;
-    try {
-        ProcessWait(ProcessCreate("/nowhere", lTexts, lTexts), 0);
-    } catch (const OQCException&) {
-        if (getpid() != lTest) {
-            Recording::end();
-            endChild();
-        }
-        ADD_FAILURE() << "the parent threw";
-    }
-    Recording::end();
-    EXPECT_EQ(R"(Entered
-fflush(stdin) = 0
-vfork()
-child 1: execve(program, texts, texts) = -1 ENOENT
-waitpid(child 1, null, 0) = child 1
-fork() = child 2
-child 2: ClibStrerror(local, 512) = "text"
-child 2: -E- "Failed to exec child :%s" "text"
-child 2: Left
-child 2: ClibStrerror(local, 512) = "text"
-Left
-ProcessWait: Entered
-ProcessWait: -T- "Going to wait for child process to complete"
-waitpid(child 2, local, 0) = child 2
-ProcessWait: -T- "The child process exited normally, with exit code: %d" "0"
-ProcessWait: Left
-)",
-              traceOf(recorded(), "ProcessCreate", ".//ProcessLinux"));
-}
-
-TEST_F(KitTest, PlannedVforkRunsAsPlanned)
-{
-    char* lNone[] = {nullptr};
-    substitute::vfork.fail(-1, EAGAIN);
-    substitute::ClibStrerror.hide();
-    const Recording lRecording;
-    EXPECT_THROW(ProcessCreate("/bin/true", lNone, lNone), OQCProcessCreationFailedEx);
-    Recording::end();
-    const std::string lTrace = traceOf(recorded(), "ProcessCreate", ".//ProcessLinux");
-    EXPECT_EQ(0U, lTrace.find("Entered\nfflush(stdin) = 0\nvfork()\n-E- \"Failed to create child :%s\"")) << lTrace;
-}
 
 TEST_F(KitTest, AChildThatThrowsEndsAsAFailure)
 {

@@ -168,14 +168,6 @@ TEST_F(NamedPipeLinuxTest, AWriteIntoAFullNonBlockingPipeLeavesTheCountUntouched
     close(lPipe);
 }
 
-/// The wait does not distinguish a pipe that could not be opened from a pipe without data.
-TEST_F(NamedPipeLinuxTest, AWaitForAPipeThatWasNotOpenedTimesOut)
-{
-    for (const int lPipe : {-1, mPipe}) {
-        EXPECT_FAILURE(OQCTimeOutEx, 323, "Timed out", OsNamedPipeWaitForActivity(lPipe, 0));
-    }
-}
-
 TEST_F(NamedPipeLinuxTest, WaitForActivityIsEndedByAnotherProcessThatWrites)
 {
     Peer lWriter([this](Peer& arTest) {

@@ -68,12 +68,11 @@ TEST_F(OQListTest, EmptyListHasNoElement)
     EXPECT_TRUE(lTexts.begin() == lTexts.end());
 }
 
-TEST_F(OQListTest, SizeIsASignedCount)
+TEST_F(OQListTest, ObjectIsTheStandardListAloneWithASignedSize)
 {
+    EXPECT_EQ(sizeof(std::list<int>), sizeof(OQCList<int>));
     EXPECT_TRUE((std::is_same<int, decltype(std::declval<const OQCList<OQCString>&>().size())>::value));
 }
-
-TEST_F(OQListTest, ObjectIsTheStandardListAlone) { EXPECT_EQ(sizeof(std::list<int>), sizeof(OQCList<int>)); }
 
 TEST_F(OQListTest, AppendedElementsComeInTheirOrder)
 {

@@ -110,18 +110,6 @@ TEST_F(ThreadLinuxTest, AThreadIsJoinableWithAStackOf524288BytesAndIsOtherwiseDe
     EXPECT_EQ(lDefault.mParameters.sched_priority, lFound->mParameters.sched_priority);
 }
 
-TEST_F(ThreadLinuxTest, AThreadCanStartAndJoinAnother)
-{
-    OsStartThread(mThread, nullptr, [](void*) -> void* {
-        unsigned long lInner = 0;
-        OsStartThread(lInner, nullptr, returnAtOnce);
-        OsWaitForExit(lInner);
-        return nullptr;
-    });
-    join(mThread);
-    EXPECT_EQ("Entered\nLeft\n", trace());
-}
-
 TEST_F(ThreadLinuxTest, FourThreadsCanStartAndJoinFiftyEachAtOnce)
 {
     std::atomic<unsigned int> lRun(0);

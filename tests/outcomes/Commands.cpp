@@ -294,10 +294,7 @@ OUTCOME(OsExecute, PassesAnyOtherExceptionOfTheRead)
     Command lCommand({}, []() -> unsigned int { throw OQCOpenFailedEx("another failure", 326); });
     mNeedsMemory = true;
     mWhen = "the read throws another exception, which passes unchanged";
-    mTrace = cOpened + R"(
-        ClibFread(buffer, 1, 3999, stream)
-        throws OQCOpenFailedEx 326 "another failure"
-    )";
+    mTrace = cOpened + "ClibFread(buffer, 1, 3999, stream)\nthrows OQCOpenFailedEx 326 \"another failure\"";
     mStays = "the stream and the read buffer stay";
     run([&] { OsExecute("true", lCommand.mLines); });
     lCommand.expectLeft();
@@ -413,10 +410,7 @@ OUTCOME_OF_ALLOCATIONS(OsBreak, ThrowsWithoutMemoryForTheLineBufferOrALine, 1, 2
 {
     Text lText(cLong + "\n");
     mWhen = "no memory for the line buffer or for a line";
-    mTrace = R"(
-        Entered
-        throws OQCNoMemoryEx 2 "Out of Memory"
-    )";
+    mTrace = "Entered\nthrows OQCNoMemoryEx 2 \"Out of Memory\"";
     mStays = "the line buffer, if there is one, stays; earlier lines stay in the list";
     run([&] { OsBreak(lText.mBuffer, lText.mLines); });
     lText.expectLeft();

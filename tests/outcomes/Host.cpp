@@ -191,10 +191,7 @@ OUTCOME_OF_BOTH(EndsTheProcessWithoutAnAddressList, 0)
     Host lHost({});
     lHost.mEntry.h_addr_list = nullptr;
     mWhen = "the host's entry has no address list";
-    mTrace = cLookedUp + R"(
-        -H- "Assertion [ %s ] failed\n" "lpHostEntry->h_addr_list != __null"
-        exit status 1
-    )";
+    mTrace = cLookedUp + "-H- \"Assertion [ %s ] failed\\n\" \"lpHostEntry->h_addr_list != __null\"\nexit status 1";
     mStays = "the list, the address";
     runInChild([&] { lHost.lookUp(mOperation); });
 }
@@ -337,10 +334,7 @@ OUTCOME(OsGetOsName, StoresTheFixedTextWithoutAReleaseFile)
     System lSystem(nullptr);
     mNeedsMemory = true;
     mWhen = "there is no release file: `ClibStat` throws `OQCClibStatFailedEx`, which is caught";
-    mTrace = cNotFound + R"(
-        name changes
-        Left
-    )";
+    mTrace = cNotFound + "name changes\nLeft";
     mTells = "the name is the fixed text";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
     EXPECT_STREQ(cFixedName, lSystem.mName.get());
@@ -385,10 +379,7 @@ OUTCOME(OsGetOsName, PassesAnExceptionOfTheRead)
         [](const OQCString&, OQCString&) -> int { throw OQCNoMemoryEx("Out of Memory", 2); });
     mNeedsMemory = true;
     mWhen = "no memory while the line is read";
-    mTrace = cFound + R"(
-        getFirstLineFromFile("/etc/oracle-release", local)
-        throws OQCNoMemoryEx 2 "Out of Memory"
-    )";
+    mTrace = cFound + "getFirstLineFromFile(\"/etc/oracle-release\", local)\nthrows OQCNoMemoryEx 2 \"Out of Memory\"";
     mStays = "the name; the family is stored";
     run([&] { OsGetOsName(lSystem.mFamily, lSystem.mName); });
 }

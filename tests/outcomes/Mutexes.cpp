@@ -119,10 +119,7 @@ OUTCOME(OsLockMutex, BlocksWhenTheCallingThreadHoldsTheMutex)
     Mutex lMutex;
     OsLockMutex(lMutex);
     mWhen = "the calling thread holds the mutex already";
-    mTrace = R"(
-        pthread_mutex_lock(mutex)
-        killed by signal 14
-    )";
+    mTrace = "pthread_mutex_lock(mutex)\nkilled by signal 14";
     mTells = "blocks for ever";
     mStays = "the mutex stays held";
     substitute::pthread_mutex_lock.instead([](pthread_mutex_t* apMutex) {

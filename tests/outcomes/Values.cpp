@@ -158,10 +158,7 @@ OUTCOME(Pointer, ExceptionOfTheCounterPasses)
     substitute::counter.show();
     substitute::counter.instead([](unsigned int) { throw 42; });
     mWhen = "the constructor of the host's counter throws";
-    mTrace = R"(
-        OQCReferenceCount(1)
-        throws int 0 ""
-    )";
+    mTrace = "OQCReferenceCount(1)\nthrows int 0 \"\"";
     mStays = "that exception passes unchanged; the counter's memory is freed; the pointee stays allocated";
     unsigned int lBlocks = 0;
     run([&] { countBlocks(lBlocks, [&] { const Number lNumber(lpNumber, OQPST_Individual, OQPMT_New); }); });

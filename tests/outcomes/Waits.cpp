@@ -123,10 +123,7 @@ OUTCOME(OsWaitForActivity, EndsTheProcessWhenTheDescriptorIsBeyondTheSet)
     GTEST_SKIP() << "the C library does not check the number in this build";
 #endif
     mWhen = "descriptor above 1023: a mistake of the caller";
-    mTrace = R"(
-        Entered
-        killed by signal 6
-    )";
+    mTrace = "Entered\nkilled by signal 6";
     mTells = "in builds that check the number (optimised, with `_FORTIFY_SOURCE`), the C library ends the process";
     runInChild([] {
         const rlimit lNoCore = {0, 0};

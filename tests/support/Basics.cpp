@@ -1,6 +1,5 @@
 #include "Basics.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -21,15 +21,10 @@ namespace
 std::set<std::string> entriesOf(const std::string& acrDirectory)
 {
     std::set<std::string> lEntries;
-    DIR* const lpDirectory = opendir(acrDirectory.c_str());
-    if (nullptr != lpDirectory) {
-        while (const dirent* const lpEntry = readdir(lpDirectory)) {
-            lEntries.insert(lpEntry->d_name);
-        }
-        closedir(lpDirectory);
+    std::error_code lNoDirectory;
+    for (const auto& lrEntry : std::filesystem::directory_iterator(acrDirectory, lNoDirectory)) {
+        lEntries.insert(lrEntry.path().filename());
     }
-    lEntries.erase(".");
-    lEntries.erase("..");
     return lEntries;
 }
 
