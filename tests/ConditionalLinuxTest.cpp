@@ -1,8 +1,6 @@
 // Condition variables with several threads and in real time. outcomes/Conditions.cpp tests how each operation ends.
 
-#include <errno.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <deque>

@@ -1,15 +1,11 @@
 // The exception tree: classes, codes, layout. The rows in outcomes/ test what each operation throws.
 
-#include <dlfcn.h>
-#include <errno.h>
 #include <execinfo.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include <exception>
-#include <functional>
 #include <type_traits>
 #include <utility>
 

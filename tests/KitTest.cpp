@@ -1,10 +1,8 @@
 // Tests the kit that the other tests use: its events, its plans, and that a wrong row fails.
 
 #include <gtest/gtest-spi.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Outcome.h"
@@ -158,20 +156,6 @@ TEST_F(KitTest, CallsOfTheRuntimeAreNeitherRecordedNorMadeToFail)
         }
     }
     EXPECT_EQ("", trace());
-}
-
-/// In sanitizer builds, the sanitizer must not need a descriptor for them either.
-TEST_F(KitTest, SubstitutesNeedNoDescriptor)
-{
-    EXPECT_EQ(0, inChild([] {
-                  const rlimit lNone = {0, 0};
-                  setrlimit(RLIMIT_NOFILE, &lNone);
-                  pthread_mutex_t lMutex;
-                  OsInitMutex(lMutex);
-                  OsLockMutex(lMutex);
-                  OsUnlockMutex(lMutex);
-                  OsDestroyMutex(lMutex);
-              }));
 }
 
 TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)

@@ -2,8 +2,6 @@
 
 #include <string.h>
 
-#include <atomic>
-
 #include "Substitutes.h"
 
 namespace

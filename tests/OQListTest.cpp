@@ -3,9 +3,7 @@
 #include <string.h>
 
 #include <list>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "Substitutes.h"
 

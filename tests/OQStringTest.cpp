@@ -1,11 +1,9 @@
 // The text, the copies and the growth of strings. outcomes/Values.cpp tests how operations throw or end the process.
 
-#include <dlfcn.h>
 #include <stdint.h>
 #include <string.h>
 
 #include <new>
-#include <string>
 
 #include "Substitutes.h"
 

@@ -6,7 +6,6 @@
 
 #include <new>
 #include <sstream>
-#include <string>
 
 #include "Substitutes.h"
 

@@ -827,30 +827,28 @@ TEST_F(ProcessLinuxTest, ALaterHandlerReplacesTheEarlier)
 }
 
 /// All processes of the machine share one result file, so these tests take turns, also with other processes.
-class RunningLinuxTest : public ProcessLinuxTest
+class Turn
 {
-protected:
-    void SetUp() override
+public:
+    Turn() : mLock(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
     {
-        ProcessLinuxTest::SetUp();
-        mLock = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         while (0 != flock(mLock, LOCK_EX) && EINTR == errno) {
         }
         unlink(cResultFile);
     }
-    void TearDown() override
+    ~Turn()
     {
         unlink(cResultFile);
         close(mLock);
-        ProcessLinuxTest::TearDown();
     }
 
 private:
-    int mLock = -1;
+    const int mLock;
 };
 
-TEST_F(RunningLinuxTest, AProcessIsFoundByItsNameAndTheNextCallRewritesTheFile)
+TEST_F(ProcessLinuxTest, AProcessIsFoundByItsNameAndTheNextCallRewritesTheFile)
 {
+    const Turn lTurn;
     const std::string lName = "oqs" + std::to_string(getpid());
     const std::string lProgram = file(lName.c_str(), contentOf("/bin/sleep"), 0700);
     int lChild = -1;
@@ -873,8 +871,9 @@ TEST_F(RunningLinuxTest, AProcessIsFoundByItsNameAndTheNextCallRewritesTheFile)
     unlink(lProgram.c_str());
 }
 
-TEST_F(RunningLinuxTest, NothingIsRunningWherePgrepIsMissingOrTheFileCannotBeMade)
+TEST_F(ProcessLinuxTest, NothingIsRunningWherePgrepIsMissingOrTheFileCannotBeMade)
 {
+    const Turn lTurn;
     const auto lIsNotRunning = [](const char* acPath) {
         EXPECT_EQ(0, inChild([acPath] {
                       setenv("PATH", acPath, 1);

@@ -1,19 +1,14 @@
 // The mailbox in real segments: limits, time, the order of accesses, and two processes. outcomes/SharedMemory.cpp tests
 // how each operation ends.
 
-#include <errno.h>
 #include <limits.h>
 #include <sched.h>
-#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/shm.h>
 #include <sys/time.h>
-#include <time.h>
 #include <ucontext.h>
 #include <unistd.h>
 

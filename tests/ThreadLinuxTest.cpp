@@ -60,54 +60,46 @@ TEST_F(ThreadLinuxTest, TheHandleIsTheNewThreads)
     EXPECT_NE(pthread_self(), mThread);
 }
 
-/// The attributes that a thread reports about itself.
-struct Attributes {
-    int mDetachState;
-    size_t mStackSize;
-    size_t mGuardSize;
-    int mPolicy;
-    int mInheritance;
-    int mScope;
-    sched_param mParameters;
+typedef std::vector<size_t> Values;
 
-    explicit Attributes(const pthread_attr_t& acrAttributes)
-    {
-        pthread_attr_getdetachstate(&acrAttributes, &mDetachState);
-        pthread_attr_getstacksize(&acrAttributes, &mStackSize);
-        pthread_attr_getguardsize(&acrAttributes, &mGuardSize);
-        pthread_attr_getschedpolicy(&acrAttributes, &mPolicy);
-        pthread_attr_getinheritsched(&acrAttributes, &mInheritance);
-        pthread_attr_getscope(&acrAttributes, &mScope);
-        pthread_attr_getschedparam(&acrAttributes, &mParameters);
-    }
-};
+/// Returns the detach state, the sizes of the stack and of its guard, and the scheduling.
+Values valuesOf(const pthread_attr_t& acrAttributes)
+{
+    int lNumbers[4];
+    Values lSizes(2);
+    sched_param lParameters;
+    pthread_attr_getdetachstate(&acrAttributes, &lNumbers[0]);
+    pthread_attr_getschedpolicy(&acrAttributes, &lNumbers[1]);
+    pthread_attr_getinheritsched(&acrAttributes, &lNumbers[2]);
+    pthread_attr_getscope(&acrAttributes, &lNumbers[3]);
+    pthread_attr_getschedparam(&acrAttributes, &lParameters);
+    pthread_attr_getstacksize(&acrAttributes, &lSizes[0]);
+    pthread_attr_getguardsize(&acrAttributes, &lSizes[1]);
+    lSizes.insert(lSizes.end(), lNumbers, lNumbers + 4);
+    lSizes.push_back(static_cast<size_t>(lParameters.sched_priority));
+    return lSizes;
+}
 
 TEST_F(ThreadLinuxTest, AThreadIsJoinableWithAStackOf524288BytesAndIsOtherwiseDefault)
 {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the sanitizer enlarges the stacks of threads";
 #endif
-    OsStartThread(mThread, nullptr, [](void*) -> void* {
+    Values lFound;
+    OsStartThread(mThread, &lFound, [](void* apFound) -> void* {
         pthread_attr_t lAttributes;
         pthread_getattr_np(pthread_self(), &lAttributes);
-        Attributes* const lpAttributes = new Attributes(lAttributes);
+        *static_cast<Values*>(apFound) = valuesOf(lAttributes);
         pthread_attr_destroy(&lAttributes);
-        return lpAttributes;
+        return nullptr;
     });
-    const std::unique_ptr<Attributes> lFound(static_cast<Attributes*>(join(mThread)));
-    ASSERT_NE(nullptr, lFound);
-    EXPECT_EQ(PTHREAD_CREATE_JOINABLE, lFound->mDetachState);
-    EXPECT_EQ(524288U, lFound->mStackSize);
-
+    join(mThread);
     pthread_attr_t lAttributes;
     pthread_attr_init(&lAttributes);
-    const Attributes lDefault(lAttributes);
+    pthread_attr_setdetachstate(&lAttributes, PTHREAD_CREATE_JOINABLE);
+    pthread_attr_setstacksize(&lAttributes, 524288);
+    EXPECT_EQ(valuesOf(lAttributes), lFound);
     pthread_attr_destroy(&lAttributes);
-    EXPECT_EQ(lDefault.mGuardSize, lFound->mGuardSize);
-    EXPECT_EQ(lDefault.mPolicy, lFound->mPolicy);
-    EXPECT_EQ(lDefault.mInheritance, lFound->mInheritance);
-    EXPECT_EQ(lDefault.mScope, lFound->mScope);
-    EXPECT_EQ(lDefault.mParameters.sched_priority, lFound->mParameters.sched_priority);
 }
 
 TEST_F(ThreadLinuxTest, FourThreadsCanStartAndJoinFiftyEachAtOnce)

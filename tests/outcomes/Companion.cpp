@@ -28,6 +28,15 @@ const auto cSprintf = reinterpret_cast<decltype(&ClibSprintf)>(dlsym(RTLD_NEXT, 
 const char* const cMinusOne = "returns -1, `errno` set";
 char sBuffer[16];
 
+/// Plans that the companion's calls fail, and shows them.
+template <class Substituted, class Value>
+void failIn(Substituted& arSubstitute, Value aResult, int aErrno)
+{
+    recordCompanion();
+    arSubstitute.show();
+    arSubstitute.fail(aResult, aErrno);
+}
+
 /// The results of successive calls: numbers of bytes, or errors as negative numbers.
 class Results
 {
@@ -346,9 +355,7 @@ OUTCOME_OF_ERRORS(getFirstLineFromFile, FailsWhenTheFileCannotBeOpened, EACCES, 
                   ENAMETOOLONG, ENFILE, ENODEV, ENOENT, ENOMEM, ENOTDIR, ENXIO, EOVERFLOW, EPERM)
 {
     Line lLine("file");
-    recordCompanion();
-    substitute::fopen.show();
-    substitute::fopen.fail(static_cast<FILE*>(nullptr), error());
+    failIn(substitute::fopen, static_cast<FILE*>(nullptr), error());
     mWhen = "the file cannot be opened";
     mTells = cMinusOne;
     mTrace = "getFirstLineFromFile(\"file\", line) = -1\nfopen(\"file\", \"re\") = null";
@@ -410,9 +417,7 @@ OUTCOME_OF_ALLOCATIONS(getFirstLineFromFile, ThrowsWithoutMemoryForTheCopyOfTheL
 #define FAILS_AS(function, wrapper, arguments, shown, when, ...)                 \
     OUTCOME_OF_ERRORS(wrapper, ReturnsMinusOneWhenItsFunctionFails, __VA_ARGS__) \
     {                                                                            \
-        recordCompanion();                                                       \
-        substitute::function.show();                                             \
-        substitute::function.fail(-1, error());                                  \
+        failIn(substitute::function, -1, error());                               \
         mWhen = when;                                                            \
         mTells = cMinusOne;                                                      \
         mTrace = #wrapper shown " = -1 ERROR\n" #function shown " = -1 ERROR";   \
@@ -445,9 +450,7 @@ OUTCOME(ClibGethostname, CutsANameThatDoesNotFit)
 
 OUTCOME(ClibWrite, ReturnsThePartThatIsWritten)
 {
-    recordCompanion();
-    substitute::write.show();
-    substitute::write.fail(3, 0);
+    failIn(substitute::write, 3, 0);
     mWhen = "`write` writes a part";
     mTells = "returns the part";
     mTrace = "ClibWrite(5, memory, 8) = 3\nwrite(5, memory, 8) = 3";
@@ -570,9 +573,7 @@ OUTCOME_OF_ERRORS(ClibStat, ThrowsWhenThePathCannotBeExamined, EACCES, EBADF, EF
 {
     struct stat lInfo = {};
     lInfo.st_size = 77;
-    recordCompanion();
-    substitute::stat.show();
-    substitute::stat.fail(-1, error());
+    failIn(substitute::stat, -1, error());
     mTextIsInBuffer = true;
     mWhen = "the path cannot be examined; on 32-bit systems also: a file of 2 GiB and more";
     mTrace = R"(
@@ -604,9 +605,7 @@ OUTCOME(ClibSleepMS, GoesOnAfterAnInterruption)
 
 OUTCOME_OF_ERRORS(ClibSleepMS, ReturnsAtOnceWhenTheClockFails, EFAULT, EINVAL, ENOTSUP)
 {
-    recordCompanion();
-    substitute::clock_nanosleep.show();
-    substitute::clock_nanosleep.fail(error(), 0);
+    failIn(substitute::clock_nanosleep, error(), 0);
     mWhen = "`clock_nanosleep` fails in another way";
     mTells = "returns at once";
     mTrace = "clock_nanosleep(1, 0, 60.000000000, local) = " + std::to_string(error());

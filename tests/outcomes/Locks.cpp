@@ -1,7 +1,5 @@
 // How file locks and signals to processes end.
 
-#include <signal.h>
-
 #include "Outcome.h"
 
 namespace
