@@ -26,8 +26,6 @@ protected:
     pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Events
-
 TEST_F(KitTest, LogCallsKeepTheirFormatAndEachArgument)
 {
     cLog(OQLL_Error, "-E-", 7, "operation", "file", "%s %d %u 100 %% %ld %lu\n", "text", -1, 4294967295U, -2L, 3UL);
@@ -125,8 +123,6 @@ TEST_F(KitTest, RecordingKeepsErrno)
     EXPECT_EQ(EXDEV, errno);
 }
 
-// Substitutes
-
 TEST_F(KitTest, APlanHoldsInTheRecordingThreadUntilTheReset)
 {
     substitute::pthread_mutex_trylock.fail(EINVAL, EXDEV);
@@ -181,8 +177,6 @@ TEST_F(KitTest, AllocationsFailInTheThreadWithoutMemoryOnly)
     free(lpThere);
     free(lpHere);
 }
-
-// Children, names and memory
 
 TEST_F(KitTest, AChildThatThrowsEndsAsAFailure)
 {
@@ -257,8 +251,6 @@ TEST_F(KitTest, OneAllocationFailsAndBlocksAreCounted)
     }
     EXPECT_EQ(nullptr, lpBlocks[1]);
 }
-
-// Rows
 
 const Family cFamily("Kit", "file", "", {});
 

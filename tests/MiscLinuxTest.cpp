@@ -29,8 +29,6 @@ unsigned int callsOf(const char* acFunction)
     }));
 }
 
-// The wait for a descriptor
-
 /// Waits and expects a time-out. \return the duration of the wait in seconds
 double secondsOfTimeOut(int aDescriptor, unsigned int aSeconds)
 {
@@ -218,8 +216,6 @@ TEST_F(WaitLinuxTest, ManyThreadsWaitAtOnceOnOneDescriptorAndOnTheirOwn)
     }
 }
 
-// Commands
-
 class ExecuteLinuxTest : public RecordedTest
 {
 protected:
@@ -254,27 +250,6 @@ TEST_F(ExecuteLinuxTest, LinesAreTakenAsTheyAre)
     for (const char* const lpLength : {"3999", "4000", "9000"}) {
         EXPECT_EQ((Texts{"a"}),
                   run(std::string("echo a; head -c ") + lpLength + " /dev/zero | tr '\\0' x; echo; echo lost"));
-    }
-}
-
-TEST_F(ExecuteLinuxTest, LinesInPiecesOfEverySizeArriveWhole)
-{
-    std::string lText;
-    Texts lExpected;
-    for (unsigned int lLine = 0; lLine < 300; ++lLine) {
-        lExpected.push_back(std::to_string(lLine * 7919));
-        lText += lExpected.back() + "\n";
-    }
-    keepNoEvents();
-    for (const size_t lSize : {1U, 2U, 3U, 5U, 64U, 500U}) {
-        size_t lRead = 0;
-        substitute::ClibFread.instead([&](char* apBuffer, unsigned int, unsigned int, FILE*) {
-            const size_t lCount = lText.copy(apBuffer, lSize, lRead);
-            lRead += lCount;
-            return static_cast<unsigned int>(lCount);
-        });
-        const Recording lRecording;
-        EXPECT_EQ(lExpected, run(":")) << lSize;
     }
 }
 
@@ -413,8 +388,6 @@ ClibFread(memory, 1, 3999, memory)
 }
 #endif
 
-// The splitting of a buffer
-
 TEST_F(ExecuteLinuxTest, BufferIsSplitIntoLinesAndARest)
 {
     const std::string cLong(3998, 'x');
@@ -436,8 +409,6 @@ TEST_F(ExecuteLinuxTest, BufferIsSplitIntoLinesAndARest)
         EXPECT_TRUE(lrRow.mRest.empty() || lrRow.mRest == lBuffer) << lBuffer;
     }
 }
-
-// File locks and signals to processes
 
 class LockLinuxTest : public RecordedTest
 {
@@ -563,8 +534,6 @@ TEST_F(LockLinuxTest, KillReachesALiveProcessAlone)
     EXPECT_EQ(-1, OsKill(lPid, 0));
     EXPECT_EQ(ESRCH, errno);
 }
-
-// The host
 
 typedef RecordedTest HostLinuxTest;
 

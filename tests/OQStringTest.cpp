@@ -74,17 +74,6 @@ TEST_F(OQStringTest, CopyIsDeepAndEachCountIsOne)
     EXPECT_STREQ(cLong, lSecond.get());
 }
 
-TEST_F(OQStringTest, CopyOutlivesItsOriginal)
-{
-    OQCString* const lpOriginal = new OQCString(cLong);
-    const OQCString lCopy(*lpOriginal);
-    OQCString lAssigned("");
-    lAssigned = *lpOriginal;
-    delete lpOriginal;
-    EXPECT_STREQ(cLong, lCopy.get());
-    EXPECT_STREQ(cLong, lAssigned.get());
-}
-
 TEST_F(OQStringTest, AssignmentIsDeepAndEachCountIsOne)
 {
     OQCString lFirst("first");

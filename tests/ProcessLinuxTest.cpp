@@ -483,8 +483,6 @@ TEST_P(ProcessCreateTest, TheParentPollsOnlyWhereVforkCopies)
     EXPECT_EQ(GetParam(), isInTrace("setpgid("));
 }
 
-// Other children
-
 TEST_P(ProcessCreateTest, ASignalThatInterruptsTheParentLeavesNoChild)
 {
     substitute::waitpid.failOn(1, -1, EINTR);
@@ -579,8 +577,6 @@ TEST_P(ProcessCreateTest, TheThrowingChildHasTheDescriptorsOfItsParentAndNoOther
     EXPECT_EQ(lBefore, lrInChild);
     EXPECT_EQ(lBefore, lCount());
 }
-
-// Cancellation and signals
 
 TEST_P(ProcessCreateTest, AStartIsNoCancellationPointAndTheThrowingChildCannotBeCancelled)
 {
@@ -803,27 +799,6 @@ TEST_F(ProcessLinuxTest, AHandlerGetsTheSignalNumberWhileEveryOtherSignalIsBlock
         EXPECT_EQ(lSignal, sHandled);
         EXPECT_EQ(0, sUnblocked);
     }
-}
-
-TEST_F(ProcessLinuxTest, AnInterruptedReadIsNotRestarted)
-{
-    EXPECT_EQ(0, inChild([] {
-                  int lEnds[2];
-                  ASSERT_EQ(0, pipe(lEnds));
-                  const Alarms lAlarms;
-                  char lByte;
-                  EXPECT_EQ(-1, read(lEnds[0], &lByte, 1));
-                  EXPECT_EQ(EINTR, errno);
-              }));
-}
-
-TEST_F(ProcessLinuxTest, ALaterHandlerReplacesTheEarlier)
-{
-    RegisterSignalHandler(SIGUSR1, handle);
-    RegisterSignalHandler(SIGUSR1, SIG_IGN);
-    sHandled = 0;
-    raise(SIGUSR1);
-    EXPECT_EQ(0, sHandled);
 }
 
 /// All processes of the machine share one result file, so these tests take turns, also with other processes.

@@ -106,8 +106,6 @@ protected:
     OQShmDesc mDesc;
 };
 
-// Open and close
-
 TEST_F(SharedMemoryLinuxTest, ASegmentLivesFromTheServersOpenToTheLastDetach)
 {
     OsSharedMemoryOpen(mDesc, OQCM_Server);
@@ -271,8 +269,6 @@ TEST_F(SharedMemoryLinuxTest, ServerGoesOnWhenTheClientHasGoneAndTheReadyFlagsSt
               }));
     OsSharedMemoryClose(mDesc, OQCM_Server);
 }
-
-// Transfer
 
 /// Simulates the clock for the operations of this thread: only sleeps advance the time.
 class SimulatedTime
@@ -694,8 +690,6 @@ TEST_F(SharedMemoryLinuxAccessTest, TheModelMakesTheSameAccesses)
     EXPECT_EQ(accessesOfModel("openAsServer"), accessesOfOpen(OQCM_Server));
     EXPECT_EQ(accessesOfModel("openAsClient"), accessesOfOpen(OQCM_Client));
 }
-
-// A server that opens again while a client writes
 
 class SharedMemoryLinuxReopenTest : public SharedMemoryLinuxAccessTest
 {

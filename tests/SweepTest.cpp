@@ -1,15 +1,12 @@
 // Complete operations under stress: each allocation fails in turn, all descriptors are in use, or signals arrive all
 // the time. The rows in tests/outcomes test single failures of each operation.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <utility>
@@ -20,8 +17,6 @@ namespace
 {
 
 const char* const cFallbackName = "Red Hat Enterprise Linux Server release 5.x";
-
-// ---- Memory
 
 /// The exception std::bad_alloc is one more allocation, unless that allocation fails. It is freed with the exception.
 class MemoryTest : public RecordedTest
@@ -118,18 +113,6 @@ TEST_F(MemoryTest, LinesBeforeTheRefusalStayAndTheLineBufferIsLeft)
         refuseInTurn([&] { OsBreak(lBuffer, lLines); }, lBefore, [&] { return "/" + std::to_string(lLines.size()); }));
 }
 
-TEST_F(MemoryTest, AddressesBeforeTheRefusalStay)
-{
-    in_addr lAddresses[] = {{htonl(0x7f000001)}, {htonl(0x0a010203)}, {htonl(0x0a040506)}};
-    char* lList[] = {reinterpret_cast<char*>(&lAddresses[0]), reinterpret_cast<char*>(&lAddresses[1]),
-                     reinterpret_cast<char*>(&lAddresses[2]), nullptr};
-    hostent lHost = {nullptr, nullptr, AF_INET, 4, lList};
-    substitute::gethostbyname.instead([&](const char*) { return &lHost; });
-    OQCList<unsigned int> lFound;
-    EXPECT_EQ("N0/0 N1/1 R2/2", refuseInTurn([&] { OsGetAllIpAddresses(lFound); }, [&] { lFound.clear(); },
-                                             [&] { return "/" + std::to_string(lFound.size()); }));
-}
-
 /// The allocations: the stream; the line; the stream's buffer, without which it reads byte by byte; then object and
 /// counter of two texts.
 TEST_F(MemoryTest, FirstLineStaysUntilItsSuccessorHasItsMemory)
@@ -156,8 +139,6 @@ TEST_F(MemoryTest, NameOfTheSystemStaysUntilItsSuccessorHasItsMemory)
                            [&] { return "/" + std::string(lName.get()).substr(0, 3); }));
     EXPECT_STREQ(cFallbackName, lName.get());
 }
-
-// ---- Descriptors
 
 typedef RecordedTest DescriptorsTest;
 
@@ -221,8 +202,6 @@ TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
     EXPECT_EQ(0, lStatus);
 }
 
-// ---- Signals
-
 const unsigned int cSignals = 30;  // number of signals while an operation blocks
 
 /// A signal interrupts the test's thread every few hundred microseconds. RegisterSignalHandler installs its handler.
@@ -274,26 +253,6 @@ private:
     struct sigaction mBefore;
 };
 
-TEST_F(StormTest, WaitEndsWithTheDataAndBlockReadGathersEveryPiece)
-{
-    std::thread lWriter([&] {
-        for (const char* lpPiece = "pieces"; '\0' != *lpPiece; ++lpPiece) {
-            await(cSignals);
-            EXPECT_EQ(1, write(mEnds[1], lpPiece, 1));
-        }
-    });
-    OsNamedPipeWaitForActivity(mEnds[0], 20);
-    int lWaiting = 0;
-    EXPECT_EQ(0, ioctl(mEnds[0], FIONREAD, &lWaiting));
-    EXPECT_LE(1, lWaiting);
-    unsigned char lBuffer[7] = {};
-    unsigned int lCount = 0;
-    OsNamedPipeBlockRead(mEnds[0], lBuffer, 6, lCount);
-    lWriter.join();
-    EXPECT_EQ(6U, lCount);
-    EXPECT_STREQ("pieces", reinterpret_cast<char*>(lBuffer));
-}
-
 /// A write or read that a signal interrupts reports the number of bytes transferred. A caller that continues from there
 /// loses nothing.
 TEST_F(StormTest, WritesAndReadsSayHowFarTheyCame)
@@ -326,40 +285,6 @@ TEST_F(StormTest, WritesAndReadsSayHowFarTheyCame)
         lOther.join();
         EXPECT_TRUE(lData == lBuffer) << (lWrites ? "written" : "read");
     }
-}
-
-TEST_F(StormTest, MailboxLosesNoMessage)
-{
-    OQShmDesc lServer = {key(), 64, -1, nullptr};
-    OQShmDesc lClient = lServer;
-    OsSharedMemoryOpen(lServer, OQCM_Server);
-    OsSharedMemoryOpen(lClient, OQCM_Client);
-    std::thread lReader([&] {
-        for (unsigned char lNumber = 0; lNumber < 10; ++lNumber) {
-            unsigned char lByte = 99;
-            unsigned int lCount = 0;
-            await(5);
-            OsSharedMemoryWaitForActivity(lClient, 20);
-            OsSharedMemoryRead(lClient, &lByte, 1, lCount);
-            EXPECT_EQ(1U, lCount);
-            EXPECT_EQ(lNumber, lByte);
-        }
-    });
-    for (unsigned char lNumber = 0; lNumber < 10; ++lNumber) {
-        unsigned int lCount = 0;
-        OsSharedMemoryWrite(lServer, &lNumber, 1, lCount);
-        EXPECT_EQ(1U, lCount);
-    }
-    lReader.join();
-    OsSharedMemoryClose(lClient, OQCM_Client);
-    OsSharedMemoryClose(lServer, OQCM_Server);
-}
-
-TEST_F(StormTest, SleepIsNotShortened)
-{
-    const auto lBegin = std::chrono::steady_clock::now();
-    ClibSleepMS(60);
-    EXPECT_LE(std::chrono::milliseconds(60), std::chrono::steady_clock::now() - lBegin);
 }
 
 TEST_F(StormTest, ThreadsMutexesAndConditionsAreWaitedForToTheEnd)

@@ -66,8 +66,6 @@ public:
     unsigned int mCount = 4242;
 };
 
-// Files
-
 const std::string cCreating = "Entered\n-T- \"Creating linux named pipe...\"\nmknod(FILE, 010660, 0) = ";
 
 OUTCOME_OF_ERRORS(OsNamedPipeCreate, Succeeds, 0, 7)
@@ -188,8 +186,6 @@ OUTCOME(OsNamedPipeAccept, OnlyTraces)
 {
     onlyTraces(*this, [] { OsNamedPipeAccept(-1); });
 }
-
-// Reads and writes
 
 struct Read {
     const char* mCall;
@@ -314,8 +310,6 @@ OUTCOME_OF_ERRORS(OsNamedPipeWrite, KeepsTheCountWhenTheWriteFails, EAGAIN, EBAD
     mStays = "the count";
     run([&] { OsNamedPipeWrite(lPipe.mEnds[1], lPipe.mBytes, 4294967295U, lPipe.mCount); });
 }
-
-// Waiting and closing
 
 const std::string cWait = ".//MiscLinux OsWaitForActivity: ";
 const std::string cWaiting = "Entered\n" + cWait + "Entered\nselect(38, local 37, null, null, 30.000000) = ";
