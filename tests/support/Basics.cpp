@@ -61,11 +61,8 @@ void LeftoverTest::SetUp()
 void LeftoverTest::TearDown()
 {
     EXPECT_EQ(mDescriptors, openDescriptors()) << "a descriptor was left or closed";
-
     EXPECT_TRUE(eventually([this] { return entriesOf("/proc/self/task").size() <= mThreads; })) << "a thread was left";
-
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child was left";
-
     for (const unsigned int lNumber : removeSegments()) {
         ADD_FAILURE() << "segment " << lNumber << " was left";
     }
