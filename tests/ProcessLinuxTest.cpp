@@ -391,7 +391,9 @@ void expectParentWaits(const std::function<void()>& acrFirst, bool aRunsProgram 
     const int lChild = startInVain([&] {
         acrFirst();
         lHold.inChild();
-        aRunsProgram ? execl("/bin/sleep", "sleep", "30", nullptr) : 0;
+        if (aRunsProgram) {
+            execl("/bin/sleep", "sleep", "30", nullptr);
+        }
     });
     lHold.returned();
     if (aRunsProgram) {
