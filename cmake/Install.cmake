@@ -37,7 +37,7 @@ install(
     EXPORT OQLinuxTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
     INCLUDES DESTINATION ${OQ_HEADERS})
-install(FILES linux/OQLinux.h companion/OQCompanionSettings.h DESTINATION ${OQ_HEADERS} COMPONENT development)
+install(FILES linux/OQLinux.h linux/OQGuards.h companion/OQCompanionSettings.h DESTINATION ${OQ_HEADERS} COMPONENT development)
 install(DIRECTORY backend/common/include/ DESTINATION ${OQ_HEADERS} COMPONENT development)
 
 # The package is relocatable: its files compute the prefix from their own location.
