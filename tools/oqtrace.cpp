@@ -321,8 +321,8 @@ private:
 
 // ---- Summary --------------------------------------------------------------------------------------------------------
 
-/// Counts durations in buckets. A bucket holds one number of microseconds up to 63, then 1/32 of a power of two. A
-/// percentile is the middle of its bucket, so it differs from the exact one by at most 1.6 %.
+/// Counts durations in buckets. A bucket holds one number of microseconds up to 127, then 1/64 of a power of two. A
+/// percentile is the highest number of its bucket, or the maximum. It exceeds the exact one by at most 1.6 %.
 class Histogram
 {
 public:
@@ -344,7 +344,7 @@ public:
         for (size_t lBucket = 0; lBucket < mCounts.size(); ++lBucket) {
             lCount += mCounts[lBucket];
             if (lRank <= lCount) {
-                return std::min(middleOf(lBucket), mMaximum);
+                return std::min(highestOf(lBucket), mMaximum);
             }
         }
         return mMaximum;
@@ -353,7 +353,7 @@ public:
     bool isEmpty() const { return 0 == mTotal; }
 
 private:
-    static constexpr unsigned int cBits = 5;
+    static constexpr unsigned int cBits = 6;
     static constexpr size_t cParts = 1 << cBits;
 
     static size_t bucketOf(uint64_t aValue)
@@ -364,13 +364,13 @@ private:
         }
         return (static_cast<size_t>(lShift) << cBits) + static_cast<size_t>(aValue >> lShift);
     }
-    static uint64_t middleOf(size_t aBucket)
+    static uint64_t highestOf(size_t aBucket)
     {
         if (aBucket < 2 * cParts) {
             return aBucket;
         }
         const unsigned int lShift = static_cast<unsigned int>(aBucket >> cBits) - 1;
-        return (static_cast<uint64_t>(aBucket % cParts + cParts) << lShift) + (uint64_t{1} << lShift) / 2;
+        return ((static_cast<uint64_t>(aBucket % cParts + cParts) + 1) << lShift) - 1;
     }
 
     std::vector<uint64_t> mCounts;
