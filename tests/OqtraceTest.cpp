@@ -611,17 +611,14 @@ TEST_F(OqtraceTest, EveryOutcomeOfEveryOperationIsRecognised)
         }
         const bool lThrows = 0 == lRow.str(3).find("`OQC") || 0 == lRow.str(3).find("assertion");
         const bool lSilent = "Entered" == lLastWord || "Calling popen" == lLastWord;
-        const size_t lErrors = countOf(lRow.str(4), "`-E-") + countOf(lRow.str(4), "`-H-");
-        lExpected.emplace_back(lOperation, !lThrows ? "0 0" : lSilent ? "0 1" : "1 0");
-        EXPECT_TRUE(lErrors < 3) << lLine;
+        lExpected.emplace_back(lOperation, !lThrows && "Left" == lLastWord ? "0 0" : lSilent ? "0 1" : "1 0");
     }
     EXPECT_LE(75U, lExpected.size());
     const std::string lSummary = traced(lLog, {"--threads"});
     for (unsigned int lProcess = 1; lProcess <= lExpected.size(); ++lProcess) {
         const Strings lCells = rowOf(lSummary, lExpected[lProcess - 1].first, lProcess);
         EXPECT_EQ(lExpected[lProcess - 1].second, lCells[7] + " " + lCells[8])
-            << lExpected[lProcess - 1].first << ", row " << lProcess << "\n"
-            << lLog;
+            << lExpected[lProcess - 1].first << ", row " << lProcess;
     }
 }
 
@@ -714,10 +711,14 @@ TEST_F(OqtraceTest, TimesThatGoBackwardsStillIncrease)
                              lineOf(2500000, 1, 7, "OsLockFile", "Left") +     // half a second later
                              lineOf(60000000, 1, 8, "OsExecute", "Left");      // 50 seconds after the start
     const std::string lSummary = traced(lLog);
-    EXPECT_TRUE(contains(lSummary, "clock set back: 1\n")) << lSummary;
+    EXPECT_TRUE(contains(lSummary, "clock changes: 1\n")) << lSummary;
     EXPECT_EQ("500.000", rowOf(lSummary, "OsLockFile")[5]) << lSummary;
     EXPECT_EQ("50000.000", rowOf(lSummary, "OsExecute")[5]) << lSummary;
     balanced(traced(lLog, {"--chrome", "-"}));
+
+    // A machine whose clock starts in 1970.
+    const std::string lLater = traced("1970-01-01T00:00:01" + logOf("+OsLockFile -OsLockFile").substr(19));
+    EXPECT_EQ("0.000", rowOf(lLater, "OsLockFile")[5]) << lLater;
 
     std::string lRandom;
     std::mt19937 lNumbers(1);
@@ -837,30 +838,28 @@ TEST_F(OqtraceTest, APercentileExceedsTheExactOneByLittle)
 
 TEST_F(OqtraceTest, FollowReadsWhatIsAppendedAndFilesThatReplaceTheLog)
 {
-    for (const int lSignal : {SIGINT, SIGTERM}) {
-        const std::string lLog = written("log", lineOf(1, 1, 7, "OsLockFile", "Entered"));
-        Command lTool({OQTRACE, "--follow", lLog});
-        const auto lAwait = [&](const char* acNumbers) {
-            EXPECT_TRUE(lTool.readUntil([&] {
-                const size_t lLast = lTool.out().rfind("operation ");
-                return std::string::npos != lLast && acNumbers == numbersOf(lTool.out().substr(lLast), "OsLockFile");
-            })) << acNumbers
-                << lTool.out() << lTool.error();
-        };
-        lAwait("1 0 0 1");
-        std::ofstream(lLog, std::ios::app) << lineOf(2, 1, 7, "OsLockFile", "Left");
-        lAwait("1 0 0 0");
-        std::ofstream(lLog, std::ios::trunc) << lineOf(3, 1, 7, "OsLockFile", "Entered").substr(0, 70);
-        std::ofstream(lLog, std::ios::app) << lineOf(3, 1, 7, "OsLockFile", "Entered").substr(70);
-        lAwait("2 0 0 1");
-        std::filesystem::rename(lLog, file("old"));
-        std::ofstream(path("old"), std::ios::app) << lineOf(4, 1, 7, "OsLockFile", "Left");
-        written("log", lineOf(5, 1, 7, "OsLockFile", "Entered"));
-        lAwait("3 0 0 1");
-        lTool.kill(lSignal);
-        const Result lResult = lTool.finish();
-        EXPECT_EQ(0, lResult.mStatus) << lResult.mError;
-    }
+    const std::string lLog = written("log", lineOf(1, 1, 7, "OsLockFile", "Entered"));
+    Command lTool({OQTRACE, "--follow", lLog});
+    const auto lAwait = [&](const char* acNumbers) {
+        EXPECT_TRUE(lTool.readUntil([&] {
+            const size_t lLast = lTool.out().rfind("operation ");
+            return std::string::npos != lLast && acNumbers == numbersOf(lTool.out().substr(lLast), "OsLockFile");
+        })) << acNumbers
+            << lTool.out() << lTool.error();
+    };
+    lAwait("1 0 0 1");
+    const std::string lNext = lineOf(2, 1, 7, "OsLockFile", "Left");
+    std::ofstream(lLog, std::ios::app) << lNext.substr(0, 40);
+    std::ofstream(lLog, std::ios::app) << lNext.substr(40);
+    lAwait("1 0 0 0");
+    std::ofstream(lLog, std::ios::trunc) << lineOf(3, 1, 7, "OsLockFile", "Entered");
+    lAwait("2 0 0 1");
+    std::filesystem::rename(lLog, file("old"));
+    std::ofstream(path("old"), std::ios::app) << lineOf(4, 1, 7, "OsLockFile", "Left");
+    written("log", lineOf(5, 1, 7, "OsLockFile", "Entered"));
+    lAwait("3 0 0 1");
+    lTool.kill(SIGTERM);
+    EXPECT_EQ(0, lTool.finish().mStatus);
     EXPECT_EQ(2, resultOf({OQTRACE, "--follow"}).mStatus);
 }
 

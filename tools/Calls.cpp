@@ -5,10 +5,11 @@
 namespace
 {
 
-const size_t cDeepest = 100;                     // calls; a host may write "Entered" and never "Left"
-const size_t cLongestMessages = 1000;            // bytes
-const int64_t cTolerance = 1000000000;           // nanoseconds; a thread may be stopped between a time and its line
-const int64_t cLatest = INT64_MAX - cTolerance;  // nanoseconds
+const size_t cDeepest = 100;            // calls; a host may write "Entered" and never "Left"
+const size_t cLongestMessages = 1000;   // bytes
+const int64_t cTolerance = 1000000000;  // nanoseconds; a thread may be stopped between a time and its line
+const int64_t cLongestGap = 365 * 86400 * cTolerance;
+const int64_t cLongestLog = 70 * cLongestGap;  // a double can represent each quarter of a microsecond
 
 /// The files whose operations log "Entered" and "Left".
 const char* const cFiles[] = {".//MiscLinux", ".//NamedPipeLinux", ".//ProcessLinux", ".//SharedMemoryLinux",
@@ -116,17 +117,24 @@ Thread& Calls::threadOf(const LogLine& acrLine)
 }
 
 /// Prepares the time of the next event, which is later than all events before. A thread may write its line a little later
-/// than another thread with a later time. A line that is much earlier than the last event means that the clock was set
-/// back. All further lines are then moved by the same time, until the log passes the last event again.
+/// than another thread with a later time. A line that is much earlier than the last event, or a year later, means that
+/// the clock was set. All further lines are then shifted, until their own times fit again.
 void Calls::moveTo(int64_t aTime)
 {
-    if (mNow < aTime) {
-        mSetBack = 0;
-    } else if (aTime + mSetBack < mNow - cTolerance) {
-        mSetBack = mNow - aTime;
-        ++mTimesSetBack;
+    if (mThreads.empty()) {
+        mFirst = aTime;
+        mNow = aTime - 1;
     }
-    mNow = std::max(mNow, std::min(aTime, cLatest - mSetBack) + mSetBack - 1);
+    const auto lFits = [=](int64_t aShift) {
+        return mNow - cTolerance <= aTime + aShift && aTime + aShift <= mNow + cLongestGap;
+    };
+    if (mNow <= aTime && lFits(0)) {
+        mShift = 0;
+    } else if (!lFits(mShift)) {
+        mShift = mNow - aTime;
+        ++mClockChanges;
+    }
+    mNow = std::max(mNow, std::min(aTime + mShift, mFirst + cLongestLog) - 1);
 }
 
 void Calls::enter(Thread& arThread, const LogLine& acrLine)

@@ -69,9 +69,9 @@ public:
     const std::deque<Thread>& threads() const { return mThreads; }
     /// The time of the last event.
     int64_t now() const { return mNow; }
-    /// How much later than in the log the last event is, because the clock was set back.
-    int64_t setBack() const { return mSetBack; }
-    uint64_t timesSetBack() const { return mTimesSetBack; }
+    /// How much later than in the log the last event is, because the clock was set.
+    int64_t shift() const { return mShift; }
+    uint64_t clockChanges() const { return mClockChanges; }
     /// Number of lines "Left" without an open call.
     uint64_t leftWithoutCall() const { return mLeftWithoutCall; }
 
@@ -91,8 +91,9 @@ private:
     std::unordered_map<std::string_view, size_t> mIndexes;  // of mNames
     Thread* mpLast = nullptr;                               // of the last line
     int64_t mNow = 0;
-    int64_t mSetBack = 0;
-    uint64_t mTimesSetBack = 0;
+    int64_t mFirst = 0;
+    int64_t mShift = 0;
+    uint64_t mClockChanges = 0;
     uint64_t mLeftWithoutCall = 0;
 };
 

@@ -221,7 +221,10 @@ bool LogFile::next()
         if (NULL == lpFeed) {
             mSearched = mEnd;
             if (!readMore()) {
-                return false;
+                if (!mReplaced) {
+                    return false;
+                }
+                openAgain();
             }
             continue;
         }
@@ -275,12 +278,16 @@ void LogFile::followPath()
     if (stat(mPath.c_str(), &lState) < 0) {
         return;  // a new file may not exist yet
     }
-    const bool lReplaced = lState.st_dev != mDevice || lState.st_ino != mInode;
-    if (!lReplaced && lseek(mDescriptor, 0, SEEK_CUR) <= lState.st_size) {
-        return;
+    mReplaced = lState.st_dev != mDevice || lState.st_ino != mInode;
+    if (!mReplaced && lState.st_size < lseek(mDescriptor, 0, SEEK_CUR)) {
+        openAgain();
     }
+}
+
+void LogFile::openAgain()
+{
     mCut = cut();
-    mSkipping = false;
+    mReplaced = mSkipping = false;
     mAt = mSearched = mEnd = 0;
     close(mDescriptor);
     open();

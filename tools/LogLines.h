@@ -65,7 +65,8 @@ public:
     ino_t inode() const { return mInode; }
     bool isRegular() const { return mRegular; }
 
-    /// Starts again if the file was truncated, or if the path now leads to another file. Call it at the end of the data.
+    /// Starts again if the file was truncated. If the path now leads to another file, next() reads that file after the
+    /// rest of this one. Call it at the end of the data.
     void followPath();
 
     uint64_t lines() const { return mLines; }  ///< number of log lines
@@ -75,6 +76,7 @@ public:
 
 private:
     void open();
+    void openAgain();
     bool readMore();
     bool take(std::string_view aText);
 
@@ -87,6 +89,7 @@ private:
     size_t mAt = 0;          // of the first byte that has not been taken
     size_t mSearched = 0;    // no line feed lies before this position
     size_t mEnd = 0;         // of the bytes in the buffer
+    bool mReplaced = false;  // the path leads to another file
     bool mSkipping = false;  // the rest of a line that was longer than the buffer
     LineParser mParser;
     LogLine mLine;

@@ -24,6 +24,7 @@ namespace
 {
 
 const int64_t cMicrosecond = 1000;  // nanoseconds
+const int64_t cQuarter = cMicrosecond / 4;
 const int64_t cSecond = 1000000000;
 const size_t cFlushSize = 65536;            // bytes
 const unsigned int cLinesPerLook = 100000;  // between two looks for a signal
@@ -158,7 +159,8 @@ void appendQuoted(std::string& arJson, std::string_view aText)
     arJson += '"';
 }
 
-/// Writes an array of events. The times count from the first event.
+/// Writes an array of events. The times count from the first event. They are different quarters of microseconds, which
+/// viewers represent exactly.
 class ChromeTrace : public Observer
 {
 public:
@@ -236,9 +238,9 @@ private:
     void appendTime(int64_t aTime)
     {
         mStart = 0 == mStart ? aTime : mStart;
+        mLast = std::max(mLast + cQuarter, (aTime - mStart) / cQuarter * cQuarter);
         char lTime[48];
-        snprintf(lTime, sizeof lTime, ",\"ts\":%" PRId64 ".%03" PRId64, (aTime - mStart) / cMicrosecond,
-                 (aTime - mStart) % cMicrosecond);
+        snprintf(lTime, sizeof lTime, ",\"ts\":%" PRId64 ".%03" PRId64, mLast / cMicrosecond, mLast % cMicrosecond);
         mText += lTime;
     }
     void appendLine(const LogLine& acrLine)
@@ -255,6 +257,7 @@ private:
     std::string mText;
     std::map<uint64_t, bool> mProcesses;  // those that have a name
     int64_t mStart = 0;
+    int64_t mLast = -cQuarter;
     bool mFirst = true;
 };
 
@@ -288,7 +291,8 @@ public:
     void write(Output& arOutput) const
     {
         for (const Stack& acrStack : mStacks) {
-            arOutput.write(pathOf(acrStack) + " " + std::to_string(acrStack.mOwn / cMicrosecond) + "\n");
+            arOutput.write(pathOf(acrStack) + " " + std::to_string((acrStack.mOwn + cMicrosecond / 2) / cMicrosecond) +
+                           "\n");
         }
     }
 
@@ -549,7 +553,7 @@ std::string countsOf(const LogReader& acrReader, const Calls& acrCalls)
     lAdd("cut lines", lCut);
     lAdd("other lines", lOther);
     lAdd("\"Left\" without a call", acrCalls.leftWithoutCall());
-    lAdd("clock set back", acrCalls.timesSetBack());
+    lAdd("clock changes", acrCalls.clockChanges());
     return lText + "\n";
 }
 
@@ -669,7 +673,7 @@ int convert(const Options& acrOptions)
 
     const bool lTerminal = 0 != isatty(STDOUT_FILENO);
     const auto lShow = [&] {
-        const int64_t lNow = acrOptions.mFollow ? timeOfDay() + lCalls.setBack() : lCalls.now();
+        const int64_t lNow = acrOptions.mFollow ? timeOfDay() + lCalls.shift() : lCalls.now();
         print((acrOptions.mFollow && lTerminal ? cClearScreen : "") + lSummary.text(lNow) + countsOf(lReader, lCalls));
     };
     if (acrOptions.mFollow) {
