@@ -5,7 +5,7 @@
 #                  functions and types, the GDB pretty-printers
 #   documentation  the reference, the guide and the other pages
 #   examples       the sources of the examples, which can be built against the installed layer
-#   tools          oqshm with its manual page
+#   tools          oqshm and oqtrace with their manual pages and completion for bash
 #
 # The reference and the manual pages are installed only if OQ_REFERENCE names the folder in which scripts/docs created
 # them.

@@ -70,7 +70,9 @@ if(OQ_BUILD_TOOLS)
         [[The layer wraps threads, mutexes, condition variables, named pipes,
 shared-memory mailboxes, child processes, commands and file locks.
 .
-oqshm shows the shared-memory mailboxes of a host and reports problems.]])
+oqshm shows the shared-memory mailboxes of a host and reports problems.
+oqtrace shows the calls that a log records: as a table, as a timeline, or for
+a flame graph.]])
 endif()
 
 # CPack detects the libraries' dependencies. Dependent packages get them from the generated shlibs file. The trigger

@@ -433,13 +433,15 @@ public:
     {
         std::vector<Strings> lTable = {
             {"operation", "calls", "total ms", "own ms", "median", "99 %", "maximum", "errors", "thrown", "open"}};
-        std::string lOpen;
+        std::multimap<int64_t, std::string> lOpen;  // by time, the oldest first
         std::map<Key, uint64_t> lOpenCounts;
         for (const Thread& acrThread : mrCalls.threads()) {
             for (const Call& acrCall : acrThread.mOpen) {
                 ++lOpenCounts[keyOf(acrThread, acrCall.mOperation)];
             }
-            lOpen += openCall(acrThread, aNow);
+            if (!acrThread.mOpen.empty()) {
+                lOpen.emplace(acrThread.mOpen.back().mEntered, openCall(acrThread, aNow));
+            }
         }
         std::vector<std::pair<Key, const Row*>> lRows;
         for (const auto& acrEntry : mRows) {
@@ -460,7 +462,11 @@ public:
         if (mByThread) {
             lTable.front().insert(lTable.front().begin(), {"process", "thread"});
         }
-        return aligned(lTable) + lOpen;
+        std::string lText = aligned(lTable);
+        for (const auto& acrOpen : lOpen) {
+            lText += acrOpen.second;
+        }
+        return lText;
     }
 
 private:
@@ -493,12 +499,9 @@ private:
                 std::to_string(acrRow.mThrown),
                 std::to_string(aOpen)};
     }
-    /// Returns the line about the open calls of a thread, or "".
+    /// Returns the line about the open calls of a thread.
     std::string openCall(const Thread& acrThread, int64_t aNow) const
     {
-        if (acrThread.mOpen.empty()) {
-            return "";
-        }
         std::string lText = "still inside: ";
         for (const Call& acrCall : acrThread.mOpen) {
             lText += (&acrCall == &acrThread.mOpen.front() ? "" : " > ") + mrCalls.name(acrCall.mOperation);
