@@ -11,7 +11,6 @@
 #include <fstream>
 #include <map>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <utility>
 
@@ -201,34 +200,49 @@ private:
             if (!lFirst) {
                 take(',');
             }
-            const std::string lName = acrPrefix + match(cString).substr(1);
+            const std::string lName = acrPrefix + string().substr(1);
             take(':');
             if ('{' == next()) {
-                object(arEvent, lName.substr(0, lName.size() - 1) + ".");
+                object(arEvent, lName + ".");
             } else {
-                arEvent[lName.substr(0, lName.size() - 1)] = match(cValue);
+                arEvent[lName] = '"' == next() ? string() + '"' : word();
             }
         }
         take('}');
     }
-    std::string match(const std::regex& acrPattern)
+    /// Takes a string. \return its characters as written, without the last quotation mark
+    std::string string()
     {
         next();
-        std::smatch lMatch;
-        const auto lBegin = mText.begin() + static_cast<std::ptrdiff_t>(mAt);
-        mFailed = mFailed ||
-                  !std::regex_search(lBegin, mText.end(), lMatch, acrPattern, std::regex_constants::match_continuous);
-        mAt += mFailed ? 0 : static_cast<size_t>(lMatch.length());
-        return mFailed ? "\"?\"" : lMatch.str();
+        const size_t lBegin = mAt;
+        for (take('"'); !mFailed && mAt < mText.size() && '"' != mText[mAt];) {
+            const size_t lEscape = '\\' != mText[mAt] ? 1 : 'u' == mText[mAt + 1] ? 6 : 2;
+            mFailed = (1 == lEscape && 0 <= mText[mAt] && mText[mAt] < ' ') ||
+                      (2 == lEscape && '"' != mText[mAt + 1] && '\\' != mText[mAt + 1]) ||
+                      (6 == lEscape && std::string::npos != mText.find_first_not_of("0123456789abcdef", mAt + 2) &&
+                       mText.find_first_not_of("0123456789abcdef", mAt + 2) < mAt + 6);
+            mAt += lEscape;
+        }
+        const std::string lString = mText.substr(lBegin, mAt - lBegin);
+        take('"');
+        return lString;
+    }
+    /// Takes a number without a sign, or "true".
+    std::string word()
+    {
+        const size_t lEnd = std::min(mText.size(), mText.find_first_not_of("0123456789.true", mAt));
+        const std::string lWord = mText.substr(mAt, lEnd - mAt);
+        mFailed = mFailed || ("true" != lWord &&
+                              (lWord.empty() || '.' == lWord[0] || '.' == lWord.back() ||
+                               std::string::npos != lWord.find_first_not_of("0123456789.") || 1 < countOf(lWord, ".")));
+        mAt = lEnd;
+        return lWord;
     }
 
-    static const std::regex cString, cValue;
     const std::string& mText;
     size_t mAt = 0;
     bool mFailed = false;
 };
-const std::regex EventParser::cString(R"("([ !#-\[\]-~\x80-\xff]|\\["\\]|\\u[0-9a-f]{4})*")");
-const std::regex EventParser::cValue(R"("([ !#-\[\]-~\x80-\xff]|\\["\\]|\\u[0-9a-f]{4})*"|\d+(\.\d+)?|true)");
 
 /// Parses the events and expects what every viewer needs: each call ends in its thread after the calls inside it, and
 /// all times are different and increase.
@@ -478,11 +492,13 @@ Sources readSources()
         std::ifstream lSource(acrEntry.path());
         std::string lFunction;
         for (std::string lLine; ".cpp" == acrEntry.path().extension() && std::getline(lSource, lLine);) {
-            std::smatch lMatch;
-            if (std::regex_search(lLine, lMatch, std::regex("^[a-z][^();]*\\b(\\w+)(\\(.*[^;])$"))) {
-                lFunction = lMatch[1];
+            const size_t lBracket = lLine.find('(');
+            const bool lBegins = !lLine.empty() && 0 != islower(lLine[0]) && ';' != lLine.back();
+            if (lBegins && std::string::npos != lBracket) {
+                const size_t lBlank = lLine.find_last_of(" *&", lBracket);
+                lFunction = lLine.substr(lBlank + 1, lBracket - lBlank - 1);
                 lFiles[lFunction] = ".//" + acrEntry.path().stem().string();
-                lBodies[lFunction] = lMatch[2];
+                lBodies[lFunction] = lLine.substr(lBracket);
             } else if (!lFunction.empty()) {
                 lBodies[lFunction] += lLine + "\n";
             }
@@ -589,40 +605,38 @@ TEST_F(OqtraceTest, EveryOutcomeOfEveryOperationIsRecognised)
     std::string lLog;
     std::vector<std::pair<std::string, std::string>> lExpected;  // operation, numbers
     for (std::string lLine; std::getline(lPage, lLine);) {
-        std::smatch lRow;
-        if (!contains(lLine, "| `Entered`") || !std::regex_match(lLine, lRow,
-                              std::regex(R"(\| `(\w+)` \| (.*) \| (.*) \| (`Entered`.*) \| .* \| .* \|)")) ||
-            contains(lRow.str(4), "in the child")) {
+        Strings lCells;
+        for (size_t lEnd, lAt = 2; std::string::npos != (lEnd = lLine.find(" | ", lAt)); lAt = lEnd + 3) {
+            lCells.push_back(lLine.substr(lAt, lEnd - lAt));
+        }
+        if (lCells.size() < 5 || 0 != lCells[3].find("`Entered`") || contains(lCells[3], "in the child")) {
             continue;
         }
-        const std::string lOperation =
-            "OsSharedMemoryWaitForActivity" == lRow.str(1) ? "sTimedWaitOnFlag" : lRow.str(1);
+        const std::string lNamed = lCells[0].substr(1, lCells[0].size() - 2);
+        const std::string lOperation = "OsSharedMemoryWaitForActivity" == lNamed ? "sTimedWaitOnFlag" : lNamed;
         const unsigned int lProcess = static_cast<unsigned int>(lExpected.size() + 1);
         Strings lOpen;
-        std::string lWords = lRow.str(4), lLastWord;
-        const std::regex cWord(R"re(`(-.-)? ?"?([^`]*?)"?`)re");
-        for (std::sregex_iterator lWord(lWords.begin(), lWords.end(), cWord), lEnd; lEnd != lWord; ++lWord) {
-            const std::string lTag = (*lWord)[1], lText = (*lWord)[2];
-            if ("Entered" == lText) {
+        std::string lLast;
+        std::istringstream lLogged(lCells[3]);
+        for (std::string lWord; std::getline(lLogged, lWord, '`') && std::getline(lLogged, lWord, '`');) {
+            // A word is Entered, Left, or -T- "a message".
+            const bool lTagged = '-' == lWord[0];
+            lLast = lTagged ? lWord.substr(5, lWord.size() - 6) : lWord;
+            if ("Entered" == lLast) {
                 lOpen.push_back(lOpen.empty() ? lOperation : cCalled.at(lOperation));
             }
-            lLastWord = lText;
-            lLog += lineOf(lProcess, lProcess, 1, lOpen.back(), lText, lTag.empty() ? "-T-" : lTag.c_str(),
+            lLog += lineOf(lProcess, lProcess, 1, lOpen.back(), lLast, lTagged ? lWord.substr(0, 3).c_str() : "-T-",
                            lSources.mFileOf.at(lOpen.back()));
-            if ("Left" == lText) {
+            if ("Left" == lLast) {
                 lOpen.pop_back();
-                if (lOpen.empty()) {
-                    break;
-                }
             }
         }
-        const bool lThrows = 0 == lRow.str(3).find("`OQC");
-        const bool lAnnounced = std::regex_search(lRow.str(4), std::regex("`-[HE]-|Shared Segment in use|Timed out"));
-        lExpected.emplace_back(lOperation, "Left" == lLastWord ? (lThrows ? "1 0" : "0 0")
-                                           : lAnnounced        ? "1 0"
-                                                               : "0 1");
+        const bool lThrows = 0 == lCells[2].find("`OQC");
+        const bool lAnnounced = contains(lCells[3], "`-H-") || contains(lCells[3], "`-E-") ||
+                                contains(lCells[3], "Shared Segment in use") || contains(lCells[3], "Timed out");
+        lExpected.emplace_back(lOperation, "Left" == lLast ? (lThrows ? "1 0" : "0 0") : lAnnounced ? "1 0" : "0 1");
     }
-    EXPECT_LE(75U, lExpected.size());
+    EXPECT_LE(120U, lExpected.size());
     const std::string lSummary = traced(lLog, {"--threads"});
     for (unsigned int lProcess = 1; lProcess <= lExpected.size(); ++lProcess) {
         const Strings lCells = rowOf(lSummary, lExpected[lProcess - 1].first, lProcess);
@@ -935,7 +949,9 @@ TEST_F(OqtraceTest, HelpAndManualNameTheSameOptions)
 {
     const Result lHelp = resultOf({OQTRACE, "--help"});
     EXPECT_EQ(0, lHelp.mStatus);
-    const std::string lManual = std::regex_replace(contentOf(cTree + "/tools/oqtrace.1"), std::regex(R"(\\-)"), "-");
+    std::string lManual = contentOf(cTree + "/tools/oqtrace.1");
+    lManual.erase(std::remove(lManual.begin(), lManual.end(), '\\'),
+                  lManual.end());  // the page writes "\-" for a hyphen
     for (const char* lpOption : {"--threads", "--chrome", "--html", "--folded", "--follow", "--help", "--version"}) {
         EXPECT_TRUE(contains(lHelp.mOut, lpOption)) << lpOption;
         EXPECT_TRUE(contains(lManual, lpOption)) << lpOption;

@@ -8,7 +8,7 @@ namespace
 const size_t cDeepest = 100;            // calls; a host may write "Entered" and never "Left"
 const size_t cLongestMessages = 1000;   // bytes
 const int64_t cTolerance = 1000000000;  // nanoseconds; a thread may be stopped between a time and its line
-const int64_t cLongestGap = 365 * 86400 * cTolerance;
+const int64_t cLongestGap = cTolerance * 86400 * 365;
 const int64_t cLongestLog = 70 * cLongestGap;  // a double can represent each quarter of a microsecond
 
 /// The files whose operations log "Entered" and "Left".

@@ -12,8 +12,8 @@
 namespace
 {
 
-const size_t cBufferSize = 256 * 1024;  // bytes; the companion's longest line has 8192
-const size_t cTimeLength = 27;          // of "2026-03-01T12:00:00.123456Z"
+const size_t cBufferSize = 262144;  // bytes; the companion's longest line has 8192
+const size_t cTimeLength = 27;      // of "2026-03-01T12:00:00.123456Z"
 const char cTimePattern[] = "dddd-dd-ddTdd:dd:dd.ddddddZ";
 const int64_t cSecond = 1000000000;  // nanoseconds
 
