@@ -843,7 +843,7 @@ TEST_F(OqtraceTest, APercentileExceedsTheExactOneByLittle)
     std::string lLog;
     int64_t lNow = 0;
     for (int lCall = 0; lCall < 1000; ++lCall) {
-        const int64_t lTime = static_cast<int64_t>(1 << lNumbers() % 20) + lNumbers() % 1000;
+        const int64_t lTime = static_cast<int64_t>((1UL << lNumbers() % 20) + lNumbers() % 1000);
         lLog += lineOf(lNow, 1, 7, "OsLockFile", "Entered") + lineOf(lNow + lTime, 1, 7, "OsLockFile", "Left");
         lNow += lTime + 1;
         lTimes.push_back(static_cast<double>(lTime) / 1000);
