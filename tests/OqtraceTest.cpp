@@ -819,10 +819,15 @@ TEST_F(OqtraceTest, TheLogOfTheGuideIsShownInEachForm)
         "OsNamedPipeWaitForActivity 30\nOsNamedPipeWaitForActivity;OsWaitForActivity 7\nOsNamedPipeWrite 4\nOsLockFile "
         "5\n",
         tracedFiles({lLog}, {"--folded", "-"}));
+    const std::string lTrace = tracedFiles({lLog}, {"--chrome", "-"});
+    EXPECT_TRUE(contains(lTrace, R"("name":"process_name","args":{"name":"trace 6916"}})")) << lTrace;  // of trace.log
+    EXPECT_TRUE(contains(lTrace, R"({"ph":"B","pid":6916,"tid":1,"name":"OsNamedPipeWrite","ts":69.000},)")) << lTrace;
     EXPECT_TRUE(contains(
-        tracedFiles({lLog}, {"--chrome", "-"}),
-        R"({"ph":"B","pid":6916,"tid":1,"name":"OsNamedPipeWrite","ts":69.000,"args":{"line":119,"message":"Entered","log":")"
-        R"(2026-11-21T11:30:56.859177Z 6916 140676572878656 -T- OsNamedPipeWrite (.//NamedPipeLinux:119) Entered"}})"));
+        lTrace,
+        R"({"ph":"E","pid":6916,"tid":1,"name":"OsNamedPipeWrite","ts":73.000,"args":{"log":")"
+        R"(2026-11-21T11:30:56.859177Z 6916 140676572878656 -T- OsNamedPipeWrite (.//NamedPipeLinux:119) Entered",)"
+        R"("messages":"Writing 4 bytes"}})"))
+        << lTrace;
 }
 
 TEST_F(OqtraceTest, ThePageContainsTheEventsInPlaceOfTheMark)

@@ -104,8 +104,11 @@ Thread& Calls::threadOf(const LogLine& acrLine)
     if (NULL == mpLast || acrLine.mThread != mpLast->mHandle || acrLine.mProcess != mpLast->mProcess) {
         Thread*& lrpThread = mThreadsByHandle[{acrLine.mProcess, acrLine.mThread}];
         if (NULL == lrpThread) {
-            mThreads.push_back(
-                Thread{acrLine.mProcess, acrLine.mThread, static_cast<unsigned int>(mThreads.size() + 1), {}});
+            mThreads.push_back(Thread{acrLine.mProcess,
+                                      acrLine.mThread,
+                                      static_cast<unsigned int>(mThreads.size() + 1),
+                                      {},
+                                      std::string(acrLine.mLog)});
             lrpThread = &mThreads.back();
             for (Observer* const lpObserver : mObservers) {
                 lpObserver->onThread(*lrpThread);

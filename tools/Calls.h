@@ -37,6 +37,7 @@ struct Thread {
     uint64_t mHandle;
     unsigned int mNumber;     ///< counts all threads from 1, in the order of their first lines
     std::vector<Call> mOpen;  ///< outermost first
+    std::string mLog;         ///< path of the log that has its first line
 };
 
 /// Receives what happens. Each time is later than that of the event before.

@@ -243,6 +243,7 @@ bool LogFile::next()
 bool LogFile::take(std::string_view aText)
 {
     bool lCutBefore;
+    mLine.mLog = mPath;
     const LineParser::Kind lKind = mParser.parse(aText, mLine, lCutBefore);
     mLines += LineParser::Log == lKind ? 1 : 0;
     mCut += (LineParser::Cut == lKind ? 1 : 0) + (lCutBefore ? 1 : 0);

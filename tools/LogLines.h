@@ -24,6 +24,7 @@ struct LogLine {
     uint64_t mNumber = 0;  ///< of the line in the source file
     std::string_view mMessage;
     std::string_view mWhole;
+    std::string_view mLog;  ///< path of the log
 };
 
 /// Recognises lines. Keeps the last date, because most lines have the same.

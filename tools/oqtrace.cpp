@@ -159,8 +159,17 @@ void appendQuoted(std::string& arJson, std::string_view aText)
     arJson += '"';
 }
 
+/// A log does not contain the name of the program. Often the file has it: hostd.log is a log of hostd.
+std::string nameOf(const std::string& acrLog)
+{
+    const size_t lBegin = acrLog.rfind('/') + 1;  // 0 without a slash
+    const std::string lName = acrLog.substr(lBegin, acrLog.find('.', lBegin) - lBegin);
+    return lName.empty() || "-" == lName ? "process" : lName;
+}
+
 /// Writes an array of events. The times count from the first event. They are different quarters of microseconds, which
-/// viewers represent exactly.
+/// viewers represent exactly. The end of a call has its log lines: speedscope takes calls for the same operation only if
+/// the events at their begin are equal.
 class ChromeTrace : public Observer
 {
 public:
@@ -171,7 +180,9 @@ public:
         const std::string lProcess = std::to_string(acrThread.mProcess), lThread = std::to_string(acrThread.mNumber);
         if (mProcesses.emplace(acrThread.mProcess, true).second) {
             begin(acrThread, "M", "process_name");
-            mText += R"(,"args":{"name":"process )" + lProcess + "\"}}";
+            mText += R"(,"args":{"name":)";
+            appendQuoted(mText, nameOf(acrThread.mLog) + " " + lProcess);
+            mText += "}}";
         }
         begin(acrThread, "M", "thread_name");
         mText += R"(,"args":{"name":"thread )" + lThread + " (" + std::to_string(acrThread.mHandle) + ")\"}}";
@@ -180,21 +191,23 @@ public:
     {
         begin(acrThread, "B", acrLine.mFunction);
         appendTime(acrThread.mOpen.back().mEntered);
-        appendLine(acrLine);
+        mText += '}';
+        mEntered.resize(std::max<size_t>(mEntered.size(), acrThread.mNumber + 1));
+        mEntered[acrThread.mNumber].emplace_back(acrLine.mWhole);
     }
     void onEnded(const Thread& acrThread, End aEnd, int64_t aTime) override
     {
         const Call& lrCall = acrThread.mOpen.back();
         begin(acrThread, "E", mrCalls.name(lrCall.mOperation));
         appendTime(aTime);
-        mText += R"(,"args":{)";
-        const char* lpComma = "";
+        mText += R"(,"args":{"log":)";
+        appendQuoted(mText, mEntered[acrThread.mNumber].back());
+        mEntered[acrThread.mNumber].pop_back();
         if (End::Returned != aEnd) {
-            mText += End::Open == aEnd ? R"("open":true)" : R"("thrown":true)";
-            lpComma = ",";
+            mText += End::Open == aEnd ? R"(,"open":true)" : R"(,"thrown":true)";
         }
         if (!lrCall.mMessages.empty()) {
-            mText.append(lpComma).append(R"("messages":)");
+            mText += R"(,"messages":)";
             appendQuoted(mText, lrCall.mMessages);
         }
         mText += "}}";
@@ -255,7 +268,8 @@ private:
     Output& mrOutput;
     const Calls& mrCalls;
     std::string mText;
-    std::map<uint64_t, bool> mProcesses;  // those that have a name
+    std::map<uint64_t, bool> mProcesses;             // those that have a name
+    std::vector<std::vector<std::string>> mEntered;  // by number of the thread, the first lines of its open calls
     int64_t mStart = 0;
     int64_t mLast = -cQuarter;
     bool mFirst = true;
