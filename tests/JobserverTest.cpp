@@ -1,0 +1,167 @@
+// Tests the job server of the examples in real processes. Failures of the system are made in children of the test, which
+// run the same source.
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "Command.h"
+
+#define main jobserverMain
+#include "jobserver.cpp"
+#undef main
+
+namespace
+{
+
+bool isMailbox(pid_t aClient) { return 0 <= shmget(cFirstKey + aClient, 0, 0); }
+
+bool isRunning(pid_t aPid) { return 0 == kill(aPid, 0); }
+
+class JobserverTest : public RecordedTest
+{
+protected:
+    void SetUp() override
+    {
+        RecordedTest::SetUp();
+        keepNoEvents();
+        mFolder = path("");
+        mFolder.pop_back();
+    }
+    void TearDown() override
+    {
+        EXPECT_NE(0, access((mFolder + "/fifo").c_str(), F_OK)) << "the FIFO was left";
+        unlink((mFolder + "/lock").c_str());
+        for (const std::string& lrProgram : mPrograms) {
+            unlink(lrProgram.c_str());
+        }
+        RecordedTest::TearDown();
+    }
+
+    std::unique_ptr<Command> started()
+    {
+        std::unique_ptr<Command> lServer(new Command({JOBSERVER, mFolder}));
+        EXPECT_TRUE(lServer->readUntil([&] { return contains(lServer->error(), "ready"); })) << lServer->error();
+        return lServer;
+    }
+    static void end(Command& arServer, int aSignal = SIGTERM)
+    {
+        arServer.kill(aSignal);
+        EXPECT_EQ(0, arServer.finish().mStatus) << arServer.error();
+    }
+    static void killed(Command& arServer)
+    {
+        arServer.kill(SIGKILL);
+        EXPECT_EQ(-SIGKILL, arServer.finish().mStatus);
+    }
+
+    std::unique_ptr<Command> client(const std::string& acrCommand)
+    {
+        return std::unique_ptr<Command>(new Command({JOBSERVER, mFolder, acrCommand}));
+    }
+    /// Expects an answer, and that the client's mailbox is gone.
+    static void expectAnswer(const std::string& acrAnswer, Command& arClient)
+    {
+        const pid_t lPid = arClient.pid();
+        const Result lResult = arClient.finish();
+        EXPECT_EQ(acrAnswer + "\n", lResult.mOut) << lResult.mError;
+        EXPECT_EQ("exit status 0" == acrAnswer ? 0 : 1, lResult.mStatus);
+        EXPECT_FALSE(isMailbox(lPid));
+    }
+    void expectAnswer(const std::string& acrAnswer, const std::string& acrCommand)
+    {
+        expectAnswer(acrAnswer, *client(acrCommand));
+    }
+    /// Expects that the client reports this failure, and that its mailbox is gone.
+    static void expectFailure(const std::string& acrText, Command& arClient)
+    {
+        const pid_t lPid = arClient.pid();
+        const Result lResult = arClient.finish();
+        EXPECT_EQ("", lResult.mOut);
+        EXPECT_TRUE(contains(lResult.mError, "jobserver: " + acrText)) << lResult.mError;
+        EXPECT_EQ(1, lResult.mStatus);
+        EXPECT_FALSE(isMailbox(lPid));
+    }
+
+    std::string program(const std::string& acrName, const std::string& acrLines)
+    {
+        mPrograms.push_back(path(acrName));
+        writeProgram(mPrograms.back(), "#!/bin/sh\n" + acrLines);
+        return mPrograms.back();
+    }
+    /// A job that writes its process id into a file and then runs until a signal ends it.
+    std::string endlessJob() { return program("endless", "echo $$ >" + pidFile() + "\nexec sleep 1000\n"); }
+    std::string pidFile()
+    {
+        mPrograms.push_back(path("pid"));
+        return mPrograms.back();
+    }
+    pid_t endlessPid()
+    {
+        EXPECT_TRUE(eventually([&] { return contains(contentOf(path("pid")), "\n"); }));
+        return atoi(contentOf(path("pid")).c_str());
+    }
+
+    void send(const std::string& acrBytes) OQCPipe lPipe((mFolder + "/fifo").c_str(), OQFM_Mode1, OQPS_NonBlocking);
+    const std::string lFiller(PIPE_BUF, '\n');
+    while (lFiller.size() == lPipe.write(lFiller.data(), PIPE_BUF)) {
+    }
+    expectFailure("cannot send the request: Resource temporarily unavailable\n", *client("/bin/true"));
+    lServer->kill(SIGCONT);
+    EXPECT_TRUE(eventually([&] {
+        int lWaiting = -1;
+        return 0 == ioctl(lPipe.get(), FIONREAD, &lWaiting) && 0 == lWaiting;
+    }));
+    expectAnswer("exit status 0", "/bin/true");
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, AThreadThatCannotStartIsAFailedStartThatLeavesNothing)
+{
+    for (unsigned int lThread = 1; lThread <= cWorkers; ++lThread) {
+        const Result lResult = resultInChild([&] {
+            static Recording sRecording;
+            substitute::pthread_create.failOn(lThread, EAGAIN, EAGAIN);
+        });
+        EXPECT_EQ(1, lResult.mStatus);
+        EXPECT_TRUE(contains(lResult.mError, ": Resource temporarily unavailable\n")) << lResult.mError;
+        EXPECT_NE(0, access((mFolder + "/fifo").c_str(), F_OK));
+    }
+    const auto lServer = started();
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, AStartWithoutDescriptorsFailsWithTheTextOfTheSystemAndTheNextStartWorks)
+{
+    const auto lFree = [](rlim_t aDescriptors) {
+        const int lLowest = dup(0);
+        close(lLowest);
+        const rlimit lLimit = {static_cast<rlim_t>(lLowest) + aDescriptors,
+                               static_cast<rlim_t>(lLowest) + aDescriptors};
+        setrlimit(RLIMIT_NOFILE, &lLimit);
+    };
+    const Result lNone = resultInChild([&] { lFree(0); });
+    EXPECT_EQ(1, lNone.mStatus);
+    EXPECT_TRUE(contains(lNone.mError, ": cannot open the lock file: Too many open files\n")) << lNone.mError;
+    const Result lOne = resultInChild([&] { lFree(1); });
+    EXPECT_EQ(1, lOne.mStatus);
+    EXPECT_TRUE(contains(lOne.mError, ": Too many open files\n")) << lOne.mError;
+    const auto lServer = started();
+    expectAnswer("exit status 0", "/bin/true");
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, AWholeLifeInAChildOfTheTest)
+{
+    std::string lName = "jobserver";
+    char* lWords[] = {&lName[0], &mFolder[0], nullptr};
+    Command lServer({}, [&] { _exit(jobserverMain(2, lWords)); });
+    EXPECT_TRUE(lServer.readUntil([&] { return contains(lServer.error(), "ready"); }));
+    expectAnswer("exit status 3", program("three", "exit 3\n"));
+    expectAnswer("cannot run /nonexistent/program: No such file or directory", "/nonexistent/program");
+    end(lServer);
+}
+
+}  // namespace
