@@ -104,7 +104,174 @@ protected:
         return atoi(contentOf(path("pid")).c_str());
     }
 
-    void send(const std::string& acrBytes) OQCPipe lPipe((mFolder + "/fifo").c_str(), OQFM_Mode1, OQPS_NonBlocking);
+    void send(const std::string& acrBytes)
+    {
+        OQCPipe lPipe((mFolder + "/fifo").c_str(), OQFM_Mode1, OQPS_Blocking);
+        EXPECT_EQ(acrBytes.size(), lPipe.write(acrBytes.data(), static_cast<unsigned int>(acrBytes.size())));
+    }
+
+    /// Runs the server in a child of the test after a preparation.
+    Result resultInChild(const std::function<void()>& acrPrepare)
+    {
+        return resultOf({}, [&] {
+            acrPrepare();
+            std::string lName = "jobserver";
+            char* lWords[] = {&lName[0], &mFolder[0], nullptr};
+            _exit(jobserverMain(2, lWords));
+        });
+    }
+
+    std::string mFolder;
+    Strings mPrograms;
+};
+
+TEST_F(JobserverTest, RunsProgramsAndReportsHowTheyEnd)
+{
+    const auto lServer = started();
+    expectAnswer("exit status 0", "/bin/echo two  words");
+    EXPECT_TRUE(lServer->readUntil([&] { return "two words\n" == lServer->out(); }));
+    expectAnswer("exit status 7", program("seven", "exit 7\n"));
+    expectAnswer("ended by signal 15", program("ended", "kill -15 $$\n"));
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, ReportsAProgramThatCannotBeRunWithTheTextOfTheSystem)
+{
+    const auto lServer = started();
+    expectAnswer("cannot run /nonexistent/program: No such file or directory", "/nonexistent/program");
+    expectAnswer("cannot run /tmp: Permission denied", "/tmp");
+    expectAnswer("exit status 0", "/bin/true");
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, AnswersManyClientsEachWithItsOwnAnswer)
+{
+    const auto lServer = started();
+    const std::string lProgram = program("status", "exit $1\n");
+    std::vector<std::unique_ptr<Command>> lClients;
+    for (int lStatus = 0; lStatus < 20; ++lStatus) {
+        lClients.push_back(client(lProgram + " " + std::to_string(lStatus)));
+    }
+    for (int lStatus = 0; lStatus < 20; ++lStatus) {
+        expectAnswer("exit status " + std::to_string(lStatus), *lClients[static_cast<size_t>(lStatus)]);
+    }
+    end(*lServer, SIGINT);
+}
+
+TEST_F(JobserverTest, RefusesASecondServer)
+{
+    const auto lServer = started();
+    const Result lSecond = resultOf({JOBSERVER, mFolder});
+    EXPECT_EQ(1, lSecond.mStatus);
+    EXPECT_TRUE(contains(lSecond.mError, "jobserver: another server is running\n")) << lSecond.mError;
+    expectAnswer("exit status 0", "/bin/true");
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, ASignalEndsTheServerAndItsJobs)
+{
+    for (const int lSignal : {SIGTERM, SIGINT}) {
+        const auto lServer = started();
+        const auto lClient = client(endlessJob());
+        const pid_t lJob = endlessPid();
+        EXPECT_TRUE(isRunning(lJob));
+        end(*lServer, lSignal);
+        EXPECT_FALSE(isRunning(lJob));
+        expectAnswer("ended by signal 9", *lClient);
+        EXPECT_NE(0, access((mFolder + "/fifo").c_str(), F_OK));
+        unlink(path("pid").c_str());
+    }
+}
+
+TEST_F(JobserverTest, AServerStartsAfterOneThatWasKilledWhoseClientsGetNoAnswer)
+{
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // this process inherits the job of the killed server
+    auto lServer = started();
+    const auto lClient = client(endlessJob());
+    const pid_t lJob = endlessPid();
+    lServer->kill(SIGKILL);
+    expectFailure("no answer: the server or this client ends\n", *lClient);
+    EXPECT_EQ(0, access((mFolder + "/fifo").c_str(), F_OK));
+    kill(lJob, SIGKILL);  // the job has the outputs of the server
+    EXPECT_EQ(-SIGKILL, lServer->finish().mStatus);
+    EXPECT_EQ(lJob, waitpid(lJob, nullptr, 0));
+    expectFailure("no server is running\n", *client("/bin/true"));
+    lServer = started();
+    expectAnswer("exit status 0", "/bin/true");
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, AClientThatIsEndedRemovesItsMailbox)
+{
+    const auto lServer = started();
+    const auto lClient = client(endlessJob());
+    const pid_t lJob = endlessPid(), lPid = lClient->pid();
+    EXPECT_TRUE(isMailbox(lPid));
+    lClient->kill(SIGTERM);
+    expectFailure("no answer: the server or this client ends\n", *lClient);
+    kill(lJob, SIGKILL);
+    EXPECT_TRUE(lServer->readUntil([&] { return contains(lServer->error(), std::to_string(lPid) + " has ended"); }));
+    end(*lServer);
+    EXPECT_FALSE(isMailbox(lPid));
+}
+
+TEST_F(JobserverTest, TheServerRemovesTheMailboxOfAClientThatWasKilled)
+{
+    const auto lServer = started();
+    const auto lClient = client(endlessJob());
+    const pid_t lJob = endlessPid(), lPid = lClient->pid();
+    killed(*lClient);
+    EXPECT_TRUE(isMailbox(lPid));
+    kill(lJob, SIGKILL);
+    EXPECT_TRUE(lServer->readUntil([&] { return contains(lServer->error(), std::to_string(lPid) + " has ended"); }));
+    expectAnswer("exit status 0", "/bin/true");
+    end(*lServer);
+    EXPECT_FALSE(isMailbox(lPid));
+}
+
+TEST_F(JobserverTest, AClientThatDoesNotReadDelaysNoOtherClient)
+{
+    const auto lServer = started();
+    const std::string lPid = std::to_string(getpid());
+    OQCMailbox lMailbox(cFirstKey + getpid(), cMailboxSize, OQCM_Server);
+    send(lPid + " /bin/true\n" + lPid + " /bin/false\n");
+    expectAnswer("exit status 0", "/bin/true");
+    EXPECT_FALSE(contains(lServer->error(), "does not read"));
+    EXPECT_TRUE(lServer->readUntil(
+        [&] { return contains(lServer->error(), "client " + lPid + " has ended, or does not read"); }));
+    end(*lServer);
+}
+
+TEST_F(JobserverTest, ARequestMayArriveInPiecesAndABrokenOneSpoilsNoOther)
+{
+    const auto lServer = started();
+    const std::string lRequest = std::to_string(getpid()) + " /bin/false\n";
+    char lBytes[100];
+    unsigned int lLength = 0;
+    {
+        OQCMailbox lMailbox(cFirstKey + getpid(), cMailboxSize, OQCM_Server);
+        for (const char lByte : lRequest) {
+            send(std::string(1, lByte));
+        }
+        EXPECT_TRUE(lMailbox.receive(lBytes, sizeof lBytes, lLength, std::chrono::minutes(1)));
+        EXPECT_EQ("exit status 1", std::string(lBytes, lLength));
+    }
+    const std::string lPid = std::to_string(getpid());
+    for (const std::string& lrBroken : {lPid + " /bin/tr", std::string("\n\n no request\n-1 /bin/true\n7\n"),
+                                        lPid + " /bin/true " + std::string(3 * PIPE_BUF, 'x')}) {
+        send(lrBroken);
+        expectAnswer("exit status 0", "/bin/true");
+    }
+    end(*lServer);
+    EXPECT_FALSE(isMailbox(getpid()));
+}
+
+TEST_F(JobserverTest, AClientReportsARequestThatCannotBeSent)
+{
+    const auto lServer = started();
+    expectFailure("cannot send the request: Message too long\n", *client("/bin/true " + std::string(PIPE_BUF, 'x')));
+    lServer->kill(SIGSTOP);
+    OQCPipe lPipe((mFolder + "/fifo").c_str(), OQFM_Mode1, OQPS_NonBlocking);
     const std::string lFiller(PIPE_BUF, '\n');
     while (lFiller.size() == lPipe.write(lFiller.data(), PIPE_BUF)) {
     }
@@ -114,6 +281,7 @@ protected:
         int lWaiting = -1;
         return 0 == ioctl(lPipe.get(), FIONREAD, &lWaiting) && 0 == lWaiting;
     }));
+    lPipe.close();
     expectAnswer("exit status 0", "/bin/true");
     end(*lServer);
 }
