@@ -18,9 +18,9 @@
 #include <vector>
 
 const unsigned int cWorkers = 4;
-const key_t cFirstKey = 0x4a000000;              // plus the client's process id: the key of its mailbox
-const unsigned int cMailboxSize = 2 * PIPE_BUF;  // an answer may repeat a word of the request
-const std::chrono::milliseconds cStep(50);       // how often each wait tests whether this process ends
+const key_t cFirstKey = 0x4a000000, cLargestId = 0x400000;  // a mailbox has the first key plus a process id
+const unsigned int cMailboxSize = 2 * PIPE_BUF;             // an answer may repeat a word of the request
+constexpr std::chrono::milliseconds cStep(50);              // how often each wait tests whether this process ends
 
 static std::atomic<bool> sEnds(false);
 static void requestEnd(int) { sEnds = true; }
@@ -70,21 +70,21 @@ static void work(Queue& arQueue)
         for (char *lpRest, *lpWord = &lLine[0]; NULL != (lpWord = strtok_r(lpWord, " ", &lpRest)); lpWord = NULL) {
             lWords.push_back(lpWord);
         }
-        const int lClient = lWords.size() < 2 || PIPE_BUF <= lLine.size() ? 0 : atoi(lWords[0]);
+        const long lClient = lWords.size() < 2 || PIPE_BUF <= lLine.size() ? 0 : strtol(lWords[0], NULL, 10);
         lWords.push_back(NULL);
-        if (lClient <= 0) {
+        if (lClient <= 0 || cLargestId < lClient) {
             continue;  // an empty line, or one that is no request
         }
         try {
             const std::string lAnswer = run(&lWords[1]);
             // A killed client leaves its mailbox. This process opens it as the server, so that the destructor removes it.
-            const bool lIsDead = OsKill(lClient, 0) < 0 && ESRCH == errno;
-            OQCMailbox lMailbox(cFirstKey + lClient, cMailboxSize, lIsDead ? OQCM_Server : OQCM_Client);
+            const bool lIsDead = OsKill(int(lClient), 0) < 0 && ESRCH == errno;
+            OQCMailbox lMailbox(cFirstKey + int(lClient), cMailboxSize, lIsDead ? OQCM_Server : OQCM_Client);
             if (!lMailbox.write(lAnswer.data(), unsigned(lAnswer.size()))) {
-                warnx("client %d has ended, or does not read", lClient);
+                warnx("client %ld has ended, or does not read", lClient);
             }
         } catch (const OQCException& acrFailure) {  // concerns one client only
-            warnx("no answer for client %d: %s", lClient, acrFailure.what());
+            warnx("no answer for client %ld: %s", lClient, acrFailure.what());
         }
     }
 }

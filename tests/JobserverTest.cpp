@@ -257,8 +257,10 @@ TEST_F(JobserverTest, ARequestMayArriveInPiecesAndABrokenOneSpoilsNoOther)
         EXPECT_EQ("exit status 1", std::string(lBytes, lLength));
     }
     const std::string lPid = std::to_string(getpid());
-    for (const std::string& lrBroken : {lPid + " /bin/tr", std::string("\n\n no request\n-1 /bin/true\n7\n"),
-                                        lPid + " /bin/true " + std::string(3 * PIPE_BUF, 'x')}) {
+    for (const std::string& lrBroken :
+         {lPid + " /bin/tr",
+          std::string("\n\n no request\n-1 /bin/true\n7\n2147483647 /bin/true\n99999999999 /bin/true\n"),
+          lPid + " /bin/true " + std::string(3 * PIPE_BUF, 'x')}) {
         send(lrBroken);
         expectAnswer("exit status 0", "/bin/true");
     }
