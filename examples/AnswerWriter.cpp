@@ -27,15 +27,7 @@ void AnswerWriter::send(AnswerKind aKind, const std::string& acrText)
     unsigned char lMessage[cMessageSize];
     ClibMemcpy(lMessage, &lHeader, sizeof lHeader);
     ClibMemcpy(lMessage + sizeof lHeader, acrText.data(), static_cast<unsigned int>(acrText.size()));
-    const unsigned int lLength = static_cast<unsigned int>(sizeof lHeader + acrText.size());
-
-    unsigned int lWritten = 0;  // keeps this value if the write is cancelled because a peer is missing
-    try {
-        OsSharedMemoryWrite(mMailbox, lMessage, lLength, lWritten);
-    } catch (const OQCTimeOutEx&) {
-        throw AnswerDropped{"nobody took the message before it"};
-    }
-    if (lWritten != lLength) {
-        throw AnswerDropped{"no tool has opened the mailbox yet"};
+    if (!mMailbox.write(lMessage, static_cast<unsigned int>(sizeof lHeader + acrText.size()))) {
+        throw AnswerDropped{"no tool takes it"};
     }
 }

@@ -18,7 +18,7 @@ struct AnswerDropped {
 class AnswerWriter
 {
 public:
-    AnswerWriter(OQShmDesc& arMailbox, const std::string& acrToken, std::function<bool()> aIsEnding)
+    AnswerWriter(OQCMailbox& arMailbox, const std::string& acrToken, std::function<bool()> aIsEnding)
         : mMailbox(arMailbox), mToken(acrToken), mIsEnding(std::move(aIsEnding)), mSequence(0)
     {
     }
@@ -35,7 +35,7 @@ public:
 private:
     void send(AnswerKind aKind, const std::string& acrText);
 
-    OQShmDesc& mMailbox;
+    OQCMailbox& mMailbox;
     const std::string mToken;
     const std::function<bool()> mIsEnding;
     std::string mText;  ///< not sent yet

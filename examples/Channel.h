@@ -11,9 +11,10 @@
 
 #include <stdint.h>
 
+#include <stdexcept>
 #include <string>
 
-#include "OQLinux.h"
+#include "OQGuards.h"
 
 const char cRequestStart = '\x02';
 const char cRequestEnd = '\n';
@@ -67,6 +68,17 @@ const char* refusalOf(const std::string& acrVerb, const std::string& acrArgument
 
 /// Returns the system's text for the current errno.
 std::string systemError();
+
+/// Performs a step. Throws: std::runtime_error "cannot STEP: reason" when the layer throws.
+template <class Step>
+auto attempt(const std::string& acrStep, Step aPerform) -> decltype(aPerform())
+{
+    try {
+        return aPerform();
+    } catch (const OQCException& acrFailure) {
+        throw std::runtime_error("cannot " + acrStep + ": " + acrFailure.what());
+    }
+}
 
 /// Tests a condition every 10 ms until it holds. The function counts its sleeps, so setting the clock does not change
 /// the limit.

@@ -52,15 +52,34 @@ std::string privateDirectory()
     return lPath;
 }
 
-int openOwnFile(const OQCString& acrPath, int aFlags)
+OpenFile openOwnFile(const OQCString& acrPath, int aFlags)
 {
-    const int lFile = ClibOpen(acrPath.get(), aFlags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
-    const std::string lFault = lFile < 0 ? "" : findFault(lFile, S_IFREG);
+    const int lDescriptor = ClibOpen(acrPath.get(), aFlags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+    OpenFile lFile(lDescriptor < 0 ? NULL : fdopen(lDescriptor, O_RDONLY == aFlags ? "r" : "r+"), fclose);
+    const std::string lFault = lFile ? findFault(lDescriptor, S_IFREG) : "";
     if (!lFault.empty()) {
-        ClibClose(lFile);
         throw std::runtime_error(std::string(acrPath.get()) + " " + lFault);
     }
     return lFile;
+}
+
+LockedFile lockOwnFile(const OQCString& acrPath, int aFlags, std::chrono::milliseconds aLimit, const char* acTaken)
+{
+    for (;;) {
+        OpenFile lFile = openOwnFile(acrPath, aFlags);
+        if (!lFile) {
+            throw std::runtime_error(std::string("cannot open ") + acrPath.get() + ": " + systemError());
+        }
+        try {
+            OQCFileLock lLock(fileno(lFile.get()), aLimit);
+            if (isNamed(fileno(lFile.get()), acrPath)) {
+                return LockedFile{std::move(lFile), std::move(lLock)};
+            }
+            // The last holder removed the file between the open and the lock. This lock excludes no other process.
+        } catch (const OQCFileLockFailedEx&) {
+            throw std::runtime_error(acTaken);
+        }
+    }
 }
 
 void checkOwnFifo(int aDescriptor, const OQCString& acrPath)

@@ -4,21 +4,37 @@
 #ifndef HOSTD_OWNERSHIP_H
 #define HOSTD_OWNERSHIP_H
 
+#include <stdio.h>
 #include <sys/types.h>
 
+#include <chrono>
+#include <memory>
 #include <string>
 
-#include "OQLinux.h"
+#include "OQGuards.h"
 
 /// Returns the directory of all files of a daemon: $XDG_RUNTIME_DIR or, if that is not an absolute path,
 /// /tmp/hostd-UID, which the function creates. Only this user can write to the directory, so no other user can replace
 /// a file in it between two calls. Throws: std::runtime_error when other users have access to the directory.
 std::string privateDirectory();
 
+typedef std::unique_ptr<FILE, int (*)(FILE*)> OpenFile;
+
 /// Opens a regular file. Does not follow a symbolic link and does not wait for the peer of a FIFO.
-/// \return the descriptor; negative with errno set when the file cannot be opened. Throws: std::runtime_error when the
-/// file is of another kind, belongs to another user or has a second name.
-int openOwnFile(const OQCString& acrPath, int aFlags);
+/// \return null with errno set when the file cannot be opened. Throws: std::runtime_error when the file is of another
+/// kind, belongs to another user or has a second name.
+OpenFile openOwnFile(const OQCString& acrPath, int aFlags);
+
+/// An open file and the lock on it. Closing any descriptor of the file releases the locks of the process, so no other
+/// code in this process may open the file.
+struct LockedFile {
+    OpenFile mFile;
+    OQCFileLock mLock;
+};
+
+/// Opens a file as openOwnFile() does, and locks it. Waits for at most \p aLimit until other processes unlock it. Throws:
+/// std::runtime_error, with the text \p acTaken when another process holds the lock.
+LockedFile lockOwnFile(const OQCString& acrPath, int aFlags, std::chrono::milliseconds aLimit, const char* acTaken);
 
 /// Throws: std::runtime_error unless the descriptor refers to a FIFO that the path names directly, not by a symbolic
 /// link.

@@ -5,7 +5,7 @@
 
 #include <deque>
 
-#include "OQLinux.h"
+#include "OQGuards.h"
 #include "RequestParser.h"
 
 /// A request to answer, or a refusal to send. Both go through the queue, because the mailbox has only one writer.
@@ -19,11 +19,6 @@ struct Job {
 class RequestQueue
 {
 public:
-    RequestQueue();
-    ~RequestQueue();
-    RequestQueue(const RequestQueue&) = delete;
-    RequestQueue& operator=(const RequestQueue&) = delete;
-
     /// \return false when the queue is full; refusals have additional room
     bool put(const Job& acrJob);
 
@@ -36,10 +31,10 @@ public:
     bool isClosed();
 
 private:
-    pthread_mutex_t mMutex;
-    pthread_cond_t mChanged;
+    OQCMutex mMutex;
+    OQCCondition mChanged;
     std::deque<Job> mJobs;
-    bool mClosed;
+    bool mClosed = false;
 };
 
 #endif

@@ -1,17 +1,18 @@
 #include "Services.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <stdexcept>
 
-#include "LockedFile.h"
+#include "Ownership.h"
 
 namespace
 {
 
 /// The result file of isProcessRunning(). All programs of the host share it.
 const char* const cRunningFile = "/tmp/.vyrsyscmd";
-const unsigned int cRunningPatience = 2000;  // milliseconds; shorter than a tool waits
+const std::chrono::seconds cRunningPatience(2);  // shorter than a tool waits
 
 /// Returns the lines that a fixed command prints. The layer does not report a failed command, so empty output counts as
 /// a failure.
@@ -51,14 +52,11 @@ std::string operatingSystem()
     return std::string(OQOS_Linux == lFamily ? "Linux" : "unknown") + ": " + lRelease.get() + "\n";
 }
 
-/// All callers of the host share one result file, so this function locks the file during use. LockedFile does not open
-/// another user's file, because that user could determine the result.
+/// All callers of the host share one result file, so this function locks the file during use. It does not open another
+/// user's file, because that user could determine the result.
 std::string processState(const std::string& acrName)
 {
-    LockedFile lTurn(cRunningFile);
-    if (!waitUntil(cRunningPatience, [&] { return lTurn.tryLock(LockedFile::Create); })) {
-        throw std::runtime_error(std::string(cRunningFile) + " is in use");
-    }
+    const LockedFile lTurn = lockOwnFile(cRunningFile, O_RDWR | O_CREAT, cRunningPatience, "/tmp/.vyrsyscmd is in use");
     if (1 == isProcessRunning(acrName.c_str())) {
         return acrName + " is running\n";
     }

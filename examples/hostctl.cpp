@@ -8,13 +8,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <stdexcept>
 
 #include "Channel.h"
-#include "LockedFile.h"
 #include "OQCompanionSettings.h"
 #include "Ownership.h"
 #include "Startup.h"
@@ -22,11 +21,11 @@
 namespace
 {
 
-const unsigned int cStartPatience = 5000;  // milliseconds until a daemon is ready
-const unsigned int cStopPatience = 10000;  // milliseconds until a daemon has ended
-const unsigned int cTurnPatience = 30000;  // milliseconds until this tool gets its turn
-const unsigned int cPipePatience = 1000;   // milliseconds until there is room in the FIFO
-const unsigned int cAnswerPatience = 5;    // seconds until the next message of an answer
+const unsigned int cStartPatience = 5000;      // milliseconds until a daemon is ready
+const unsigned int cStopPatience = 10000;      // milliseconds until a daemon has ended
+const std::chrono::seconds cTurnPatience(30);  // until this tool gets its turn
+const unsigned int cPipePatience = 1000;       // milliseconds until there is room in the FIFO
+const unsigned int cAnswerPatience = 5;        // seconds until the next message of an answer
 
 const char* const cUsage =
     "usage: hostctl [--name NAME] [--trace] COMMAND\n"
@@ -59,21 +58,19 @@ struct Daemon {
 Daemon findDaemon(const Channel& acrChannel)
 {
     const char* const lpPath = acrChannel.mLock.get();
-    const int lFile = openOwnFile(acrChannel.mLock, O_RDONLY);
-    if (lFile < 0) {
+    const OpenFile lFile = openOwnFile(acrChannel.mLock, O_RDONLY);
+    if (!lFile) {
         if (ENOENT != errno) {
             throw Failure(std::string("cannot open ") + lpPath + ": " + systemError());
         }
         return Daemon{0, false};
     }
+    const int lDescriptor = fileno(lFile.get());
     struct flock lLock = {};  // from the beginning to the end
     lLock.l_type = F_WRLCK;
     char lNumber[16] = "";
-    const bool lRead = 0 == fcntl(lFile, F_GETLK, &lLock) && 0 <= pread(lFile, lNumber, sizeof lNumber - 1, 0);
-    const std::string lError = systemError();
-    ClibClose(lFile);
-    if (!lRead) {
-        throw Failure(std::string("cannot read ") + lpPath + ": " + lError);
+    if (fcntl(lDescriptor, F_GETLK, &lLock) < 0 || pread(lDescriptor, lNumber, sizeof lNumber - 1, 0) < 0) {
+        throw Failure(std::string("cannot read ") + lpPath + ": " + systemError());
     }
     if (F_UNLCK == lLock.l_type) {
         return Daemon{0, false};
@@ -110,7 +107,7 @@ std::string daemonPath()
     return lSelf.substr(0, lSelf.rfind('/')) + "/hostd";
 }
 
-int createDaemon(const Options& acrOptions)
+OQCProcess startDaemon(const Options& acrOptions)
 {
     const std::string lPath = daemonPath();
     Words lWords = {lPath, "--detach", "--name", acrOptions.mName};
@@ -127,17 +124,7 @@ int createDaemon(const Options& acrOptions)
     }
     lArguments.push_back(NULL);
 
-    const pid_t lSelf = getpid();
-    try {
-        return ProcessCreate(lPath.c_str(), lArguments.data(), environ);
-    } catch (const OQCProcessCreationFailedEx& acrFailure) {
-        if (getpid() == lSelf) {
-            throw Failure(std::string("cannot make a process: ") + acrFailure.what());
-        }
-        // This is the child, a copy of this program. It only prints the reason: nothing else may happen twice.
-        fprintf(stderr, "hostctl: cannot run %s: %s\n", lPath.c_str(), acrFailure.what());
-        _exit(127);
-    }
+    return attempt("run " + lPath, [&] { return OQCProcess(lPath.c_str(), lArguments.data(), environ, OQAE_Leave); });
 }
 
 int start(const Options& acrOptions)
@@ -147,30 +134,28 @@ int start(const Options& acrOptions)
     if (0 != lRunning.mPid) {
         throw Failure("hostd is already running, process " + std::to_string(lRunning.mPid));
     }
-    const int lChild = createDaemon(acrOptions);
+    OQCProcess lChild = startDaemon(acrOptions);
+    const int lPid = lChild.id();
     bool lReady = false;
-    int lStatus = 0;
-    bool lEnded = false;
     const bool lKnown = waitUntil(cStartPatience, [&] {
         const Daemon lNow = findDaemon(lChannel);
-        lReady = lChild == lNow.mPid && lNow.mReady;
-        // The layer offers only an unlimited wait for a child. This call polls.
-        lEnded = !lReady && lChild == waitpid(lChild, &lStatus, WNOHANG);
-        return lReady || lEnded;
+        lReady = lPid == lNow.mPid && lNow.mReady;
+        return lReady || lChild.waitFor(std::chrono::seconds(0));
     });
     if (!lKnown) {
-        OsKill(lChild, SIGKILL);
-        ProcessWait(lChild, 0);
+        lChild.kill();
+        lChild.wait();
         throw Failure("hostd was not ready after 5 seconds and was ended");
     }
-    if (lEnded) {
-        if (WIFSIGNALED(lStatus)) {
-            throw Failure("hostd was ended by signal " + std::to_string(WTERMSIG(lStatus)) + " while it started");
-        }
-        return 1;  // the child has printed the reason
+    if (lReady) {
+        printf("hostd is running, process %d\n", lPid);
+        return 0;
     }
-    printf("hostd is running, process %d\n", lChild);
-    return 0;
+    const int lStatus = lChild.wait();
+    if (lStatus < 0) {
+        throw Failure("hostd was ended by signal " + std::to_string(-lStatus) + " while it started");
+    }
+    return 1;  // the child has printed the reason
 }
 
 // ---- stop -----------------------------------------------------------------------------------------------------------
@@ -193,69 +178,16 @@ int stop(const Options& acrOptions)
 
 // ---- ask ------------------------------------------------------------------------------------------------------------
 
-/// The client side of the mailbox.
-class Mailbox
+OQCMailbox openMailbox(key_t aKey)
 {
-public:
-    explicit Mailbox(key_t aKey) : mSegment()
-    {
-        mSegment.shm_key = aKey;
-        mSegment.shm_size = cSegmentSize;
-        try {
-            OsSharedMemoryOpen(mSegment, OQCM_Client);
-        } catch (const OQCException& acrFailure) {
-            throw Failure(std::string("cannot open hostd's mailbox: ") + acrFailure.what());
-        }
-        if (!isOwnSegment(mSegment.shm_id)) {
-            close();
-            throw Failure("the mailbox belongs to another user");
-        }
+    const int lId = shmget(aKey, 0, 0);
+    OQCMailbox lMailbox = attempt("open hostd's mailbox", [=] { return OQCMailbox(aKey, cSegmentSize, OQCM_Client); });
+    // The open segment is that of the id if the key still leads to it.
+    if (!isOwnSegment(lId) || shmget(aKey, 0, 0) != lId) {
+        throw Failure("the mailbox belongs to another user");
     }
-    ~Mailbox() { close(); }
-    Mailbox(const Mailbox&) = delete;
-    Mailbox& operator=(const Mailbox&) = delete;
-
-    /// \return whether a message arrived within a second
-    bool wait() const
-    {
-        try {
-            OsSharedMemoryWaitForActivity(mSegment, 1);
-            return true;
-        } catch (const OQCTimeOutEx&) {
-            return false;
-        }
-    }
-
-    /// Takes the message out of the mailbox. \return false if there is no message, or if it is too short
-    bool read(AnswerHeader& arHeader, std::string& arText)
-    {
-        unsigned char lMessage[cMessageSize];
-        unsigned int lLength = 0;
-        try {
-            OsSharedMemoryRead(mSegment, lMessage, sizeof lMessage, lLength);
-        } catch (const OQCTryAgainEx&) {
-            return false;
-        }
-        if (lLength < sizeof arHeader) {
-            return false;
-        }
-        ClibMemcpy(&arHeader, lMessage, sizeof arHeader);
-        arText.assign(reinterpret_cast<const char*>(lMessage + sizeof arHeader), lLength - sizeof arHeader);
-        return true;
-    }
-
-private:
-    void close()
-    {
-        try {
-            OsSharedMemoryClose(mSegment, OQCM_Client);
-        } catch (const OQCException&) {
-            // Ignored: the process ends soon, which detaches the segment.
-        }
-    }
-
-    OQShmDesc mSegment;
-};
+    return lMailbox;
+}
 
 /// Returns a token that is unique on this host: it contains this tool's process id, and each tool sends one request.
 std::string makeToken()
@@ -271,30 +203,23 @@ std::string makeToken()
 /// Writes the request with one call: it is written completely or not at all.
 void sendRequest(const Channel& acrChannel, const std::string& acrRequest)
 {
-    int lPipe = -1;  // keeps this value if the FIFO cannot be opened
-    OsNamedPipeOpen(lPipe, acrChannel.mPipe, OQFM_Mode1, OQPS_NonBlocking, OQCM_Client);
-    if (lPipe < 0) {
-        throw Failure(std::string("cannot open ") + acrChannel.mPipe.get() + ": " + systemError());
-    }
-    checkOwnFifo(lPipe, acrChannel.mPipe);
-    const bool lSent = waitUntil(cPipePatience, [&] {
-        unsigned int lDone = 0;  // keeps this value if the FIFO has no room
-        OsNamedPipeWrite(lPipe, reinterpret_cast<const unsigned char*>(acrRequest.data()),
-                         static_cast<unsigned int>(acrRequest.size()), lDone);
-        return acrRequest.size() == lDone;
-    });
-    OsNamedPipeClose(lPipe, OQCM_Client);
-    if (!lSent) {
+    OQCPipe lPipe = attempt(std::string("open ") + acrChannel.mPipe.get(),
+                            [&] { return OQCPipe(acrChannel.mPipe, OQFM_Mode1, OQPS_NonBlocking); });
+    checkOwnFifo(lPipe.get(), acrChannel.mPipe);
+    const unsigned int lSize = static_cast<unsigned int>(acrRequest.size());
+    if (!waitUntil(cPipePatience, [&] { return lSize == lPipe.write(acrRequest.data(), lSize); })) {
         throw Failure("hostd takes no requests: its FIFO is full; is it stopped?");
     }
 }
 
-/// Waits for the next message. Fails when the daemon that received the request ends.
-void waitForMessage(const Channel& acrChannel, const Daemon& acrDaemon, const Mailbox& acrMailbox)
+/// Waits for the next message. Fails when the daemon that received the request ends. \return bytes of the message
+unsigned int receive(const Channel& acrChannel, const Daemon& acrDaemon, OQCMailbox& arMailbox,
+                     unsigned char (&arMessage)[cMessageSize])
 {
     for (unsigned int lSecond = 0; lSecond < cAnswerPatience; ++lSecond) {
-        if (acrMailbox.wait()) {
-            return;
+        unsigned int lLength = 0;
+        if (arMailbox.receive(arMessage, sizeof arMessage, lLength, std::chrono::seconds(1))) {
+            return lLength;
         }
         if (findDaemon(acrChannel).mPid != acrDaemon.mPid) {
             throw Failure("hostd ended before the answer was whole");
@@ -306,18 +231,20 @@ void waitForMessage(const Channel& acrChannel, const Daemon& acrDaemon, const Ma
 
 /// Collects the messages of one answer. The caller prints the answer only when it is complete, so a slow reader of the
 /// output delays neither the daemon nor the next tool.
-std::string receiveAnswer(const Channel& acrChannel, const Daemon& acrDaemon, Mailbox& arMailbox,
+std::string receiveAnswer(const Channel& acrChannel, const Daemon& acrDaemon, OQCMailbox& arMailbox,
                           const std::string& acrToken)
 {
     std::string lAnswer;
     uint32_t lSequence = 0;
     for (;;) {
-        waitForMessage(acrChannel, acrDaemon, arMailbox);
+        unsigned char lMessage[cMessageSize];
+        const unsigned int lLength = receive(acrChannel, acrDaemon, arMailbox, lMessage);
         AnswerHeader lHeader;
-        std::string lText;
-        if (!arMailbox.read(lHeader, lText) || 0 != strncmp(lHeader.mToken, acrToken.c_str(), sizeof lHeader.mToken)) {
+        ClibMemcpy(&lHeader, lMessage, sizeof lHeader);
+        if (lLength < sizeof lHeader || 0 != strncmp(lHeader.mToken, acrToken.c_str(), sizeof lHeader.mToken)) {
             continue;  // for a tool that has ended
         }
+        const std::string lText(lMessage + sizeof lHeader, lMessage + lLength);
         if (AK_Error == lHeader.mKind) {
             throw Failure("hostd answered: " + lText);
         }
@@ -331,22 +258,25 @@ std::string receiveAnswer(const Channel& acrChannel, const Daemon& acrDaemon, Ma
     }
 }
 
-int ask(const Options& acrOptions, const std::string& acrVerb, const std::string& acrArgument)
+/// Sends a request while it is this tool's turn. \return the answer
+std::string answerTo(const Options& acrOptions, const std::string& acrVerb, const std::string& acrArgument)
 {
     const Channel lChannel(privateDirectory(), acrOptions.mName);
     findReadyDaemon(lChannel);
-    LockedFile lTurn(lChannel.mTurn);
-    if (!waitUntil(cTurnPatience, [&] { return lTurn.tryLock(LockedFile::Refuse); })) {
-        throw Failure("other tools have used hostd for 30 seconds");
-    }
+    const LockedFile lTurn =
+        lockOwnFile(lChannel.mTurn, O_RDWR, cTurnPatience, "other tools have used hostd for 30 seconds");
     const Daemon lDaemon = findReadyDaemon(lChannel);  // meanwhile another daemon may have started, or none may run
-    Mailbox lMailbox(lChannel.mKey);
+    OQCMailbox lMailbox = openMailbox(lChannel.mKey);
     const std::string lToken = makeToken();
     const std::string lBlank = acrArgument.empty() ? "" : " ";
     // receiveAnswer() discards messages with other tokens, such as those for a tool that died.
     sendRequest(lChannel, cRequestStart + lToken + " " + acrVerb + lBlank + acrArgument + cRequestEnd);
-    const std::string lAnswer = receiveAnswer(lChannel, lDaemon, lMailbox, lToken);
-    lTurn.release();
+    return receiveAnswer(lChannel, lDaemon, lMailbox, lToken);
+}
+
+int ask(const Options& acrOptions, const std::string& acrVerb, const std::string& acrArgument)
+{
+    const std::string lAnswer = answerTo(acrOptions, acrVerb, acrArgument);
     if (lAnswer.size() != fwrite(lAnswer.data(), 1, lAnswer.size(), stdout)) {
         throw Failure("cannot print the answer: " + systemError());
     }

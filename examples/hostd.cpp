@@ -1,8 +1,8 @@
 // hostd: a small daemon that answers questions about its host.
 //
 // The main thread reads requests from a FIFO and puts them into a queue. One worker thread takes them out and sends the
-// answers through a shared-memory mailbox. An object owns each resource, and its destructor removes the resource.
-// Resources are therefore removed in reverse order, after a failed start as well as at a normal end.
+// answers through a shared-memory mailbox. Guards own the resources, so they are released in reverse order, after a failed
+// start as well as at a normal end.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -18,7 +18,6 @@
 
 #include "AnswerWriter.h"
 #include "Channel.h"
-#include "LockedFile.h"
 #include "OQCompanionSettings.h"
 #include "Ownership.h"
 #include "RequestParser.h"
@@ -37,6 +36,7 @@ namespace
 const unsigned int cUsualLevels = OQLL_Halt | OQLL_Error | OQLL_Information;
 const unsigned int cAllLevels = cUsualLevels | OQLL_Trace;
 const unsigned int cIdleSeconds = 1;  // longest delay until a requested end is noticed
+const std::chrono::seconds cTurnPatience(2);
 const unsigned int cMostErrors = 30;  // error lines per minute
 
 const char* const cUsage = "usage: hostd [--name NAME] [--trace] [--log FILE] [--detach]\n";
@@ -109,210 +109,95 @@ void requestEnd(int) { sEndRequested = 1; }
 /// daemon runs: a new program inherits ignored signals but not handlers.
 void takeNote(int) {}
 
-/// Blocks or unblocks signals. A signal interrupts a call of the thread that receives it, and the call is not
-/// restarted. Only the main thread is prepared for that. It blocks the signals while it starts the worker, which
-/// inherits the blocked signals, and unblocks them when everything is set up.
-void setSignalsBlocked(bool aBlocked)
-{
-    sigset_t lSignals;
-    sigemptyset(&lSignals);
-    sigaddset(&lSignals, SIGTERM);
-    sigaddset(&lSignals, SIGINT);
-    pthread_sigmask(aBlocked ? SIG_BLOCK : SIG_UNBLOCK, &lSignals, NULL);
-}
-
 // ---- What the daemon owns -------------------------------------------------------------------------------------------
 
-/// The lock that excludes a second daemon of this name. The process that holds the lock on the named file owns all
-/// files of that name, and the segment.
-class Instance
+/// The lock that excludes a second daemon of this name, and the files of the name. The process that holds the lock on the
+/// named file owns all of them.
+class Files
 {
 public:
-    explicit Instance(const OQCString& acrPath) : mPath(acrPath), mLock(acrPath), mOwned(true)
+    explicit Files(const Channel& acrChannel) : mChannel(acrChannel), mLock(lock())
     {
-        if (!mLock.tryLock(LockedFile::Create)) {
-            throw std::runtime_error("another hostd of this name is running");
-        }
         // The file of a killed daemon still contains that daemon's process id.
-        if (ftruncate(mLock.descriptor(), 0) < 0) {
-            throw std::runtime_error(std::string("cannot empty ") + mPath.get() + ": " + systemError());
+        if (ftruncate(descriptor(), 0) < 0) {
+            throw std::runtime_error(std::string("cannot empty ") + mChannel.mLock.get() + ": " + systemError());
         }
     }
 
-    /// Removes the file while it is locked. A process that opened it earlier finds, once it gets the lock, that the
-    /// name is gone.
-    ~Instance()
+    /// Removes the files. Removes the lock file while it is locked: a process that opened it earlier finds, once it gets
+    /// the lock, that the name is gone. If a cleanup program has removed the lock file, a second daemon may have started
+    /// with a new lock file. If no process holds the new lock, this daemon takes it.
+    ~Files()
     {
-        if (ownsName()) {
-            ClibUnlink(mPath.get());
-        }
-        mLock.release();
-    }
-    Instance(const Instance&) = delete;
-    Instance& operator=(const Instance&) = delete;
-
-    bool isNamed() const { return mLock.isStillNamed(); }
-
-    /// Returns whether this daemon may still remove the files. If a cleanup program has removed the lock file, a second
-    /// daemon may have started with a new lock file. If no process holds the new lock, this daemon takes it.
-    bool ownsName()
-    {
-        if (mOwned && !mLock.isStillNamed()) {
-            try {
-                mOwned = mLock.tryLock(LockedFile::Create);
-            } catch (const std::runtime_error&) {
-                // The directory is gone, so no second daemon exists.
+        try {
+            const LockedFile lLock = isNamed() ? std::move(mLock) : lock();
+            for (const OQCString* lpPath : {&mChannel.mPipe, &mChannel.mTurn, &mChannel.mLock}) {
+                ClibUnlink(lpPath->get());
             }
+        } catch (...) {
+            // The files belong to a second daemon, or the directory is gone.
         }
-        return mOwned;
     }
+    Files(const Files&) = delete;
+    Files& operator=(const Files&) = delete;
+
+    bool isNamed() const { return ::isNamed(descriptor(), mChannel.mLock); }
 
     /// Writes the process id into the file, which tells the tools that the daemon is ready.
     void markReady() const
     {
         char lLine[32];
         const int lLength = ClibSprintf(lLine, "%d\n", getpid());
-        if (ClibWrite(mLock.descriptor(), lLine, static_cast<unsigned int>(lLength)) != lLength) {
-            throw std::runtime_error(std::string("cannot write ") + mPath.get() + ": " + systemError());
+        if (ClibWrite(descriptor(), lLine, static_cast<unsigned int>(lLength)) != lLength) {
+            throw std::runtime_error(std::string("cannot write ") + mChannel.mLock.get() + ": " + systemError());
         }
     }
 
 private:
-    const OQCString mPath;
+    int descriptor() const { return fileno(mLock.mFile.get()); }
+
+    LockedFile lock() const
+    {
+        return lockOwnFile(mChannel.mLock, O_RDWR | O_CREAT, std::chrono::seconds(0),
+                           "another hostd of this name is running");
+    }
+
+    const Channel& mChannel;
     LockedFile mLock;
-    bool mOwned;
 };
 
-/// The file whose lock gives tools their turns. The daemon only creates and removes it.
-class TurnFile
+/// OsNamedPipeCreate() accepts any existing file. Only a FIFO can be the file that a killed daemon left.
+void checkLeftPipe(const OQCString& acrPath)
 {
-public:
-    TurnFile(const OQCString& acrPath, Instance& arInstance) : mPath(acrPath), mInstance(arInstance)
-    {
-        const int lDescriptor = openOwnFile(mPath, O_RDWR | O_CREAT);
-        if (lDescriptor < 0) {
-            throw std::runtime_error(std::string("cannot make ") + mPath.get() + ": " + systemError());
-        }
-        ClibClose(lDescriptor);
+    struct stat lInfo;
+    if (0 == lstat(acrPath.get(), &lInfo) && !S_ISFIFO(lInfo.st_mode)) {
+        throw std::runtime_error(std::string(acrPath.get()) + " exists and is no FIFO");
     }
-    ~TurnFile()
-    {
-        if (mInstance.ownsName()) {
-            ClibUnlink(mPath.get());
-        }
-    }
-    TurnFile(const TurnFile&) = delete;
-    TurnFile& operator=(const TurnFile&) = delete;
+}
 
-private:
-    const OQCString mPath;
-    Instance& mInstance;
-};
-
-/// The FIFO for requests.
-class RequestPipe
+/// Creates and opens the FIFO for requests.
+OQCPipe openPipe(const OQCString& acrPath)
 {
-public:
-    RequestPipe(const OQCString& acrPath, Instance& arInstance) : mPath(acrPath), mInstance(arInstance), mPipe(-1)
-    {
-        try {
-            OsNamedPipeCreate(mPath, mPipe);
-        } catch (const OQCCreateFailedEx& acrFailure) {
-            throw std::runtime_error(std::string("cannot make ") + mPath.get() + ": " + acrFailure.what());
-        }
-        // OsNamedPipeCreate accepts any existing file. Only a FIFO can be the file that a killed daemon left.
-        struct stat lInfo;
-        if (lstat(mPath.get(), &lInfo) < 0 || !S_ISFIFO(lInfo.st_mode)) {
-            throw std::runtime_error(std::string(mPath.get()) + " exists and is no FIFO");
-        }
-        OsNamedPipeOpen(mPipe, mPath, OQFM_Mode1, OQPS_NonBlocking, OQCM_Server);
-        if (mPipe < 0) {
-            const std::string lError = systemError();
-            OsNamedPipeDestroy(mPath, mPipe);
-            throw std::runtime_error(std::string("cannot open ") + mPath.get() + ": " + lError);
-        }
-        checkOwnFifo(mPipe, mPath);
-        fcntl(mPipe, F_SETFD, FD_CLOEXEC);  // the commands that the daemon runs must not inherit it
-    }
-    ~RequestPipe()
-    {
-        OsNamedPipeClose(mPipe, OQCM_Server);
-        if (mInstance.ownsName()) {
-            OsNamedPipeDestroy(mPath, mPipe);
-        }
-    }
-    RequestPipe(const RequestPipe&) = delete;
-    RequestPipe& operator=(const RequestPipe&) = delete;
+    int lUnused = -1;
+    attempt(std::string("make ") + acrPath.get(), [&] { OsNamedPipeCreate(acrPath, lUnused); });
+    OQCPipe lPipe =
+        attempt(std::string("open ") + acrPath.get(), [&] { return OQCPipe(acrPath, OQFM_Mode1, OQPS_NonBlocking); });
+    checkOwnFifo(lPipe.get(), acrPath);
+    return lPipe;
+}
 
-    bool isNamed() const { return ::isNamed(mPipe, mPath); }
-
-    /// Waits for bytes and passes them to the parser. Returns when no bytes arrive within the idle time.
-    void read(RequestParser& arParser) const
-    {
-        try {
-            OsNamedPipeWaitForActivity(mPipe, cIdleSeconds);
-        } catch (const OQCTimeOutEx&) {
-            return;  // no request: the usual case
-        }
-        unsigned char lBytes[4096];
-        unsigned int lDone = 0;
-        OsNamedPipeRead(mPipe, lBytes, sizeof lBytes, lDone);
-        arParser.feed(lBytes, lDone);
-    }
-
-private:
-    const OQCString mPath;
-    Instance& mInstance;
-    int mPipe;
-};
-
-/// The segment for answers.
-class Mailbox
+/// Creates the segment for answers. Tools of a killed daemon may still have its segment open, so this daemon takes its
+/// turn, too.
+OQCMailbox openMailbox(const Channel& acrChannel)
 {
-public:
-    Mailbox(key_t aKey, Instance& arInstance) : mInstance(arInstance), mSegment()
-    {
-        mSegment.shm_key = aKey;
-        mSegment.shm_size = cSegmentSize;
-        mSegment.shm_id = -1;
-        try {
-            OsSharedMemoryOpen(mSegment, OQCM_Server);
-        } catch (const OQCException& acrFailure) {
-            // A failed open does not undo its steps. The segment may already exist and must then be removed here,
-            // because the layer removes only segments that were opened.
-            if (isOwnSegment(mSegment.shm_id)) {
-                shmctl(mSegment.shm_id, IPC_RMID, NULL);
-            } else if (0 <= mSegment.shm_id) {
-                throw std::runtime_error(cForeign);
-            }
-            throw std::runtime_error(std::string("cannot open the mailbox: ") + acrFailure.what());
-        }
-        if (!isOwnSegment(mSegment.shm_id)) {  // an open by root accepts every segment
-            OsSharedMemoryClose(mSegment, OQCM_Client);
-            throw std::runtime_error(cForeign);
-        }
+    const LockedFile lTurn = lockOwnFile(acrChannel.mTurn, O_RDWR | O_CREAT, cTurnPatience,
+                                         "a tool of an ended hostd is still running; is it stopped?");
+    const int lOld = shmget(acrChannel.mKey, 0, 0);
+    if (0 <= lOld && !isOwnSegment(lOld)) {
+        throw std::runtime_error("another user has made a segment with the mailbox's key; choose another name");
     }
-    ~Mailbox()
-    {
-        try {
-            // A close as client does not remove the segment.
-            OsSharedMemoryClose(mSegment, mInstance.ownsName() ? OQCM_Server : OQCM_Client);
-        } catch (const OQCException& acrFailure) {
-            HOSTD_ERROR("cannot close the mailbox: %s", acrFailure.what());
-        }
-    }
-    Mailbox(const Mailbox&) = delete;
-    Mailbox& operator=(const Mailbox&) = delete;
-
-    OQShmDesc& segment() { return mSegment; }
-
-private:
-    static constexpr const char* cForeign =
-        "another user has made a segment with the mailbox's key; choose another name";
-
-    Instance& mInstance;
-    OQShmDesc mSegment;
-};
+    return attempt("open the mailbox", [&] { return OQCMailbox(acrChannel.mKey, cSegmentSize, OQCM_Server); });
+}
 
 // ---- The two threads ------------------------------------------------------------------------------------------------
 
@@ -320,53 +205,30 @@ private:
 class Worker
 {
 public:
-    Worker(RequestQueue& arQueue, OQShmDesc& arMailbox)
-        : mQueue(arQueue), mMailbox(arMailbox), mHalted(false), mThread(0)
-    {
-        try {
-            OsStartThread(mThread, this, run);
-        } catch (const OQCException& acrFailure) {
-            throw std::runtime_error(std::string("cannot start the worker: ") + acrFailure.what());
-        }
-    }
-    ~Worker()
-    {
-        try {
-            mQueue.close();
-            OsWaitForExit(mThread);
-        } catch (const OQCException& acrFailure) {
-            HOSTD_ERROR("cannot wait for the worker: %s", acrFailure.what());
-        }
-    }
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
+    Worker(RequestQueue& arQueue, OQCMailbox& arMailbox) : mQueue(arQueue), mMailbox(arMailbox), mThread(start()) {}
 
-    /// Returns whether a failure of the worker requires the daemon to end.
-    bool isHalted() const { return mHalted; }
+    /// Waits for the thread, which ends when the queue is closed. Throws what has ended the thread earlier.
+    void join() { mThread.join(); }
 
 private:
-    static void* run(void* apWorker)
+    /// A signal interrupts a call of the thread that receives it. Only the main thread is prepared for that.
+    OQCThread start()
     {
-        // No exception may leave a thread's routine.
-        Worker& lrWorker = *static_cast<Worker*>(apWorker);
-        try {
-            Job lJob;
-            while (lrWorker.mQueue.take(lJob)) {
-                lrWorker.serve(lJob);
-            }
-        } catch (const OQCException& acrFailure) {
-            lrWorker.halt(acrFailure.what());
-        } catch (const std::exception& acrFailure) {
-            lrWorker.halt(acrFailure.what());
-        }
-        return NULL;
+        const OQCSignalBlock lBlock({SIGTERM, SIGINT});
+        return attempt("start the worker", [this] { return OQCThread([this] { run(); }, [this] { mQueue.close(); }); });
     }
 
-    void halt(const char* acReason)
+    void run()
     {
-        SetLogLevels(cUsualLevels);  // the error limit may have silenced the log
-        HOSTD_ERROR("the worker halts: %s", acReason);
-        mHalted = true;
+        try {
+            Job lJob;
+            while (mQueue.take(lJob)) {
+                serve(lJob);
+            }
+        } catch (...) {
+            mQueue.close();  // ends the main thread, too
+            throw;
+        }
     }
 
     /// Answers one request. Only OQCHaltEx and memory exhaustion leave this function.
@@ -400,10 +262,9 @@ private:
     }
 
     RequestQueue& mQueue;
-    OQShmDesc& mMailbox;
+    OQCMailbox& mMailbox;
     Services mServices;
-    std::atomic<bool> mHalted;
-    unsigned long mThread;
+    OQCThread mThread;  // the last member, because the thread uses the others
 };
 
 /// Puts the parser's results into the queue. Runs on the main thread.
@@ -441,10 +302,21 @@ void detachDescriptors(int aNull)
     }
 }
 
+/// Waits for bytes and passes them to the parser. Returns when no bytes arrive within the idle time.
+void readRequests(OQCPipe& arPipe, RequestParser& arParser)
+{
+    try {
+        OsNamedPipeWaitForActivity(arPipe.get(), cIdleSeconds);
+    } catch (const OQCTimeOutEx&) {
+        return;  // no request: the usual case
+    }
+    unsigned char lBytes[4096];
+    arParser.feed(lBytes, arPipe.read(lBytes, sizeof lBytes));
+}
+
 /// \return exit status
 int serve(const Options& acrOptions)
 {
-    setSignalsBlocked(true);
     // Until the daemon is ready, it reports a failure by one line on standard error. Log lines there would only repeat
     // the failure.
     SetLogLevels(0);
@@ -465,27 +337,26 @@ int serve(const Options& acrOptions)
     }
 
     const Channel lChannel(privateDirectory(), acrOptions.mName);
-    Instance lInstance(lChannel.mLock);
-    const TurnFile lTurn(lChannel.mTurn, lInstance);
-    const RequestPipe lPipe(lChannel.mPipe, lInstance);
-    Mailbox lMailbox(lChannel.mKey, lInstance);
+    checkLeftPipe(lChannel.mPipe);
+    const Files lFiles(lChannel);
+    OQCPipe lPipe = openPipe(lChannel.mPipe);
+    OQCMailbox lMailbox = openMailbox(lChannel);
     RequestQueue lQueue;
-    const Worker lWorker(lQueue, lMailbox.segment());
+    Worker lWorker(lQueue, lMailbox);
     Intake lIntake(lQueue);
     RequestParser lParser(lIntake);
 
-    lInstance.markReady();
+    lFiles.markReady();
     if (acrOptions.mDetach) {
         detachDescriptors(lNull);
     }
     SetLogLevels(levelsOf(acrOptions));
     HOSTD_INFORMATION("ready");
-    setSignalsBlocked(false);
 
     bool lNamed = true;
-    while (0 == sEndRequested && !lWorker.isHalted() && lNamed) {
-        lPipe.read(lParser);
-        lNamed = lInstance.isNamed() && lPipe.isNamed();
+    while (0 == sEndRequested && !lQueue.isClosed() && lNamed) {
+        readRequests(lPipe, lParser);
+        lNamed = lFiles.isNamed() && isNamed(lPipe.get(), lChannel.mPipe);
         resumeLog(acrOptions);
     }
     SetLogLevels(levelsOf(acrOptions));
@@ -493,7 +364,9 @@ int serve(const Options& acrOptions)
         HOSTD_ERROR("the lock file or the FIFO has been removed: no tool can find this daemon");
     }
     HOSTD_INFORMATION("ending");
-    return lWorker.isHalted() || !lNamed ? 1 : 0;
+    lQueue.close();
+    lWorker.join();
+    return lNamed ? 0 : 1;
 }
 
 int fail(const char* acReason)

@@ -20,7 +20,6 @@
 
 #include "Channel.cpp"
 #include "Command.h"
-#include "LockedFile.cpp"
 #include "Ownership.cpp"
 #include "RequestParser.cpp"
 #include "RequestQueue.cpp"
@@ -249,13 +248,12 @@ TEST_F(LockedFileTest, ALockOnAFileThatWasRemovedMeanwhileDoesNotCount)
             return lDescriptor;
         });
         const Recording lRecording;
-        LockedFile lFile(lPath.c_str());
-        EXPECT_TRUE(lFile.tryLock(LockedFile::Create));
+        const LockedFile lFile = lockOwnFile(lPath.c_str(), O_RDWR | O_CREAT, std::chrono::seconds(0), "locked");
         EXPECT_EQ(2, lOpened);
         EXPECT_EQ(lIsReplaced ? "new\n" : "", contentOf(lPath));
-        EXPECT_TRUE(isNamed(lFile.descriptor(), lPath.c_str()));
+        EXPECT_TRUE(isNamed(fileno(lFile.mFile.get()), lPath.c_str()));
         unlink(lPath.c_str());
-        EXPECT_THROW(lFile.tryLock(LockedFile::Refuse), std::runtime_error);
+        EXPECT_THROW(lockOwnFile(lPath.c_str(), O_RDWR, std::chrono::seconds(0), "locked"), std::runtime_error);
         EXPECT_FALSE(exists(lPath));
     }
 }
@@ -577,8 +575,8 @@ TEST_F(Asked, TraceShowsTheLayersLinesOnStandardErrorOnly)
     EXPECT_EQ(0, lResult.mStatus);
     EXPECT_EQ("hi\n", lResult.mOut);
     size_t lAt = 0;
-    for (const char* lpCall : {" OsLockFile ", " OsSharedMemoryOpen ", " OsNamedPipeOpen ", " OsNamedPipeWrite ",
-                               " sTimedWaitOnFlag ", " OsSharedMemoryRead ", " OsSharedMemoryClose "}) {
+    for (const char* lpCall : {" OsLockFile ", " OsSharedMemoryOpen ", " OQCPipe ", " OsNamedPipeWrite ",
+                               " OsNamedPipeClose ", " OsSharedMemoryRead ", " OsSharedMemoryClose "}) {
         lAt = lResult.mError.find(lpCall, lAt);
         EXPECT_NE(std::string::npos, lAt) << lpCall;
     }
@@ -810,11 +808,11 @@ TEST_F(Asked, RequestsBeyondTheQueueAreRefused)
 TEST_F(Asked, AnAnswerThatNobodyTakesIsDropped)
 {
     writeRaw(framed("early echo x"));
-    EXPECT_TRUE(logs("the answer to request early is dropped: no tool has opened the mailbox yet"));
+    EXPECT_TRUE(logs("the answer to request early is dropped: no tool takes it"));
     expectEcho("x");  // the mark of the tool's side then stays set
     const Clock lClock;
     writeRaw(framed("gone lines 1000"));
-    EXPECT_TRUE(logs("the answer to request gone is dropped: nobody took the message before it"));
+    EXPECT_TRUE(logs("the answer to request gone is dropped: no tool takes it"));
     EXPECT_LE(2.9, lClock.seconds());
     expectEcho("next");
 }
@@ -879,15 +877,19 @@ TEST_F(Hostd, AFailedStartSaysWhyAndLeavesNothing)
     EXPECT_EQ("precious\n", contentOf(fifo()));
     lExpect("hostd: " + fifo() + " exists and is no FIFO", {fifo()});
 
-    ASSERT_LE(0, shmget(segmentKey(), 100, IPC_CREAT | IPC_EXCL | 0600));  // too small for the daemon
-    lExpect("hostd: cannot open the mailbox: Invalid argument", {"segment"});
-    removeSegment();
+    const int lSegment = shmget(segmentKey(), 100, IPC_CREAT | IPC_EXCL | 0600);
+    const void* const lpAttached = shmat(lSegment, nullptr, 0);
+    lExpect("hostd: cannot open the mailbox: Device or resource busy", {"segment"});
+    EXPECT_EQ(0, shmdt(lpAttached));
+    start();  // replaces the segment, which nobody uses now
+    stop();
+    unlink(log().c_str());
 
     ASSERT_EQ(0, symlink("/tmp/nowhere", fifo().c_str()));
     lExpect("hostd: " + fifo() + " exists and is no FIFO", {fifo()});
 
     mkdir(turn().c_str(), 0700);
-    lExpect("hostd: cannot make " + turn() + ": Is a directory", {turn()});
+    lExpect("hostd: cannot open " + turn() + ": Is a directory", {turn()});
 
     mkdir(lock().c_str(), 0700);
     expectFailure("hostd: cannot open " + lock() + ": Is a directory", hostd());
@@ -1108,17 +1110,41 @@ TEST_F(Hostd, ADaemonWhoseFilesAreGoneSparesThoseOfItsSuccessor)
 {
     const auto lFirst = foreground();
     lFirst->kill(SIGSTOP);
-    for (const std::string& acrPath : {lock(), fifo(), turn()}) {
-        EXPECT_EQ(0, unlink(acrPath.c_str()));
+    EXPECT_EQ(0, unlink(lock().c_str()));
+    expectFailure("hostd: cannot open the mailbox: Device or resource busy", {"start"});
+    EXPECT_EQ(Strings{"segment"}, left());
+    {
+        // The files of a second daemon that waits for the mailbox.
+        const LockedFile lSecond = lockOwnFile(lock().c_str(), O_RDWR | O_CREAT, std::chrono::seconds(0), "locked");
+        EXPECT_EQ(0, mkfifo(fifo().c_str(), 0600));
+        std::ofstream(turn()).flush();
+        lFirst->kill(SIGCONT);
+        const Result lResult = lFirst->finish();
+        EXPECT_EQ(1, lResult.mStatus);
+        EXPECT_TRUE(
+            contains(lResult.mError, " the lock file or the FIFO has been removed: no tool can find this daemon\n"))
+            << lResult.mError;
+        EXPECT_EQ((Strings{lock(), fifo(), turn()}), left());
     }
     start();
-    lFirst->kill(SIGCONT);
-    const Result lResult = lFirst->finish();
-    EXPECT_EQ(1, lResult.mStatus);
-    EXPECT_TRUE(contains(lResult.mError, " the lock file or the FIFO has been removed: no tool can find this daemon\n"))
-        << lResult.mError;
-    EXPECT_EQ(all(), left());
     expectEcho("second");
+    stop();
+}
+
+TEST_F(Hostd, ADaemonStartsOnlyWhenTheToolsOfAKilledOneHaveEnded)
+{
+    start();
+    const int lPid = pid();
+    ::kill(lPid, SIGSTOP);
+    const std::unique_ptr<Command> lAsk = ask("x");
+    lAsk->kill(SIGSTOP);
+    ::kill(lPid, SIGKILL);
+    EXPECT_TRUE(eventually([=] { return isGone(lPid); }));
+    expectFailure("hostd: a tool of an ended hostd is still running; is it stopped?", {"start"});
+    lAsk->kill(SIGCONT);
+    EXPECT_EQ(1, lAsk->finish().mStatus);
+    start();
+    expectEcho("y");
     stop();
 }
 
