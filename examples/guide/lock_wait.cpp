@@ -1,29 +1,17 @@
-// Waits for a file lock. A failed OsLockFile logs an error line, so the program calls it only if the file is unlocked.
+// Waits for a file lock. Only the last attempt logs an error line.
 
-#include <OQLinux.h>
+#include <OQGuards.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-/// \param[in] aFile open for writing
-/// \return whether this process got the lock within aMilliseconds
-static bool lockWithin(int aFile, unsigned int aMilliseconds)
+static const char* lockWithin(int aFile, std::chrono::milliseconds aLimit)
 {
-    for (unsigned int lWaited = 0;; ++lWaited) {
-        OQEFileLockStatus lStatus = OQFLS_Locked;
-        OsFileLockStatus(aFile, lStatus);  // logs no error line
-        if (OQFLS_Unlocked == lStatus) {
-            try {
-                OsLockFile(aFile);
-                return true;
-            } catch (const OQCFileLockFailedEx&) {
-                // Another process was faster. This logs one error line.
-            }
-        }
-        if (aMilliseconds <= lWaited) {  // a closed descriptor is always reported as locked
-            return false;
-        }
-        ClibSleepMS(1);
+    try {
+        const OQCFileLock lLock(aFile, aLimit);
+        return "locked";
+    } catch (const OQCFileLockFailedEx&) {
+        return "not locked";
     }
 }
 
@@ -58,9 +46,9 @@ int main()
     }
     try {
         OsWaitForActivity(lReady[0], 30);
-        printf("while another process holds it: %s\n", lockWithin(lFile, 20) ? "locked" : "not locked");
+        printf("while another process holds it: %s\n", lockWithin(lFile, std::chrono::milliseconds(20)));
         close(lEnd[1]);
-        printf("when that process ends: %s\n", lockWithin(lFile, 30000) ? "locked" : "not locked");
+        printf("when that process ends: %s\n", lockWithin(lFile, std::chrono::seconds(30)));
         return ProcessWait(lOther, 0);
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "lock_wait: %s (%u)\n", acrFailure.what(), acrFailure.code());

@@ -1,6 +1,6 @@
 // A file lock excludes other processes, not other threads. Closing any descriptor of the file releases the lock.
 
-#include <OQLinux.h>
+#include <OQGuards.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -31,14 +31,13 @@ int main()
         return 1;
     }
     try {
-        OsLockFile(lFile);  // does not wait; throws OQCFileLockFailedEx if another process holds the lock
+        const OQCFileLock lLock(lFile);  // throws OQCFileLockFailedEx if another process holds the lock
         printf("held: %s\n", seenByOthers(lFile));
         OQEFileLockStatus lStatus = OQFLS_Locked;
         OsFileLockStatus(lFile, lStatus);
         printf("seen by its holder: %s\n", OQFLS_Locked == lStatus ? "locked" : "unlocked");
         close(open(lPath, O_RDONLY));  // other code in this process reads the file
         printf("after a look into the file: %s\n", seenByOthers(lFile));
-        OsUnlockFile(lFile);
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "locks: %s (%u)\n", acrFailure.what(), acrFailure.code());
         unlink(lPath);

@@ -1,52 +1,35 @@
 // What a write and a read do in each state of a mailbox. Both sides are in one program.
 
-#include <OQLinux.h>
+#include <OQGuards.h>
 #include <stdio.h>
-#include <sys/shm.h>
 #include <unistd.h>
 
-static const unsigned char cMessage[] = "message";
-
-static void put(OQShmDesc& arSide)
+static void put(OQCMailbox& arSide)
 {
-    unsigned int lWritten = 0;  // stays 0 when the write is cancelled
-    OsSharedMemoryWrite(arSide, cMessage, sizeof cMessage, lWritten);
-    printf("wrote %u bytes\n", lWritten);
+    printf("%s\n", arSide.write("message", 8) ? "wrote a message" : "wrote nothing");
 }
 
-static void take(OQShmDesc& arSide)
+static void take(OQCMailbox& arSide)
 {
-    try {
-        unsigned char lBuffer[64 - sizeof(OQSSharedMemoryHeader)];  // a larger buffer would end the process
-        unsigned int lRead = 0;
-        OsSharedMemoryRead(arSide, lBuffer, sizeof lBuffer, lRead);
-        printf("read %u bytes\n", lRead);
-    } catch (const OQCTryAgainEx&) {
-        printf("nothing to read\n");
-    }
+    char lMessage[64];
+    unsigned int lLength = 0;
+    const bool lTaken = arSide.receive(lMessage, sizeof lMessage, lLength, std::chrono::milliseconds(10));
+    printf("%s\n", lTaken ? "read a message" : "read nothing");
 }
 
 int main()
 {
-    OQShmDesc lServer = {getpid(), 64, -1, NULL};  // the same key and size on both sides; 6 of 64 bytes: header
-    OQShmDesc lClient = lServer;
     try {
-        OsSharedMemoryOpen(lServer, OQCM_Server);
-        put(lServer);  // cancelled: no client has opened the mailbox yet
-        OsSharedMemoryOpen(lClient, OQCM_Client);
+        OQCMailbox lServer(getpid(), 64, OQCM_Server);  // the same key and size on both sides
+        put(lServer);                                   // cancelled: no client has opened the mailbox yet
+        OQCMailbox lClient(getpid(), 64, OQCM_Client);
         take(lClient);  // Empty
         put(lServer);
-        OsSharedMemoryWaitForActivity(lClient, 5);
         take(lClient);  // Full
         take(lClient);  // Empty again
-        OsSharedMemoryClose(lClient, OQCM_Client);
-        OsSharedMemoryClose(lServer, OQCM_Server);
         return 0;
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "mailbox: %s (%u)\n", acrFailure.what(), acrFailure.code());
-        if (0 <= lServer.shm_id) {
-            shmctl(lServer.shm_id, IPC_RMID, NULL);  // a failed open does not remove the segment that it created
-        }
         return 1;
     }
 }

@@ -1,35 +1,25 @@
-// A try-lock has no result value for a busy mutex. It throws an exception that is also an OQCHaltEx.
+// The destructor of a lock unlocks the mutex, also when an exception passes. A busy mutex is a result of a try-lock.
 
-#include <OQLinux.h>
+#include <OQGuards.h>
 #include <stdio.h>
 
-static bool workIfFree(pthread_mutex_t& arMutex)
+static const char* workIfFree(OQCMutex& arMutex)
 {
-    try {
-        OsTrylockMutex(arMutex);
-    } catch (const OQCMutexLockFailedEx&) {  // expected; a handler for OQCHaltEx comes after this one
-        return false;
-    }
-    OsUnlockMutex(arMutex);
-    return true;
+    const OQCTryLock lLock(arMutex);
+    return lLock ? "worked" : "busy";
 }
 
 int main()
 {
     try {
-        pthread_mutex_t lMutex;
-        OsInitMutex(lMutex);
-        OsLockMutex(lMutex);
-        printf("while the mutex is held: %s\n", workIfFree(lMutex) ? "worked" : "busy");
-        OsUnlockMutex(lMutex);
-        printf("when it is free: %s\n", workIfFree(lMutex) ? "worked" : "busy");
-        OsDestroyMutex(lMutex);
+        OQCMutex lMutex;
+        OQCMutexLock lLock(lMutex);
+        printf("while the mutex is held: %s\n", workIfFree(lMutex));
+        lLock.unlock();
+        printf("when it is free: %s\n", workIfFree(lMutex));
         return 0;
     } catch (const OQCHaltEx& acrFailure) {
         fprintf(stderr, "a lock is unreliable, halting: %s\n", acrFailure.what());
         return 2;
-    } catch (const OQCException& acrFailure) {
-        fprintf(stderr, "%s (%u)\n", acrFailure.what(), acrFailure.code());
-        return 1;
     }
 }

@@ -1,7 +1,6 @@
-// A failed pipe operation leaves its out-parameter unchanged. Initialise a descriptor to -1 and a count to 0.
+// A guard owns the descriptor. A failed open or read is an exception, and a failed write is a smaller count.
 
-#include <OQLinux.h>
-#include <fcntl.h>
+#include <OQGuards.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,32 +9,18 @@
 
 static bool talk(const OQCString& acrPath)
 {
-    int lPipe = -1;
-    OsNamedPipeOpen(lPipe, acrPath, OQFM_Mode1, OQPS_NonBlocking, OQCM_Server);
-    if (lPipe < 0) {
-        perror("pipes: open");  // errno is that of the open
+    OQCPipe lPipe(acrPath, OQFM_Mode1, OQPS_NonBlocking);  // no started program inherits it
+    const char cMessage[] = "a message";
+    if (sizeof cMessage != lPipe.write(cMessage, sizeof cMessage)) {
+        perror("pipes: write");  // errno is that of the write
         return false;
     }
-    fcntl(lPipe, F_SETFD, FD_CLOEXEC);  // otherwise started programs inherit it
-    const unsigned char cMessage[] = "a message";
-    unsigned int lWritten = 0;
-    OsNamedPipeWrite(lPipe, cMessage, sizeof cMessage, lWritten);
-    bool lGood = sizeof cMessage == lWritten;
-    try {
-        OsNamedPipeWaitForActivity(lPipe, 5);
-        unsigned char lBuffer[64];
-        unsigned int lRead = 0;
-        OsNamedPipeRead(lPipe, lBuffer, sizeof lBuffer, lRead);  // at most 64 bytes; possibly fewer than were sent
-        printf("%u of %u bytes: %s\n", lRead, lWritten, reinterpret_cast<char*>(lBuffer));
-        OsNamedPipeWaitForActivity(lPipe, 0);  // a poll
-    } catch (const OQCTimeOutEx& acrFailure) {
-        printf("and then nothing: %s\n", acrFailure.what());
-    } catch (const OQCException& acrFailure) {
-        fprintf(stderr, "pipes: %s (%u)\n", acrFailure.what(), acrFailure.code());
-        lGood = false;
-    }
-    OsNamedPipeClose(lPipe, OQCM_Server);  // the variable keeps the number, which another file will get later
-    return lGood;
+    OsNamedPipeWaitForActivity(lPipe.get(), 5);
+    char lBuffer[64];
+    const unsigned int lRead = lPipe.read(lBuffer, sizeof lBuffer);  // possibly fewer bytes than were sent
+    printf("%u bytes: %s\n", lRead, lBuffer);
+    printf("and then %u bytes\n", lPipe.read(lBuffer, sizeof lBuffer));  // a non-blocking pipe does not wait
+    return true;
 }
 
 int main()
@@ -45,16 +30,16 @@ int main()
         perror("pipes: mkdtemp");
         return 1;
     }
+    const OQCString lPath((std::string(lDirectory) + "/fifo").c_str());
+    int lUnused = -1;
     bool lGood = false;
     try {
-        const OQCString lPath((std::string(lDirectory) + "/fifo").c_str());
-        int lUnused = -1;
         OsNamedPipeCreate(lPath, lUnused);
         lGood = talk(lPath);
-        OsNamedPipeDestroy(lPath, lUnused);
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "pipes: %s (%u)\n", acrFailure.what(), acrFailure.code());
     }
+    OsNamedPipeDestroy(lPath, lUnused);
     rmdir(lDirectory);
     return lGood ? 0 : 1;
 }

@@ -1,19 +1,20 @@
 // All users may access a new segment. A server that needs a private one restricts its mode before it shares the key.
 
-#include <OQLinux.h>
+#include <OQGuards.h>
 #include <stdio.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
 /// \return whether this user owns the segment, and no other user has it attached or can attach it
-static bool makePrivate(const OQShmDesc& acrMailbox)
+static bool makePrivate(key_t aKey)
 {
+    const int lSegment = shmget(aKey, 0, 0);
     shmid_ds lState;
-    if (shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0 || geteuid() != lState.shm_perm.cuid) {
+    if (shmctl(lSegment, IPC_STAT, &lState) < 0 || geteuid() != lState.shm_perm.cuid) {
         return false;  // another user created it; a privileged server may open it all the same
     }
     lState.shm_perm.mode = 0600;
-    if (shmctl(acrMailbox.shm_id, IPC_SET, &lState) < 0 || shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0) {
+    if (shmctl(lSegment, IPC_SET, &lState) < 0 || shmctl(lSegment, IPC_STAT, &lState) < 0) {
         return false;
     }
     return 1 == lState.shm_nattch;  // more than 1: a peer attached before the mode changed, and stays attached
@@ -21,23 +22,16 @@ static bool makePrivate(const OQShmDesc& acrMailbox)
 
 int main()
 {
-    OQShmDesc lServer = {getpid(), 64, -1, NULL};
-    OQShmDesc lClient = lServer;
     try {
-        OsSharedMemoryOpen(lServer, OQCM_Server);
-        const bool lPrivate = makePrivate(lServer);
-        if (lPrivate) {
-            OsSharedMemoryOpen(lClient, OQCM_Client);  // programs of the same user still may attach
-            printf("private, and a client of the same user has it open\n");
-            OsSharedMemoryClose(lClient, OQCM_Client);
+        const OQCMailbox lServer(getpid(), 64, OQCM_Server);
+        if (!makePrivate(getpid())) {
+            return 1;
         }
-        OsSharedMemoryClose(lServer, OQCM_Server);
-        return lPrivate ? 0 : 1;
+        const OQCMailbox lClient(getpid(), 64, OQCM_Client);  // programs of the same user still may attach
+        printf("private, and a client of the same user has it open\n");
+        return 0;
     } catch (const OQCException& acrFailure) {
         fprintf(stderr, "private_mailbox: %s (%u)\n", acrFailure.what(), acrFailure.code());
-        if (0 <= lServer.shm_id) {
-            shmctl(lServer.shm_id, IPC_RMID, NULL);
-        }
         return 1;
     }
 }
