@@ -12,7 +12,7 @@ namespace
 
 /// The result file of isProcessRunning(). All programs of the host share it.
 const char* const cRunningFile = "/tmp/.vyrsyscmd";
-const std::chrono::seconds cRunningPatience(2);  // shorter than a tool waits
+constexpr std::chrono::seconds cRunningPatience(2);  // shorter than a tool waits
 
 /// Returns the lines that a fixed command prints. The layer does not report a failed command, so empty output counts as
 /// a failure.

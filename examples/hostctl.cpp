@@ -23,7 +23,7 @@ namespace
 
 const unsigned int cStartPatience = 5000;      // milliseconds until a daemon is ready
 const unsigned int cStopPatience = 10000;      // milliseconds until a daemon has ended
-const std::chrono::seconds cTurnPatience(30);  // until this tool gets its turn
+constexpr std::chrono::seconds cTurnPatience(30);  // until this tool gets its turn
 const unsigned int cPipePatience = 1000;       // milliseconds until there is room in the FIFO
 const unsigned int cAnswerPatience = 5;        // seconds until the next message of an answer
 

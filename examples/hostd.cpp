@@ -36,7 +36,7 @@ namespace
 const unsigned int cUsualLevels = OQLL_Halt | OQLL_Error | OQLL_Information;
 const unsigned int cAllLevels = cUsualLevels | OQLL_Trace;
 const unsigned int cIdleSeconds = 1;  // longest delay until a requested end is noticed
-const std::chrono::seconds cTurnPatience(2);
+constexpr std::chrono::seconds cTurnPatience(2);
 const unsigned int cMostErrors = 30;  // error lines per minute
 
 const char* const cUsage = "usage: hostd [--name NAME] [--trace] [--log FILE] [--detach]\n";
