@@ -52,11 +52,14 @@ std::string privateDirectory()
     return lPath;
 }
 
-OpenFile openOwnFile(const OQCString& acrPath, int aFlags)
+OQCPipe openOwnFile(const OQCString& acrPath, int aFlags)
 {
     const int lDescriptor = ClibOpen(acrPath.get(), aFlags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
-    OpenFile lFile(lDescriptor < 0 ? NULL : fdopen(lDescriptor, O_RDONLY == aFlags ? "r" : "r+"), fclose);
-    const std::string lFault = lFile ? findFault(lDescriptor, S_IFREG) : "";
+    if (lDescriptor < 0) {
+        return OQCPipe();
+    }
+    OQCPipe lFile(lDescriptor);
+    const std::string lFault = findFault(lDescriptor, S_IFREG);
     if (!lFault.empty()) {
         throw std::runtime_error(std::string(acrPath.get()) + " " + lFault);
     }
@@ -66,13 +69,13 @@ OpenFile openOwnFile(const OQCString& acrPath, int aFlags)
 LockedFile lockOwnFile(const OQCString& acrPath, int aFlags, std::chrono::milliseconds aLimit, const char* acTaken)
 {
     for (;;) {
-        OpenFile lFile = openOwnFile(acrPath, aFlags);
-        if (!lFile) {
+        OQCPipe lFile = openOwnFile(acrPath, aFlags);
+        if (lFile.get() < 0) {
             throw std::runtime_error(std::string("cannot open ") + acrPath.get() + ": " + systemError());
         }
         try {
-            OQCFileLock lLock(fileno(lFile.get()), aLimit);
-            if (isNamed(fileno(lFile.get()), acrPath)) {
+            OQCFileLock lLock(lFile.get(), aLimit);
+            if (isNamed(lFile.get(), acrPath)) {
                 return LockedFile{std::move(lFile), std::move(lLock)};
             }
             // The last holder removed the file between the open and the lock. This lock excludes no other process.

@@ -4,11 +4,9 @@
 #ifndef HOSTD_OWNERSHIP_H
 #define HOSTD_OWNERSHIP_H
 
-#include <stdio.h>
 #include <sys/types.h>
 
 #include <chrono>
-#include <memory>
 #include <string>
 
 #include "OQGuards.h"
@@ -18,17 +16,15 @@
 /// a file in it between two calls. Throws: std::runtime_error when other users have access to the directory.
 std::string privateDirectory();
 
-typedef std::unique_ptr<FILE, int (*)(FILE*)> OpenFile;
-
 /// Opens a regular file. Does not follow a symbolic link and does not wait for the peer of a FIFO.
-/// \return null with errno set when the file cannot be opened. Throws: std::runtime_error when the file is of another
-/// kind, belongs to another user or has a second name.
-OpenFile openOwnFile(const OQCString& acrPath, int aFlags);
+/// \return a descriptor; -1 with errno set when the file cannot be opened. Throws: std::runtime_error when the file is of
+/// another kind, belongs to another user or has a second name.
+OQCPipe openOwnFile(const OQCString& acrPath, int aFlags);
 
 /// An open file and the lock on it. Closing any descriptor of the file releases the locks of the process, so no other
 /// code in this process may open the file.
 struct LockedFile {
-    OpenFile mFile;
+    OQCPipe mFile;
     OQCFileLock mLock;
 };
 

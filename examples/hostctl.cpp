@@ -8,7 +8,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/shm.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -21,11 +20,11 @@
 namespace
 {
 
-const unsigned int cStartPatience = 5000;      // milliseconds until a daemon is ready
-const unsigned int cStopPatience = 10000;      // milliseconds until a daemon has ended
+const unsigned int cStartPatience = 5000;          // milliseconds until a daemon is ready
+const unsigned int cStopPatience = 10000;          // milliseconds until a daemon has ended
 constexpr std::chrono::seconds cTurnPatience(30);  // until this tool gets its turn
-const unsigned int cPipePatience = 1000;       // milliseconds until there is room in the FIFO
-const unsigned int cAnswerPatience = 5;        // seconds until the next message of an answer
+const unsigned int cPipePatience = 1000;           // milliseconds until there is room in the FIFO
+const unsigned int cAnswerPatience = 5;            // seconds until the next message of an answer
 
 const char* const cUsage =
     "usage: hostctl [--name NAME] [--trace] COMMAND\n"
@@ -58,18 +57,17 @@ struct Daemon {
 Daemon findDaemon(const Channel& acrChannel)
 {
     const char* const lpPath = acrChannel.mLock.get();
-    const OpenFile lFile = openOwnFile(acrChannel.mLock, O_RDONLY);
-    if (!lFile) {
+    const OQCPipe lFile = openOwnFile(acrChannel.mLock, O_RDONLY);
+    if (lFile.get() < 0) {
         if (ENOENT != errno) {
             throw Failure(std::string("cannot open ") + lpPath + ": " + systemError());
         }
         return Daemon{0, false};
     }
-    const int lDescriptor = fileno(lFile.get());
     struct flock lLock = {};  // from the beginning to the end
     lLock.l_type = F_WRLCK;
     char lNumber[16] = "";
-    if (fcntl(lDescriptor, F_GETLK, &lLock) < 0 || pread(lDescriptor, lNumber, sizeof lNumber - 1, 0) < 0) {
+    if (fcntl(lFile.get(), F_GETLK, &lLock) < 0 || pread(lFile.get(), lNumber, sizeof lNumber - 1, 0) < 0) {
         throw Failure(std::string("cannot read ") + lpPath + ": " + systemError());
     }
     if (F_UNLCK == lLock.l_type) {
@@ -180,10 +178,8 @@ int stop(const Options& acrOptions)
 
 OQCMailbox openMailbox(key_t aKey)
 {
-    const int lId = shmget(aKey, 0, 0);
     OQCMailbox lMailbox = attempt("open hostd's mailbox", [=] { return OQCMailbox(aKey, cSegmentSize, OQCM_Client); });
-    // The open segment is that of the id if the key still leads to it.
-    if (!isOwnSegment(lId) || shmget(aKey, 0, 0) != lId) {
+    if (!isOwnSegment(lMailbox.get().shm_id)) {
         throw Failure("the mailbox belongs to another user");
     }
     return lMailbox;

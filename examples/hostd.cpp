@@ -154,7 +154,7 @@ public:
     }
 
 private:
-    int descriptor() const { return fileno(mLock.mFile.get()); }
+    int descriptor() const { return mLock.mFile.get(); }
 
     LockedFile lock() const
     {

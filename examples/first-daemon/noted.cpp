@@ -14,7 +14,7 @@ static volatile sig_atomic_t sEndRequested = 0;
 
 static void requestEnd(int) { sEndRequested = 1; }
 
-static void copy(OQCPipe& arPipe, int aNotes)
+static void copy(OQCPipe& arPipe, OQCPipe& arNotes)
 {
     while (0 == sEndRequested) {
         try {
@@ -24,22 +24,19 @@ static void copy(OQCPipe& arPipe, int aNotes)
         }
         unsigned char lBytes[4096];
         const unsigned int lLength = arPipe.read(lBytes, sizeof lBytes);
-        if (ClibWrite(aNotes, lBytes, lLength) != static_cast<int>(lLength)) {
+        const unsigned int lWritten = arNotes.write(lBytes, lLength);
+        if (lWritten != lLength) {
             char lText[256];
-            NOTED_LOG(OQLL_Error, "-E-", "%u bytes are lost: %s", lLength, ClibStrerror(lText, sizeof lText));
+            NOTED_LOG(OQLL_Error, "-E-", "%u bytes are lost: %s", lLength - lWritten,
+                      ClibStrerror(lText, sizeof lText));
         }
     }
 }
 
 static void serve(const std::string& acrDirectory)
 {
-    // One daemon per directory holds the lock. The system closes this file when the daemon ends.
-    const int lNotes = ClibOpen((acrDirectory + "/notes").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
-    if (lNotes < 0) {
-        char lText[256];
-        throw OQCOpenFailedEx(ClibStrerror(lText, sizeof lText), OQErrorCode<OQCOpenFailedEx>::value);
-    }
-    const OQCFileLock lLock(lNotes);
+    OQCPipe lNotes(ClibOpen((acrDirectory + "/notes").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
+    const OQCFileLock lLock(lNotes.get());  // one daemon per directory
     const OQCString lPath((acrDirectory + "/in").c_str());
     int lUnused = -1;
     OsNamedPipeCreate(lPath, lUnused);  // leaves an existing file unchanged

@@ -6,15 +6,14 @@
 #include <unistd.h>
 
 /// \return whether this user owns the segment, and no other user has it attached or can attach it
-static bool makePrivate(key_t aKey)
+static bool makePrivate(const OQShmDesc& acrMailbox)
 {
-    const int lSegment = shmget(aKey, 0, 0);
     shmid_ds lState;
-    if (shmctl(lSegment, IPC_STAT, &lState) < 0 || geteuid() != lState.shm_perm.cuid) {
+    if (shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0 || geteuid() != lState.shm_perm.cuid) {
         return false;  // another user created it; a privileged server may open it all the same
     }
     lState.shm_perm.mode = 0600;
-    if (shmctl(lSegment, IPC_SET, &lState) < 0 || shmctl(lSegment, IPC_STAT, &lState) < 0) {
+    if (shmctl(acrMailbox.shm_id, IPC_SET, &lState) < 0 || shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0) {
         return false;
     }
     return 1 == lState.shm_nattch;  // more than 1: a peer attached before the mode changed, and stays attached
@@ -24,7 +23,7 @@ int main()
 {
     try {
         const OQCMailbox lServer(getpid(), 64, OQCM_Server);
-        if (!makePrivate(getpid())) {
+        if (!makePrivate(lServer.get())) {
             return 1;
         }
         const OQCMailbox lClient(getpid(), 64, OQCM_Client);  // programs of the same user still may attach
