@@ -221,7 +221,7 @@ struct OQCThread {
     }
 
 private:
-    static void rethrow(std::exception_ptr aFailure) { aFailure ? std::rethrow_exception(aFailure) : void(); }
+    static void rethrow(const std::exception_ptr& acrEx) { acrEx ? std::rethrow_exception(acrEx) : void(); }
     static void stopAndJoin(oqguards::Running& arState)
     {
         oqguards::runQuietly(arState.mStop);
@@ -304,7 +304,7 @@ struct OQCMailbox {
             lClaim = attachAlone(lId);
         }
         OsSharedMemoryOpen(lOpen->mDesc, aSide);
-        lNew.release();
+        static_cast<void>(lNew.release());
         mHeld.reset(lOpen.release());
     }
     const OQShmDesc& get() const { return mHeld->mDesc; }             ///< \return the segment, for the functions
@@ -343,7 +343,7 @@ private:
     static std::unique_ptr<const void, int (*)(const void*)> attachAlone(int aId)
     {
         std::unique_ptr<const void, int (*)(const void*)> lClaim(shmat(aId, NULL, SHM_RDONLY), shmdt);
-        shmid_ds lState;
+        shmid_ds lState = {};
         const bool lIsAttached = reinterpret_cast<const void*>(-1) != lClaim.get();
         oqguards::check<OQCOpenFailedEx>(lIsAttached && 0 == shmctl(aId, IPC_STAT, &lState) ? 0 : errno);
         oqguards::check<OQCOpenFailedEx>(1 == lState.shm_nattch && 0 == (lState.shm_perm.mode & SHM_DEST) ? 0 : EBUSY);
@@ -419,8 +419,8 @@ struct OQCProcess {
 private:
     static void end(oqguards::Child& arChild)
     {
-        if (OQAE_Leave != arChild.mAtEnd && !arChild.ends(WNOHANG)) {
-            OsKill(arChild.mPid, OQAE_Kill == arChild.mAtEnd ? SIGKILL : 0);
+        if (OQAE_Leave != arChild.mAtEnd && !arChild.ends(OQAE_Kill == arChild.mAtEnd ? WNOHANG : 0)) {
+            OsKill(arChild.mPid, SIGKILL);
             arChild.ends(0);
         }
     }
