@@ -73,7 +73,8 @@ OQEPointerMemoryType memoryType(int aNumber) { return static_cast<OQEPointerMemo
 class Damaged
 {
 public:
-    Damaged() : mNumber(new (std::nothrow) int(5)), mPointer(new (mBytes) Number(mNumber, OQPST_Individual, OQPMT_New))
+    explicit Damaged(OQEPointerSizeType aSize = OQPST_Individual)
+        : mNumber(new (std::nothrow) int(5)), mPointer(new (mBytes) Number(mNumber, aSize, OQPMT_New))
     {
         memcpy(&mpCounter, mBytes + sizeof(void*), sizeof mpCounter);
     }
@@ -209,7 +210,7 @@ OUTCOME(Pointer, ArrowOfAnEmptyOneEndsTheProcess)
 
 OUTCOME(Pointer, ArrowWithoutACounterEndsTheProcess)
 {
-    Damaged lDamaged;
+    Damaged lDamaged(OQPST_Array);  // the check of the counter comes before that of the size type
     const Number& lrNumber = lDamaged.withoutCounter();
     mWhen = "a pointee without a counter";
     asserts(*this, "Pointer::operator->", "0 != mReferenceCount", [&] { lrNumber.operator->(); });
