@@ -11,13 +11,17 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 
+#include "OQCompanionSettings.h"
 #include "OQException.h"
 #include "OQString.h"
 
 namespace
 {
+
+std::atomic<clockid_t> sClock(CLOCK_REALTIME);
 
 template <class Leaf>
 [[noreturn]] void throwErrorText()
@@ -134,10 +138,15 @@ int ClibStat(const char* acPath, struct stat* apInfo)
     return 0;
 }
 
+void SetMonotonicTime(bool aIsMonotonic)
+{
+    sClock.store(aIsMonotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME, std::memory_order_relaxed);
+}
+
 void ClibGetTime(long& arSeconds, unsigned short& arMilliseconds)
 {
     timespec lNow;
-    clock_gettime(CLOCK_REALTIME, &lNow);
+    clock_gettime(sClock.load(std::memory_order_relaxed), &lNow);
     arSeconds = static_cast<long>(lNow.tv_sec);
     arMilliseconds = static_cast<unsigned short>(static_cast<unsigned long>(lNow.tv_nsec) / 1000000);
 }

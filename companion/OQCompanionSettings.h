@@ -1,5 +1,5 @@
 /// \file
-/// Settings of this project's companion runtime: which log lines it writes, and to which descriptor.
+/// Settings of this project's companion runtime: which log lines it writes, to which descriptor, and the clock of waits.
 ///
 /// Only libOQCompanion.so has these settings; another runtime has its own. By default, halt, error and information
 /// lines go to standard error, and trace lines are not written.
@@ -27,7 +27,7 @@
 
 #include "OQCompanion.h"
 
-/// \defgroup settings Log settings
+/// \defgroup settings Settings
 /// Settings of this project's companion runtime; another runtime has its own. They apply to the whole process.
 /// @{
 
@@ -51,6 +51,17 @@ OQ_EXPORT void SetLogLevels(unsigned int aLevels);
 /// write to a pipe whose reader has gone raises SIGPIPE, and a write to a file at RLIMIT_FSIZE raises SIGXFSZ. Handle
 /// or ignore both signals; otherwise writing a line can end the process.
 OQ_EXPORT void SetLogDescriptor(int aDescriptor);
+
+/// Chooses the clock of ClibGetTime(), and so of the mailbox waits.
+/// \posix none; ClibGetTime() calls clock_gettime()
+/// \param[in] aIsMonotonic true: CLOCK_MONOTONIC, which nobody can set, so that a wait lasts as long as the caller asked
+///                         for. false, as at the start: CLOCK_REALTIME
+/// \nothrow
+/// \silent
+/// \threads Any. Call it before the first wait: a wait that sees both clocks ends at once, or after many years.
+/// \trap ClibGetTime() then reports the time since the host's start and not since 1970. The log keeps real time, and so do
+/// the time limits of OsConditionalTimedWait(), which does not call ClibGetTime().
+OQ_EXPORT void SetMonotonicTime(bool aIsMonotonic);
 
 /// @}
 

@@ -17,6 +17,7 @@
 #include <iterator>
 #include <regex>
 
+#include "OQCompanionSettings.h"
 #include "Peer.h"
 
 namespace
@@ -747,6 +748,8 @@ int64_t nanoseconds()
     return static_cast<int64_t>(lNow.tv_sec) * 1000000000 + lNow.tv_nsec;
 }
 
+const int64_t cTolerance = 5000;  // milliseconds, for the sake of a busy machine
+
 /// Expects a time-out after this number of milliseconds. The layer reads the clock in whole milliseconds, so a wait may
 /// be up to two milliseconds shorter by a finer clock.
 void expectTimeOutAfter(int64_t aMilliseconds, const std::function<void()>& acrOperation)
@@ -755,7 +758,7 @@ void expectTimeOutAfter(int64_t aMilliseconds, const std::function<void()>& acrO
     EXPECT_FAILURE(OQCTimeOutEx, 323, cTimedOut, acrOperation());
     const int64_t lTook = (nanoseconds() - lStart) / 1000000;
     EXPECT_LE(std::max<int64_t>(aMilliseconds - 2, 1), lTook);
-    EXPECT_GT(aMilliseconds + 5000, lTook);
+    EXPECT_GT(aMilliseconds + cTolerance, lTook);
     ::testing::Test::RecordProperty("TimeOutAfter" + std::to_string(aMilliseconds), std::to_string(lTook));
 }
 
@@ -763,6 +766,35 @@ TEST_F(SharedMemoryLinuxTransferTest, WaitsOfZeroAndOneSecondTakeAMillisecondAnd
 {
     expectTimeOutAfter(1, [&] { OsSharedMemoryWaitForActivity(mClient, 0); });
     expectTimeOutAfter(1000, [&] { OsSharedMemoryWaitForActivity(mClient, 1); });
+}
+
+/// At each look the real time is up to ten years earlier or later than it should be.
+TEST_F(SharedMemoryLinuxTransferTest, AClockThatIsSetMovesNoTimeOutOfTheMonotonicClock)
+{
+    const int64_t cTenYears = 10LL * 365 * 24 * 3600;
+    int64_t lStep = 0;
+    recordCompanion();
+    substitute::clock_gettime.instead([&](clockid_t aClock, timespec* apTime) {
+        const int lResult = substitute::clock_gettime.real(aClock, apTime);
+        if (CLOCK_REALTIME == aClock) {
+            lStep = (lStep + 6700417) % (2 * cTenYears);
+            apTime->tv_sec += static_cast<time_t>(lStep - cTenYears);
+        }
+        return lResult;
+    });
+    const auto lWait = [this] {
+        const Recording lRecording;
+        const int64_t lStart = nanoseconds();
+        EXPECT_THROW(OsSharedMemoryWaitForActivity(mClient, 1), OQCTimeOutEx);
+        return (nanoseconds() - lStart) / 1000000;
+    };
+    EXPECT_GT(500, lWait()) << "the real time ends the wait";
+    SetMonotonicTime(true);
+    const int64_t lTook = lWait();
+    SetMonotonicTime(false);
+    EXPECT_LE(999, lTook);
+    EXPECT_GT(1000 + cTolerance, lTook);
+    RecordProperty("TimeOutAfter1000", std::to_string(lTook));
 }
 
 TEST_F(SharedMemoryLinuxTransferTest, ASecondWriteWithoutAReadTimesOutAfterThreeSeconds)

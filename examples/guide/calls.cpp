@@ -402,6 +402,15 @@ static long secondsSince1970()
     return lSeconds;
 }
 
+static long secondsSinceTheHostStarted()
+{
+    SetMonotonicTime(true);  // a program calls this once, before its first wait
+    long lSeconds;
+    unsigned short lMilliseconds;
+    ClibGetTime(lSeconds, lMilliseconds);
+    return lSeconds;
+}
+
 static bool hasHostName()
 {
     char lName[65];
@@ -467,7 +476,8 @@ int main()
         printf("exit status: %d, signal: %d\n", run("/bin/sh", lArguments), signalItself());
         printf("lines: %d and %d\n", countLines("echo a; echo b"), splitLines());
         printf("addresses: %d, Linux: %d\n", (0 < countAddresses()) == (0 < firstAddress()), runsOnLinux());
-        printf("time: %d, host: %d\n", 0 < secondsSince1970(), hasHostName());
+        printf("host: %d, time: %d, other clock: %d\n", hasHostName(), 0 < secondsSince1970(),
+               0 <= secondsSinceTheHostStarted());
         texts();
         if (NULL != mkdtemp(lDirectory)) {
             inDirectory(lDirectory);

@@ -634,6 +634,27 @@ OUTCOME(ClibGetTime, ReportsTheWallClock)
     EXPECT_EQ(999, lMilliseconds[1]);
 }
 
+OUTCOME(ClibGetTime, ReportsTheMonotonicClockIfChosen)
+{
+    recordCompanion();
+    substitute::clock_gettime.instead([](clockid_t, timespec* apTime) {
+        *apTime = timespec{77, 5999999};
+        return 0;
+    });
+    long lSeconds = 0;
+    unsigned short lMilliseconds = 0;
+    mWhen = "after `SetMonotonicTime(true)`; cannot fail";
+    mTrace = "clock_gettime(CLOCK_MONOTONIC, local) = 0\nclock_gettime(CLOCK_REALTIME, local) = 0";
+    run([&] {
+        SetMonotonicTime(true);
+        ClibGetTime(lSeconds, lMilliseconds);
+        SetMonotonicTime(false);
+        ClibGetTime(lSeconds, lMilliseconds);
+    });
+    EXPECT_EQ(77, lSeconds);
+    EXPECT_EQ(5, lMilliseconds);
+}
+
 /// Returns whether ClibStrerror() truncates the text to the size of each buffer and preserves errno.
 bool storesWhatFits(int aError, const char* acText)
 {

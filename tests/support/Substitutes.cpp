@@ -149,7 +149,7 @@ UNWATCHED void* SubstituteBase::realFunction()
 
 // clang-format off
 SYSTEM(clock_gettime, (clockid_t a, timespec* b), (a, b),
-       (CLOCK_REALTIME == a ? Shown{"CLOCK_REALTIME"} : number(a), place(b)), noexcept)
+       (CLOCK_REALTIME == a ? Shown{"CLOCK_REALTIME"} : CLOCK_MONOTONIC == a ? Shown{"CLOCK_MONOTONIC"} : number(a), place(b)), noexcept)
 SYSTEM(execve, (const char* a, char* const* b, char* const* c), (a, b, c), (quoted(a), place(b), place(c)), noexcept)
 SYSTEM(fflush, (FILE* a), (a), (stdin == a ? Shown{"stdin"} : place(a)), )
 DEFINE(pid_t, fork, "fork", true, (), (), (), process, noexcept)

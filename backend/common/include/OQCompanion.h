@@ -244,8 +244,8 @@ OQ_EXPORT unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned in
 /// large-file support.
 OQ_EXPORT int ClibStat(const char* acPath, struct stat* apInfo);
 
-/// Reports the wall-clock time.
-/// \posix clock_gettime(CLOCK_REALTIME)
+/// Reports the time. The mailbox waits call this function and use only differences of two times.
+/// \posix clock_gettime(CLOCK_REALTIME); after SetMonotonicTime(true), CLOCK_MONOTONIC
 /// \param[out] arSeconds      receives the seconds since 1970
 /// \param[out] arMilliseconds receives the milliseconds within the second, 0 to 999
 /// \nothrow
