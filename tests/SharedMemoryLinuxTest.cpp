@@ -14,8 +14,7 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
-#include <regex>
+#include <map>
 
 #include "OQCompanionSettings.h"
 #include "Peer.h"
@@ -659,22 +658,27 @@ TEST_F(SharedMemoryLinuxAccessTest, OpenStoresTheHeaderInOrderAndReadsNothing)
 /// Returns the accesses of a function of the model in tests/model, as an AccessTrace shows them.
 std::string accessesOfModel(const std::string& acrFunction)
 {
-    std::ifstream lFile(OQ_MAILBOX_MODEL);
-    const std::string lModel((std::istreambuf_iterator<char>(lFile)), std::istreambuf_iterator<char>());
-    const size_t lStart = lModel.find("inline " + acrFunction + "()");
-    const std::string lBody = lModel.substr(std::min(lStart, lModel.size()), lModel.find("\n}", lStart) - lStart);
-    const std::vector<std::string> lPlaces = {"DATA_READY", "SEGMENT_FREE", "SERVER_READY", "CLIENT_READY", "LENGTH"};
-    const std::regex lAccess("(AWAIT|LOAD|STORE|RELEASE)\\w*\\((?:[a-z]\\w*, )?([A-Z_]+[01]?)");
+    const std::map<std::string, std::string> lNumbers = {
+        {"DATA_READY", "0"}, {"SEGMENT_FREE", "1"}, {"SERVER_READY", "2"}, {"CLIENT_READY", "3"}, {"LENGTH", "4"}};
+    std::ifstream lModel(OQ_MAILBOX_MODEL);
     std::string lAccesses;
-    for (std::sregex_iterator lIt(lBody.begin(), lBody.end(), lAccess); lIt != std::sregex_iterator(); ++lIt) {
-        const size_t lPlace = std::find(lPlaces.begin(), lPlaces.end(), (*lIt)[2]) - lPlaces.begin();
-        const bool lIsStore = "STORE" == (*lIt)[1] || "RELEASE" == (*lIt)[1];
-        const std::string lName = lPlace < lPlaces.size() ? (lIsStore ? "w" : "r") + std::to_string(lPlace) : "copy";
-        if ("copy" != lName || "WORD0" == (*lIt)[2]) {  // the words are copied at once
-            lAccesses += (lAccesses.empty() ? "" : " ") + lName;
+    std::string lLine;
+    while (std::getline(lModel, lLine) && "inline " + acrFunction + "()" != lLine) {
+    }
+    while (std::getline(lModel, lLine) && "}" != lLine) {
+        char lKind[32] = "";
+        char lFirst[32] = "";
+        char lSecond[32] = "";
+        sscanf(lLine.c_str(), " %31[A-Z_](%31[^,)], %31[^,)]", lKind, lFirst, lSecond);
+        const bool lIsStore = 0 == strcmp("STORE", lKind) || 0 == strcmp("RELEASE", lKind);
+        const std::string lPlace = 0 == strcmp("LOAD", lKind) ? lSecond : lFirst;
+        if (0 != lNumbers.count(lPlace)) {
+            lAccesses += (lIsStore ? " w" : " r") + lNumbers.at(lPlace);
+        } else if ("WORD0" == lPlace) {
+            lAccesses += " copy";  // of all words
         }
     }
-    return lAccesses;
+    return lAccesses.substr(std::min<size_t>(1, lAccesses.size()));
 }
 
 TEST_F(SharedMemoryLinuxAccessTest, TheModelMakesTheSameAccesses)
