@@ -1,6 +1,6 @@
 // The search of the reference. It finds the sections that contain all words of the query, also inside longer words and
-// with hyphens ("timeout" finds "time-out"). scripts/docs appends this file to Doxygen's search.js, whose own searchFor()
-// asks a server. A script loads the sections, because a browser lets no page that is a file fetch other files.
+// with hyphens ("timeout" finds "time-out"). scripts/docs appends this file to Doxygen's search.js and so replaces its
+// searchFor(), which requires a server. The sections are a script: a page that is opened as a file cannot fetch files.
 
 function searchFor(query) {
   const loader = document.createElement("script");
@@ -14,8 +14,7 @@ function patternsOf(query) {
   return query.split(/[\s-]+/).filter(Boolean).map((word) => new RegExp([...word].map(escaped).join("-?"), "i"));
 }
 
-// Returns 0 for a title that is the word, 1 if it begins with the word, 2 if it contains the word, 3 otherwise. Lists of
-// the declarations of a file come last.
+// Returns 0 if the title is the word, 1 if it begins with the word, 2 if it contains the word, 3 otherwise.
 function rank(title, pattern) {
   const match = pattern.exec(title);
   return !match ? 3 : match.index ? 2 : match[0].length < title.length ? 1 : 0;
@@ -26,7 +25,7 @@ function find(patterns) {
     .filter((section) => patterns.every((pattern) => pattern.test(section.join(" "))))
     .map((section) => {
       const title = (section[2] || section[1]).replace("()", "");
-      const last = section[1].endsWith("File Reference") ? 1 : 0;
+      const last = section[1].endsWith("File Reference") ? 1 : 0; // lists the declarations of a file
       return [patterns.reduce((sum, pattern) => sum + rank(title, pattern), last), section];
     })
     .sort((left, right) => left[0] - right[0])

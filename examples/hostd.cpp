@@ -1,8 +1,8 @@
 // hostd: a small daemon that answers questions about its host.
 //
 // The main thread reads requests from a FIFO and puts them into a queue. One worker thread takes them out and sends the
-// answers through a shared-memory mailbox. Guards own the resources, so they are released in reverse order, after a failed
-// start as well as at a normal end.
+// answers through a shared-memory mailbox. Guards own the resources and release them in reverse order, after a failed
+// start and at a normal end.
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,5 +1,5 @@
 /// \file
-/// Guards: optional objects that hold what an operation gives, and give it back once.
+/// Guards: optional objects. Each owns a resource and releases it once.
 #ifndef OQ_GUARDS_H
 #define OQ_GUARDS_H
 
@@ -20,15 +20,15 @@
 #include "OQLog.h"
 
 /// \defgroup guards Guards
-/// Objects that hold what an operation gives, and give it back once. OQLinux.h does not include `OQGuards.h`.
+/// Objects that own a resource and release it once. OQLinux.h does not include `OQGuards.h`.
 ///
-/// A guard can be moved and not copied. One that has been moved from holds nothing: only destroy it or assign to it. A
+/// A guard can be moved but not copied. A guard that has been moved from is empty: only destroy it or assign to it. A
 /// constructor that throws, as std::bad_alloc, leaves nothing behind. Destructors throw nothing, preserve errno and are
-/// no cancellation points; one that fails logs an error line. Unless stated otherwise, functions log only what the
+/// no cancellation points. They log an exception as an error line. Unless stated otherwise, functions log only what the
 /// operations log, throw the text of errno, and are for one thread at a time. After fork(), end the child with _exit().
 /// @{
 
-/// How long to wait at most, by the monotonic clock: any std::chrono duration. More than 20 years count as 20 years.
+/// The longest time to wait, by the monotonic clock: any std::chrono duration. More than 20 years count as 20 years.
 typedef std::chrono::nanoseconds OQLimit;
 
 /// \cond INTERNAL
@@ -55,7 +55,7 @@ void runQuietly(Action aRun) noexcept
     errno = lErrno;
 }
 template <class T, void (*Close)(T&)>
-struct Closer {  // closes and frees what a guard holds
+struct Closer {  // closes and frees the resource of a guard
     void operator()(T* apHeld) const
     {
         runQuietly([apHeld] { Close(*std::unique_ptr<T>(apHeld)); });
@@ -149,7 +149,7 @@ private:
 
 /// A lock, if the mutex was free: `if (OQCTryLock lLock{lMutex}) { ... }`.
 struct OQCTryLock : OQCMutexLock {
-    /// Locks a mutex if no thread holds it. Throws nothing, whatever fails. \param arMutex lives longer than the lock
+    /// Locks a mutex if no thread holds it. Throws nothing. \param arMutex lives longer than the lock
     explicit OQCTryLock(OQCMutex& arMutex)
     {
         mHeld.reset(0 == pthread_mutex_trylock(&arMutex.get()) ? &arMutex.get() : NULL);
@@ -166,9 +166,9 @@ struct OQCCondition {
         pthread_condattr_setclock(&lAttributes, CLOCK_MONOTONIC);
         oqguards::check<OQCCondInitFailedEx>(pthread_cond_init(mHeld.get(), &lAttributes));
     }
-    void signal() { OsSignal(*mHeld); }  ///< Wakes one waiter, if there is any. \throws OQCCondSignalFailedEx 340
+    void signal() { OsSignal(*mHeld); }  ///< Wakes one waiter, if there is one. \throws OQCCondSignalFailedEx 340
     /// Waits until a predicate holds. A cancellation point. \throws OQCCondWaitFailedEx 339; what the predicate throws
-    /// \param arLock holds the mutex, afterwards too; or a broken precondition, "mHeld" \param acrTest called then
+    /// \param arLock must hold the mutex (precondition "mHeld"), and holds it afterwards \param acrTest the predicate
     void wait(OQCMutexLock& arLock, const std::function<bool()>& acrTest) { waitFor(arLock, OQLimit::max(), acrTest); }
     /// Like wait(), for at most \p aLimit. \param arLock,aLimit,acrTest as above \return whether the predicate held
     bool waitFor(OQCMutexLock& arLock, OQLimit aLimit, const std::function<bool()>& acrTest)
@@ -189,7 +189,7 @@ private:
     std::unique_ptr<pthread_cond_t, oqguards::Closer<pthread_cond_t, OsDestroyConditional>> mHeld;
 };
 
-/// A thread. The destructor, which the thread itself must not call, joins it, and logs an exception not yet rethrown.
+/// A thread. The destructor joins it and logs an exception not yet rethrown. The thread itself must not call it.
 struct OQCThread {
     /// Starts a thread. \throws OQCThreadStartFailedEx 342; what copying the parameters throws
     /// \param aRun runs in the thread \param aStop makes aRun return; called by the destructor before it joins
@@ -211,7 +211,7 @@ struct OQCThread {
         mHeld.reset(lState.release());
     }
     /// Waits until the thread has ended. The second time it does nothing. A cancellation point.
-    /// \throws OQCThreadWaitForExitFailedEx 344, as in the thread itself; what aRun has thrown
+    /// \throws OQCThreadWaitForExitFailedEx 344, for example in the thread itself; what aRun has thrown
     void join()
     {
         if (mHeld) {
@@ -231,7 +231,7 @@ private:
     std::unique_ptr<oqguards::Running, oqguards::Closer<oqguards::Running, stopAndJoin>> mHeld;
 };
 
-/// A descriptor of a FIFO. The destructor closes it. Opened by path, it has O_CLOEXEC before any child can inherit it.
+/// A descriptor of a FIFO. The destructor closes it. An open by path sets O_CLOEXEC, so no program inherits it.
 struct OQCPipe {
     OQCPipe() {}  ///< Holds nothing: the descriptor is -1.
     /// Takes over the result of an open(). \param aFile below 0 is a failure \throws OQCOpenFailedEx 326
@@ -250,7 +250,7 @@ struct OQCPipe {
     void close() noexcept { mHeld.reset(); }  ///< Closes early. The second time it does nothing. No cancellation point.
     int get() const { return mHeld ? *mHeld : -1; }  ///< \return the descriptor, or -1
     /// Reads once, and again after signals. A cancellation point. \throws OQCReadFailedEx 328
-    /// \param apBuffer receives bytes \param aSize at most so many
+    /// \param apBuffer receives the bytes \param aSize of the buffer
     /// \return bytes read; 0 at end of data (errno is 0), or if a non-blocking pipe holds no data (errno is EAGAIN)
     unsigned int read(void* apBuffer, unsigned int aSize)
     {
@@ -262,8 +262,8 @@ struct OQCPipe {
         oqguards::check<OQCReadFailedEx>(0 < lDone || EAGAIN == errno ? 0 : errno);
         return lDone;
     }
-    /// Writes, in several parts if need be. A cancellation point. \param acData the bytes \param aSize their number
-    /// \return bytes written; fewer than aSize after a failure, with errno set, as EAGAIN when the pipe is full
+    /// Writes, if necessary in several parts. A cancellation point. \param acData the bytes \param aSize their number
+    /// \return bytes written; fewer than aSize after a failure, for example with errno EAGAIN when the pipe is full
     [[gnu::warn_unused_result]] unsigned int write(const void* acData, unsigned int aSize)
     {
         const unsigned char* lpNext = static_cast<const unsigned char*>(acData);
@@ -280,12 +280,12 @@ private:
     std::unique_ptr<int, oqguards::Closer<int, closePipe>> mHeld;
 };
 
-/// One side of a mailbox (see Shared memory). The destructor detaches the segment; that of the server removes it.
+/// One side of a mailbox (see Shared memory). The destructor detaches the segment. A server's also removes it.
 struct OQCMailbox {
-    /// Opens a segment. A server makes a new one, and first removes one that nobody is attached to. If servers start at
-    /// the same moment, at most one succeeds. \param aKey above 0 \param aSize 7 to 65535 bytes \param aSide which side
-    /// \throws OQCInvalidEx 6 for other parameters; OQCOpenFailedEx 326, with the text of EBUSY for a server whose
-    /// segment another process has attached; what else OsSharedMemoryOpen() throws
+    /// Opens a segment. A server first removes a segment that no process has attached, and makes a new one. If servers
+    /// start at the same moment, at most one succeeds. \param aKey above 0 \param aSize 7 to 65535 bytes
+    /// \param aSide which side \throws OQCInvalidEx 6 for other parameters; OQCOpenFailedEx 326, with the text of EBUSY
+    /// if a process has the server's old segment attached; what else OsSharedMemoryOpen() throws
     OQCMailbox(key_t aKey, unsigned int aSize, OQEConnectionMode aSide)
     {
         oqguards::check<OQCInvalidEx>(0 < aKey && cHead < aSize && aSize < 65536 && aSide <= OQCM_Server ? 0 : EINVAL);
@@ -324,14 +324,14 @@ struct OQCMailbox {
     }
     /// Takes a message. A cancellation point. \return whether there was one \param apBuffer receives it
     /// \param aSize of the buffer \param arLength receives the length of a message \param aLimit how long to wait
-    /// \throws OQCInvalidEx 6 for a message longer than the buffer or capacity(); it stays
+    /// \throws OQCInvalidEx 6 for a message longer than the buffer or capacity(); the message stays
     [[gnu::warn_unused_result]] bool receive(void* apBuffer, unsigned int aSize, unsigned int& arLength, OQLimit aLimit)
     {
         const OQSSharedMemoryHeader* const lpHeader = get().shm_addr;
         if (!oqguards::pollFor(aLimit, [=] { return 0 != __atomic_load_n(&lpHeader->data_ready, __ATOMIC_ACQUIRE); })) {
             return false;
         }
-        const unsigned int lRoom = std::min(aSize, capacity());  // the other side may have a larger one
+        const unsigned int lRoom = std::min(aSize, capacity());  // the other side may use a larger size
         const unsigned int lLength = __atomic_load_n(&lpHeader->data_length, __ATOMIC_RELAXED);
         oqguards::check<OQCInvalidEx>(lLength <= lRoom ? 0 : EMSGSIZE);
         OsSharedMemoryRead(mHeld->mDesc, static_cast<unsigned char*>(apBuffer), lRoom, arLength);
@@ -357,7 +357,7 @@ private:
 /// A lock on a file, as by OsLockFile(). The destructor releases every lock that this process has on the file.
 struct OQCFileLock {
     /// Locks a file from the current offset. Only the last attempt logs an error line. A cancellation point.
-    /// \param aFile stays open \param aLimit how long to wait for other processes \throws OQCFileLockFailedEx 330
+    /// \param aFile must stay open \param aLimit how long to wait for other processes \throws OQCFileLockFailedEx 330
     explicit OQCFileLock(int aFile, OQLimit aLimit = OQLimit(0))
     {
         std::unique_ptr<int> lFile(new int(aFile));
@@ -384,8 +384,8 @@ enum OQEAtEnd : unsigned char {
 
 /// A child process. If other code reaps it, as a handler for SIGCHLD may, its status is lost.
 struct OQCProcess {
-    /// Starts a program. If it cannot be run, this process gets the exception, and no copy of this process ever runs.
-    /// The program gets the default action for handled signals, and none blocked. Logs "Starting %s" at trace level.
+    /// Starts a program. If it cannot be run, the constructor throws in this process, and no copy of this process runs.
+    /// The program starts with no handler and no blocked signal. Logs "Starting %s" at trace level.
     /// \param acPath,acArgv,acEnvp as for ProcessCreate() \param aAtEnd see OQEAtEnd
     /// \throws OQCProcessCreationFailedEx 345
     OQCProcess(const char* acPath, char* const* acArgv, char* const* acEnvp, OQEAtEnd aAtEnd)
@@ -400,7 +400,7 @@ struct OQCProcess {
         const int lError = posix_spawn(&mHeld->mPid, acPath, NULL, &lAttributes, acArgv, acEnvp);
         oqguards::check<OQCProcessCreationFailedEx>(lError);
     }
-    /// Waits until the child has ended, whatever signals arrive. A cancellation point.
+    /// Waits until the child has ended. Continues after signals. A cancellation point.
     /// \return the exit code, 0 to 255, or minus a signal \throws OQCProcessWaitFailedEx 345 if other code reaped it
     int wait()
     {
@@ -427,10 +427,10 @@ private:
     std::unique_ptr<oqguards::Child, oqguards::Closer<oqguards::Child, end>> mHeld;
 };
 
-/// Blocks signals for the calling thread, and restores the mask at the end. An OQCProcess that is started meanwhile
-/// does not inherit it; a child of ProcessCreate() does. Destroy blocks in their own thread, the last one first.
+/// Blocks signals for the calling thread; the destructor restores the mask. A child of ProcessCreate() inherits the
+/// mask, a program of an OQCProcess does not. Destroy the blocks of a thread in that thread, the last one first.
 struct OQCSignalBlock {
-    /// Blocks signals, beside those that are blocked. \param aSignals as {SIGINT, SIGTERM}
+    /// Blocks more signals. \param aSignals for example {SIGINT, SIGTERM}
     explicit OQCSignalBlock(std::initializer_list<int> aSignals) : mHeld(new sigset_t())
     {
         sigset_t lSignals = {};

@@ -142,7 +142,7 @@ TEST_F(MemoryTest, NameOfTheSystemStaysUntilItsSuccessorHasItsMemory)
 
 typedef RecordedTest DescriptorsTest;
 
-TEST_F(DescriptorsTest, WithNoneToBeHadNothingIsOpenedAndTheRestWorks)
+TEST_F(DescriptorsTest, WithoutFreeDescriptorsNothingIsOpenedAndTheRestWorks)
 {
     const std::string lPath = path("pipe");
     const int lShared = key();

@@ -1,4 +1,4 @@
-// Each wait tests a predicate while the mutex is held. The limit is for the whole wait, and follows the monotonic clock.
+// Each wait tests a predicate and holds the mutex meanwhile. The limit is for the whole wait, by the monotonic clock.
 
 #include <OQGuards.h>
 #include <stdio.h>

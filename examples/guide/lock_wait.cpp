@@ -15,7 +15,7 @@ static const char* lockWithin(int aFile, std::chrono::milliseconds aLimit)
     }
 }
 
-/// The other process: holds the lock until the parent closes its end of the pipe.
+/// Runs in the other process: holds the lock until the parent closes its end of the pipe.
 [[noreturn]] static void holdLock(int aFile, int aReady, int aEnd)
 {
     OsLockFile(aFile);

@@ -1,4 +1,4 @@
-// What a write and a read do in each state of a mailbox. Both sides are in one program.
+// Writes and reads in each state of a mailbox. Both sides are in one program.
 
 #include <OQGuards.h>
 #include <stdio.h>

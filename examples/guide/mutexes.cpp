@@ -1,4 +1,4 @@
-// The destructor of a lock unlocks the mutex, also when an exception passes. A busy mutex is a result of a try-lock.
+// The destructor of a lock unlocks the mutex, even after an exception. A try-lock reports whether the mutex was busy.
 
 #include <OQGuards.h>
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// A guard owns the descriptor. A failed open or read is an exception, and a failed write is a smaller count.
+// A guard owns the descriptor. A failed open or read throws. A failed write returns a smaller count.
 
 #include <OQGuards.h>
 #include <stdio.h>

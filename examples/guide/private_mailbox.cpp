@@ -10,7 +10,7 @@ static bool makePrivate(const OQShmDesc& acrMailbox)
 {
     shmid_ds lState;
     if (shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0 || geteuid() != lState.shm_perm.cuid) {
-        return false;  // another user created it; a privileged server may open it all the same
+        return false;  // another user created it; OsSharedMemoryOpen() of a privileged server accepts it
     }
     lState.shm_perm.mode = 0600;
     if (shmctl(acrMailbox.shm_id, IPC_SET, &lState) < 0 || shmctl(acrMailbox.shm_id, IPC_STAT, &lState) < 0) {

@@ -1,4 +1,4 @@
-// Starts programs. When one cannot be run, the constructor throws.
+// Starts programs. If a program cannot be run, the constructor throws.
 
 #include <OQGuards.h>
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// A thread runs a callable. join() waits for the thread and throws what the callable has thrown.
+// A thread runs a callable. join() waits for the thread and rethrows an exception of the callable.
 
 #include <OQGuards.h>
 #include <stdio.h>

@@ -4,12 +4,12 @@
 //   ORDER   0: every store is visible at once. 1: stores wait in a buffer and leave it in their order, as on x86.
 //           2: stores leave the buffer in any order, but a release store leaves it after all earlier ones.
 //   SERVER  the process that is the server: WRITER or READER. The other one is the client.
-//   KILL    the process that can be killed once, before any access. It starts again, opens, and goes on.
+//   KILL    the process that can be killed once, before any access. It starts again, opens the mailbox, and continues.
 //   REOPEN  the side that another process opens once more, at any time.
 //   NEVER   a state that the run expects never to reach.
 //
-// A test of SharedMemoryLinuxTest compares the accesses below with those of the functions. The processes wait without a
-// time limit, so a state in which the layer reports a time-out is one in which nothing can happen here.
+// A test of SharedMemoryLinuxTest compares the accesses below with those of the functions. The model's processes wait
+// without a time limit. Where the layer reports a time-out, the model stops, because nothing can happen any more.
 
 #define NOBODY 0
 #define WRITER 1
@@ -49,7 +49,7 @@ bool openedAgain;   // a server has opened a mailbox that was in use
 byte opens;         // how many stores of opens are in buffers
 byte received;      // the last message that a read has returned
 bool torn;          // a read has returned bytes of two messages
-bool stuck;         // both sides have waited for ever
+bool stuck;         // both sides have waited, and nothing could happen
 bool writerIsDone;
 
 #define STATE_BOTH (memory[DATA_READY] && memory[SEGMENT_FREE])
