@@ -29,7 +29,7 @@ struct LockedFile {
 };
 
 /// Opens a file as openOwnFile() does, and locks it. Waits for at most \p aLimit until other processes unlock it. Throws:
-/// std::runtime_error, with the text \p acTaken when another process holds the lock.
+/// std::runtime_error; its text is \p acTaken if another process still holds the lock.
 LockedFile lockOwnFile(const OQCString& acrPath, int aFlags, std::chrono::milliseconds aLimit, const char* acTaken);
 
 /// Throws: std::runtime_error unless the descriptor refers to a FIFO that the path names directly, not by a symbolic

@@ -207,7 +207,7 @@ class Worker
 public:
     Worker(RequestQueue& arQueue, OQCMailbox& arMailbox) : mQueue(arQueue), mMailbox(arMailbox), mThread(start()) {}
 
-    /// Waits for the thread, which ends when the queue is closed. Throws what has ended the thread earlier.
+    /// Waits for the thread, which ends when the queue is closed. Rethrows an exception that ended the thread.
     void join() { mThread.join(); }
 
 private:

@@ -53,7 +53,7 @@ OQCProcess startNothing()
 
 const char* const cLeavesNoBlockedSignal = "exec grep -q '^SigBlk:.*[^0-9a-f]0*$' /proc/self/status";
 
-/// The error and halt lines so far, one a line: the text with its arguments.
+/// Returns the error and halt lines so far, one per line: the text with its arguments.
 std::string errorLines()
 {
     std::string lText;
@@ -78,14 +78,14 @@ unsigned int callsOf(const char* acFunction)
     return lCalls;
 }
 
-/// GCC's address sanitizer takes the frames that a cancellation has unwound for frames in use.
+/// GCC's address sanitizer treats frames that a cancellation has unwound as frames in use.
 #if defined(__SANITIZE_ADDRESS__) && !defined(__clang__)
 #define NEEDS_UNWINDING() GTEST_SKIP() << "the address sanitizer does not know the unwinding of a cancelled thread"
 #else
 #define NEEDS_UNWINDING()
 #endif
 
-/// Runs something in a thread of its own. \return whether a cancellation has ended the thread
+/// Runs a function in a new thread. \return whether a cancellation ended the thread
 bool isCancelled(std::function<void()> aRun)
 {
     pthread_t lThread;
@@ -196,7 +196,7 @@ TEST_F(GuardsTest, ALockUnlocksAtTheEndOfItsScopeEarlyAndWhileAnExceptionPasses)
     EXPECT_EQ("", errorLines());
 }
 
-TEST_F(GuardsTest, AMovedLockUnlocksOnceAndAnAssignedOneUnlocksWhatItHeld)
+TEST_F(GuardsTest, AMovedLockUnlocksOnceAndAssignmentUnlocksTheOldMutex)
 {
     OQCMutex lFirst, lSecond;
     OQCMutexLock lLock(lFirst);
@@ -426,7 +426,7 @@ TEST_F(GuardsTest, AThreadThatJoinsItselfFailsAndCanBeJoinedByAnother)
     lThread->join();
 }
 
-TEST_F(GuardsTest, AMovedThreadIsJoinedOnceAndAnAssignedOneBefore)
+TEST_F(GuardsTest, AMovedThreadIsJoinedOnceAndAssignmentJoinsTheOldThread)
 {
     std::atomic<unsigned int> lOver(0);
     OQCThread lThread([&] { ++lOver; });
@@ -662,7 +662,7 @@ TEST_F(GuardsTest, AServerOpenThatFailsLeavesItsSegmentWithoutTheGuardAndNothing
     EXPECT_FALSE(isSegment(key()));
 }
 
-TEST_F(GuardsTest, WhicheverCallOfAnOpenFailsNothingIsLeft)
+TEST_F(GuardsTest, AFailureOfAnyCallOfAnOpenLeavesNothing)
 {
     for (unsigned int lCall = 1; lCall <= 2; ++lCall) {
         substitute::shmat.failOn(lCall, reinterpret_cast<void*>(-1), ENOMEM);
@@ -763,7 +763,7 @@ TEST_F(GuardsTest, OfServersThatStartAtTheSameMomentAtMostOneSucceedsAndNothingI
     munmap(lpShared, sizeof(Shared));
 }
 
-TEST_F(GuardsTest, AMailboxWhoseCloseFailsLogsThat)
+TEST_F(GuardsTest, AMailboxLogsAFailedClose)
 {
     const void* lpStays = nullptr;
     substitute::shmctl.failOn(7, -1, EPERM);  // SHM_UNLOCK
@@ -793,7 +793,7 @@ protected:
         unlink(mName.c_str());
         GuardsTest::TearDown();
     }
-    /// Whether another process finds a lock.
+    /// Returns whether another process finds a lock.
     bool isLocked()
     {
         return 0 != inChild([this] {
@@ -1048,7 +1048,7 @@ TEST_F(GuardsTest, AChildInheritsABlockFromABareStartAndNotFromAProcess)
     lThread.join();
 }
 
-TEST_F(GuardsTest, AProcessStartsWithNoBlockedSignalWhoeverHasBlockedIt)
+TEST_F(GuardsTest, AProgramStartsWithNoBlockedSignal)
 {
     const sigset_t lMask = maskNow(0);
     sigset_t lMore;
@@ -1116,7 +1116,7 @@ TEST_F(FileGuardsTest, UnwindingACancelledThreadClosesEveryGuard)
     EXPECT_EQ("", errorLines());
 }
 
-/// Whether errno keeps its value while a guard is destroyed.
+/// Returns whether errno keeps its value while a guard is destroyed.
 template <class Make>
 bool keepsErrno(Make aMake)
 {

@@ -1134,7 +1134,7 @@ TEST_F(Hostd, ADaemonWhoseFilesAreGoneSparesThoseOfItsSuccessor)
     stop();
 }
 
-TEST_F(Hostd, ADaemonStartsOnlyWhenTheToolsOfAKilledOneHaveEnded)
+TEST_F(Hostd, ADaemonStartsOnlyWhenTheToolsOfAKilledDaemonHaveEnded)
 {
     start();
     const int lPid = pid();

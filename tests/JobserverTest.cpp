@@ -1,4 +1,4 @@
-// Tests the job server of the examples in real processes. Failures of the system are made in children of the test, which
+// Tests the job server of the examples in real processes. System failures are injected into children of the test, which
 // run the same source.
 
 #include <fcntl.h>
@@ -91,7 +91,7 @@ protected:
         writeProgram(mPrograms.back(), "#!/bin/sh\n" + acrLines);
         return mPrograms.back();
     }
-    /// A job that writes its process id into a file and then runs until a signal ends it.
+    /// Returns a job that writes its process id into a file and then runs until a signal ends it.
     std::string endlessJob() { return program("endless", "echo $$ >" + pidFile() + "\nexec sleep 1000\n"); }
     std::string pidFile()
     {
@@ -183,7 +183,7 @@ TEST_F(JobserverTest, ASignalEndsTheServerAndItsJobs)
     }
 }
 
-TEST_F(JobserverTest, AServerStartsAfterOneThatWasKilledWhoseClientsGetNoAnswer)
+TEST_F(JobserverTest, AServerStartsAfterAKilledServerWhoseClientsGetNoAnswer)
 {
     prctl(PR_SET_CHILD_SUBREAPER, 1);  // this process inherits the job of the killed server
     auto lServer = started();
@@ -242,7 +242,7 @@ TEST_F(JobserverTest, AClientThatDoesNotReadDelaysNoOtherClient)
     end(*lServer);
 }
 
-TEST_F(JobserverTest, ARequestMayArriveInPiecesAndABrokenOneSpoilsNoOther)
+TEST_F(JobserverTest, ARequestMayArriveInPiecesAndAnInvalidRequestAffectsNoOther)
 {
     const auto lServer = started();
     const std::string lRequest = std::to_string(getpid()) + " /bin/false\n";
@@ -288,7 +288,7 @@ TEST_F(JobserverTest, AClientReportsARequestThatCannotBeSent)
     end(*lServer);
 }
 
-TEST_F(JobserverTest, AThreadThatCannotStartIsAFailedStartThatLeavesNothing)
+TEST_F(JobserverTest, AServerWhoseThreadsCannotStartFailsAndLeavesNothing)
 {
     for (unsigned int lThread = 1; lThread <= cWorkers; ++lThread) {
         const Result lResult = resultInChild([&] {

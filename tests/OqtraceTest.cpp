@@ -1,5 +1,5 @@
-// oqtrace as a maintainer uses it: on logs that real operations wrote, and on logs that are damaged. This program
-// substitutes no function, so the companion writes a real log.
+// Tests oqtrace on logs that real operations wrote, and on damaged logs. This program substitutes no function, so the
+// companion writes a real log.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -17,7 +17,7 @@
 #include "OQCompanionSettings.h"
 #include "support/Command.h"
 
-// The test of the cuts runs the program thousands of times, so it runs in this process.
+// The test with cut logs runs oqtrace thousands of times, so oqtrace runs in this process.
 #define main oqtraceMain
 #include "oqtrace.cpp"
 #undef main
@@ -739,7 +739,7 @@ TEST_F(OqtraceTest, TimesThatGoBackwardsStillIncrease)
     EXPECT_EQ("50000.000", rowOf(lSummary, "OsExecute")[5]) << lSummary;
     balanced(traced(lLog, {"--chrome", "-"}));
 
-    // A machine whose clock starts in 1970.
+    // The clock of a machine may start in 1970.
     const std::string lLater = traced("1970-01-01T00:00:01" + logOf("+OsLockFile -OsLockFile").substr(19));
     EXPECT_EQ("0.000", rowOf(lLater, "OsLockFile")[5]) << lLater;
 
@@ -841,7 +841,7 @@ TEST_F(OqtraceTest, ThePageContainsTheEventsInPlaceOfTheMark)
     EXPECT_EQ(lPage.substr(0, lBegin) + lTrace.substr(0, lTrace.size() - 1) + lPage.substr(lEnd + 7), lMade);
 }
 
-TEST_F(OqtraceTest, APercentileExceedsTheExactOneByLittle)
+TEST_F(OqtraceTest, APercentileIsAtMostSlightlyTooHigh)
 {
     std::mt19937 lNumbers(1);
     std::vector<double> lTimes;

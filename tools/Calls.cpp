@@ -26,8 +26,8 @@ const Nesting cNestings[] = {{"OsExecute", "OsBreak", true},
                              {"OsNamedPipeWaitForActivity", "OsWaitForActivity", false},
                              {"OsSharedMemoryWrite", "sTimedWaitOnFlag", false}};
 
-/// The lines that announce an exception, by the begin of their messages. Without such a row, an error line of an
-/// operation announces a "Left" and an exception.
+/// The lines that announce an exception, by the beginning of their messages. An error line without a row here announces
+/// a "Left" and an exception.
 enum class Announced { Nothing, Throw, LeftAndThrow };
 struct Announcement {
     const char* mpOperation;

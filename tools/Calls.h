@@ -1,8 +1,8 @@
 /// \file
-/// Makes calls from the lines "Entered" and "Left" of a log.
+/// Finds the calls in the lines "Entered" and "Left" of a log.
 ///
-/// A call that an exception left may have no "Left", so its end must be found from other lines. The memory that is
-/// needed depends on the number of threads and operations, not on the number of lines.
+/// A call that an exception ended may have no "Left", so other lines must show its end. The memory depends on the
+/// number of threads and operations, not on the number of lines.
 #ifndef OQ_TOOLS_CALLS_H
 #define OQ_TOOLS_CALLS_H
 
@@ -23,7 +23,7 @@ enum class End {
 /// A call that has begun.
 struct Call {
     size_t mOperation = 0;     ///< index of the name
-    bool mIsOfLayer = false;   ///< or of the host, whose calls may nest in any way
+    bool mIsOfLayer = false;   ///< false: of the host, whose calls may nest in any way
     bool mThrows = false;      ///< a line says that a throw follows
     unsigned int mNested = 0;  ///< number of calls that it made
     int64_t mEntered = 0;      ///< time
@@ -70,7 +70,7 @@ public:
     const std::deque<Thread>& threads() const { return mThreads; }
     /// The time of the last event.
     int64_t now() const { return mNow; }
-    /// How much later than in the log the last event is, because the clock was set.
+    /// The difference between the time of the last event and its time in the log, because the clock was set.
     int64_t shift() const { return mShift; }
     uint64_t clockChanges() const { return mClockChanges; }
     /// Number of lines "Left" without an open call.

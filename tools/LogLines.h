@@ -27,7 +27,7 @@ struct LogLine {
     std::string_view mLog;  ///< path of the log
 };
 
-/// Recognises lines. Keeps the last date, because most lines have the same.
+/// Parses lines. Keeps the last date, because most lines have the same date.
 class LineParser
 {
 public:

@@ -1,6 +1,6 @@
 /// \file
-/// Predicts the result of OsSharedMemoryOpen. The predicted call would be made now, by this user and with the limits and
-/// privileges of this process.
+/// Predicts the result of an OsSharedMemoryOpen that this user would make now, with the limits and privileges of this
+/// process.
 #ifndef OQ_TOOLS_OPEN_PREDICTION_H
 #define OQ_TOOLS_OPEN_PREDICTION_H
 
@@ -10,7 +10,7 @@
 
 struct OpenPrediction {
     int mError = 0;      ///< errno of the call that fails; 0 if the open succeeds
-    bool mKnown = true;  ///< false if mError only kept this process from trying the call
+    bool mKnown = true;  ///< false if mError only prevented the trial of the call
     const char* mpException = "OQCOpenFailedEx";
     unsigned int mCode = OQErrorCode<OQCOpenFailedEx>::value;
     const char* mpReason = "";  ///< identifier of the reason

@@ -1,7 +1,7 @@
 // oqtrace: shows the calls that the trace lines of a log record: as a table, as a timeline, or as stacks for a flame
 // graph.
 //
-// LogLines reads the lines, Calls makes calls from them, and the observers below write each event at once. The memory
+// LogLines reads the lines, Calls finds the calls, and the observers below write each event at once. The memory
 // that they need depends on the number of threads, operations and stacks, not on the number of lines.
 
 #include <errno.h>
@@ -354,7 +354,7 @@ public:
         ++mTotal;
         mMaximum = std::max(mMaximum, aValue);
     }
-    /// Returns the smallest value that is not exceeded by this share of the values.
+    /// Returns the smallest value that this share of the values does not exceed.
     uint64_t percentile(unsigned int aPercent) const
     {
         const uint64_t lRank = (mTotal * aPercent + 99) / 100;
@@ -600,7 +600,7 @@ sigset_t blockSignals()
     return lSignals;
 }
 
-/// Waits for one of the signals. \return whether it came
+/// Waits for one of the signals. \return whether a signal arrived
 bool cameWithin(const sigset_t& acrSignals, time_t aSeconds)
 {
     const timespec lTime = {aSeconds, 0};
@@ -621,7 +621,7 @@ int64_t timeOfDay()
     return lNow.tv_sec * cSecond + lNow.tv_nsec;
 }
 
-/// Reads the logs, and what is appended to them, until a signal comes. Looks for new lines every second.
+/// Reads the logs as they grow, until a signal arrives. Looks for new lines every second.
 /// \param[in] aAlways  whether to show the summary even if no line is new, because the ages of open calls grow
 void follow(LogReader& arReader, Calls& arCalls, bool aAlways, const std::function<void()>& acrShow)
 {

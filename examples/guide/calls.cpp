@@ -1,5 +1,5 @@
-// The examples of the manual pages: short functions, each with one call or a few calls that belong together. Failures
-// are thrown to their caller.
+// Examples for the manual pages: short functions, each with one call or a few calls that belong together. The functions
+// throw failures to their callers.
 
 #include <OQCompanionSettings.h>
 #include <OQLinux.h>

@@ -2,8 +2,8 @@
 // each kill:
 //
 // - its clients end by themselves, and so do its jobs, which this process inherits;
-// - no process, no segment and no lock is left; the FIFO may be left;
-// - the next server starts, runs a job and ends when requested; then only the lock file is left.
+// - no process, segment or lock is left, but the FIFO may be left;
+// - the next server starts, runs a job and ends on request. Afterwards only the lock file is left.
 //
 //   JobserverSoak PROGRAM KILLS
 

@@ -58,7 +58,7 @@ bool eventually(const std::function<bool()>& acrCondition);
 /// Ends a forked child without exit handlers: status 0, or 99 if an expectation failed in the child.
 [[noreturn]] void endChild();
 
-/// Runs a function in this many threads at the same time and waits for them. Its argument is the thread's number from 0.
+/// Runs a function in this many threads at the same time and waits for them. Its argument is the thread's index.
 void inThreads(unsigned int aCount, const std::function<void(unsigned int)>& acrRun);
 
 typedef std::vector<std::string> Texts;
