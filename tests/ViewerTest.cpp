@@ -1,5 +1,5 @@
-// Tests the viewers of a trace: the HTML timeline of oqtrace in Chromium, and the log format for lnav. A test without its
-// viewer is skipped. The gate "viewers" requires both viewers.
+// Tests the viewers of a trace: the HTML timeline of oqtrace in Chromium, and the log format for lnav. Without the viewer
+// a test is skipped. The gate "viewers" requires both viewers.
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,5 +1,5 @@
-// Starts programs that cannot be run while signals arrive. Each start throws in this process, with the right text. No copy
-// of this process runs past a start, no handler runs in a child, and nothing is left behind.
+// Starts programs that cannot be run while signals arrive. Each start throws in this process, with the right text. No
+// copy of this process runs past a start, no handler runs in a child, and nothing is left behind.
 //
 //   GuardSoak STARTS
 

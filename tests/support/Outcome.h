@@ -60,9 +60,9 @@ public:
     /// The error of this pass.
     int error() const { return mError; }
 
-    /// Runs the operation with errno EXDEV and compares its events with mTrace. ClibStrerror() returns the name of errno and the number
-    /// of the text, as in "EINTR #1", in memory outside of the caller's buffer. If the operation makes a child, the
-    /// child ends with status 0 when the operation returns or throws there.
+    /// Runs the operation with errno EXDEV and compares its events with mTrace. ClibStrerror() returns the name of errno
+    /// and the number of the text, as in "EINTR #1", in memory outside of the caller's buffer. If the operation makes a
+    /// child, the child ends with status 0 when the operation returns or throws there.
     void run(const std::function<void()>& acrOperation);
     /// The same in a child, for an operation that ends its process.
     void runInChild(const std::function<void()>& acrOperation);
