@@ -54,11 +54,11 @@ OQ_EXPORT void SetLogDescriptor(int aDescriptor);
 
 /// Chooses the clock of ClibGetTime(), and so of the mailbox waits.
 /// \posix none; ClibGetTime() calls clock_gettime()
-/// \param[in] aIsMonotonic true: CLOCK_MONOTONIC, which nobody can set, so that a wait lasts as long as the caller asked
-///                         for. false, as at the start: CLOCK_REALTIME
+/// \param[in] aIsMonotonic true: CLOCK_MONOTONIC, which cannot be set, so a wait lasts the requested time. false, the
+///                         initial state: CLOCK_REALTIME
 /// \nothrow
 /// \silent
-/// \threads Any. Call it before the first wait: a wait that sees both clocks ends at once, or after many years.
+/// \threads Any. Call it before the first wait: a wait that reads both clocks ends at once, or after many years.
 /// \trap ClibGetTime() then reports the time since the host's start and not since 1970. The log keeps real time, and so do
 /// the time limits of OsConditionalTimedWait(), which does not call ClibGetTime().
 OQ_EXPORT void SetMonotonicTime(bool aIsMonotonic);
