@@ -7,7 +7,6 @@
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <regex>
 #include <set>
 
 #include "Outcome.h"
@@ -52,10 +51,15 @@ std::string nameOf(const Event& acrEvent)
 /// "backend/common/include/Pointer" is Pointer.h.
 std::string sourceOf(const Event& acrEvent, const std::string& acrFrames)
 {
-    std::smatch lFound;
-    const std::string lName = acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
-    return std::regex_search(acrFrames, lFound, std::regex("/.*/" + lName + "\\.(cpp|h):")) ? lFound.str()
-                                                                                            : "no source:";
+    const std::string lName = "/" + acrEvent.mFile.substr(acrEvent.mFile.rfind('/') + 1);
+    for (const std::string& lrEnd : {lName + ".cpp:", lName + ".h:"}) {
+        const size_t lEnd = acrFrames.find(lrEnd);
+        if (std::string::npos != lEnd) {
+            const size_t lStart = acrFrames.find('/', acrFrames.rfind('\n', lEnd) + 1);  // npos + 1 is 0
+            return acrFrames.substr(lStart, lEnd + lrEnd.size() - lStart);
+        }
+    }
+    return "no source:";
 }
 
 /// Returns whether one of the frames is at the logged line of the file. This function does not compare the function
