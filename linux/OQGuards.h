@@ -2,7 +2,6 @@
 /// Guards: optional objects. Each owns a resource and releases it once.
 #ifndef OQ_GUARDS_H
 #define OQ_GUARDS_H
-
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -29,7 +28,7 @@
 /// @{
 
 /// The longest time to wait, by the monotonic clock: any std::chrono duration. More than 20 years count as 20 years.
-typedef std::chrono::nanoseconds OQLimit;
+typedef std::chrono::duration<double> OQLimit;
 
 /// \cond INTERNAL
 namespace oqguards
@@ -67,8 +66,8 @@ void check(int aError)  // throws with the text of an error, unless the error is
     if (0 != aError) {
         char lText[256];
         errno = aError;
-        ClibStrerror(lText, sizeof lText);  // before the throw, which allocates memory and may change errno
-        throw Leaf(lText, OQErrorCode<Leaf>::value);
+        const char* const lpText = ClibStrerror(lText, sizeof lText);  // before the throw, which may change errno
+        throw Leaf(lpText, OQErrorCode<Leaf>::value);
     }
 }
 /// Returns the monotonic time at the end of a limit. No sum overflows.
@@ -101,9 +100,7 @@ struct Child {
     {
         int lStatus = 0;
         const long lResult = mPid < 0 ? -1 : TEMP_FAILURE_RETRY(waitpid(mPid, &lStatus, aOptions));
-        if (0 < lResult) {
-            mStatus = WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -WTERMSIG(lStatus);
-        }
+        mStatus = lResult <= 0 ? mStatus : WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : -WTERMSIG(lStatus);
         mPid = 0 == lResult ? mPid : -1;
         return mPid < 0;
     }
@@ -174,7 +171,7 @@ struct OQCCondition {
     bool waitFor(OQCMutexLock& arLock, OQLimit aLimit, const std::function<bool()>& acrTest)
     {
         OQ_ASSERT_AS(arLock.mHeld, "mHeld", __func__, oqguards::cFile);
-        const long long lEnd = oqguards::endOf(aLimit).count();
+        const long long lEnd = static_cast<long long>(oqguards::endOf(aLimit).count() * 1e9);
         const timespec lDeadline = {static_cast<time_t>(lEnd / 1000000000), static_cast<long>(lEnd % 1000000000)};
         int lError = 0;
         bool lHolds = acrTest();
@@ -224,7 +221,7 @@ private:
     static void rethrow(const std::exception_ptr& acrEx) { acrEx ? std::rethrow_exception(acrEx) : void(); }
     static void stopAndJoin(oqguards::Running& arState)
     {
-        oqguards::runQuietly(arState.mStop);
+        oqguards::runQuietly([&arState] { arState.mStop(); });
         OsWaitForExit(arState.mThread);
         rethrow(arState.mFailure);
     }
@@ -235,7 +232,12 @@ private:
 struct OQCPipe {
     OQCPipe() {}  ///< Holds nothing: the descriptor is -1.
     /// Takes over the result of an open(). \param aFile below 0 is a failure \throws OQCOpenFailedEx 326
-    explicit OQCPipe(int aFile) : mHeld(new int(aFile)) { oqguards::check<OQCOpenFailedEx>(aFile < 0 ? errno : 0); }
+    explicit OQCPipe(int aFile)
+    try : mHeld(new int(aFile)) {
+        oqguards::check<OQCOpenFailedEx>(0 <= aFile ? 0 : 0 != errno ? errno : EBADF);
+    } catch (const std::bad_alloc&) {
+        oqguards::runQuietly([aFile] { ClibClose(aFile); });
+    }
     /// Opens a FIFO. A cancellation point. Logs "Opening %s" at trace level.
     /// \param acrPath its path \param aMode 1 to 4, see OQEFileMode \param aState whether reads and writes block
     /// \throws OQCInvalidEx 6 for another mode; OQCOpenFailedEx 326, also when a signal interrupts a wait for a writer
@@ -276,7 +278,7 @@ struct OQCPipe {
     }
 
 private:
-    static void closePipe(int& arPipe) { OsNamedPipeClose(arPipe, OQCM_Client); }
+    static void closePipe(int& arPipe) { arPipe < 0 ? void() : OsNamedPipeClose(arPipe, OQCM_Client); }
     std::unique_ptr<int, oqguards::Closer<int, closePipe>> mHeld;
 };
 
@@ -444,7 +446,5 @@ private:
     static void restore(sigset_t& arMask) { pthread_sigmask(SIG_SETMASK, &arMask, NULL); }
     std::unique_ptr<sigset_t, oqguards::Closer<sigset_t, restore>> mHeld;
 };
-
 /// @}
-
 #endif

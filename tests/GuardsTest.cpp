@@ -328,8 +328,11 @@ TEST_F(GuardsTest, TheLimitOfAWaitFollowsTheMonotonicClockAndNeverOverflows)
     EXPECT_FALSE(lChanged.waitFor(lLock, hours(1), [] { return false; }));
     EXPECT_LE(lNow.tv_sec + 3600, lDeadline.tv_sec);
     EXPECT_GT(lNow.tv_sec + 3600 + 60, lDeadline.tv_sec);
-    EXPECT_FALSE(lChanged.waitFor(lLock, nanoseconds::max(), [] { return false; }));
-    EXPECT_LT(lNow.tv_sec + 3600, lDeadline.tv_sec);
+    for (const OQLimit lLimit : {OQLimit(nanoseconds::max()), OQLimit(milliseconds::max()), OQLimit(hours::max())}) {
+        lDeadline = {};
+        EXPECT_FALSE(lChanged.waitFor(lLock, lLimit, [] { return false; }));
+        EXPECT_LT(lNow.tv_sec + 3600, lDeadline.tv_sec);
+    }
     substitute::pthread_cond_timedwait.fail(EPERM, 0);
     EXPECT_FAILURE(OQCCondWaitFailedEx, 339, "Operation not permitted",
                    lChanged.waitFor(lLock, hours(1), [] { return false; }));
@@ -399,6 +402,38 @@ TEST_F(GuardsTest, TheDestructorOfAThreadStopsAndJoinsAndLogsWhatBothThrow)
             });
     }
     EXPECT_EQ("-E-Failed with an exception of another kind\n-E-Failed. Error: '%s'|of the thread\n", errorLines());
+}
+
+/// Stops a thread. A copy needs memory.
+struct Stopper {
+    Stopper(std::atomic<bool>& arStop, const bool& acrIsFull) : mrStop(arStop), mcrIsFull(acrIsFull) {}
+    Stopper(const Stopper& acrOther) : mrStop(acrOther.mrStop), mcrIsFull(acrOther.mcrIsFull)
+    {
+        if (mcrIsFull) {
+            throw std::bad_alloc();
+        }
+    }
+    void operator()() const { mrStop = true; }
+    std::atomic<bool>& mrStop;
+    const bool& mcrIsFull;
+};
+
+TEST_F(GuardsTest, AThreadIsStoppedAndJoinedWithoutMemory)
+{
+    std::atomic<bool> lStop(false), lOver(false);
+    bool lIsFull = false;
+    {
+        const OQCThread lThread(
+            [&] {
+                EXPECT_TRUE(eventually([&] { return lStop.load(); }));
+                lOver = true;
+            },
+            Stopper(lStop, lIsFull));
+        lIsFull = true;
+    }
+    EXPECT_TRUE(lOver);
+    EXPECT_TRUE(eventually([&] { return lOver.load(); }));  // so that a thread that is not joined does no harm
+    EXPECT_EQ("", errorLines());
 }
 
 TEST_F(GuardsTest, AThreadMayEndItselfAndBeCancelled)
@@ -993,6 +1028,36 @@ TEST_F(GuardsTest, APipeTakesOverTheDescriptorOfAnotherOpenAndRefusesModeZero)
     const OQCPipe lNull(open("/dev/null", O_RDONLY | O_CLOEXEC));
     EXPECT_LE(0, lNull.get());
     EXPECT_THROW(OQCPipe("x", static_cast<OQEFileMode>(0), OQPS_Blocking), OQCInvalidEx);
+}
+
+TEST_F(GuardsTest, APipeWithoutADescriptorIsAnExceptionAndClosesNothing)
+{
+    const Recording lRecording;
+    errno = 0;
+    EXPECT_FAILURE(OQCOpenFailedEx, 326, "Bad file descriptor", OQCPipe(-1));
+    EXPECT_FAILURE(OQCOpenFailedEx, 326, "No such file or directory",
+                   OQCPipe("/nonexistent/fifo", OQFM_Mode1, OQPS_Blocking));
+    EXPECT_EQ(0U, callsOf("ClibClose"));
+    static char sText[] = "a text that the host keeps";
+    substitute::ClibStrerror.instead([](char*, unsigned int) { return sText; });
+    EXPECT_FAILURE(OQCOpenFailedEx, 326, sText, OQCPipe(-1));
+}
+
+TEST_F(GuardsTest, APipeThatGetsNoMemoryClosesTheDescriptor)
+{
+    if (!FailingMemory::isPossible()) {
+        GTEST_SKIP() << "allocations cannot fail here";
+    }
+    const int lNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    bool lHasThrown = false;
+    try {
+        const FailingMemory lFailing(1, false);
+        const OQCPipe lPipe(lNull);
+    } catch (const std::bad_alloc&) {
+        lHasThrown = true;
+    }
+    EXPECT_TRUE(lHasThrown);
+    EXPECT_FALSE(isOpen(lNull));
 }
 
 TEST_F(GuardsTest, AServerRefusesASegmentThatIsBeingRemoved)
