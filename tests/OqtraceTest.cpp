@@ -913,7 +913,7 @@ TEST_F(OqtraceTest, MemoryDoesNotGrowWithTheLog)
 
 TEST_F(OqtraceTest, WrongArgumentsAndFilesAreNamed)
 {
-    const std::string lLog = written("log", logOf("+OsLockFile -OsLockFile"));
+    const std::string lLog = written("log", logOf("+OsLockFile -OsLockFile")), lOutput = written("output", "");
     const struct {
         Strings mWords;
         int mStatus;
@@ -922,7 +922,8 @@ TEST_F(OqtraceTest, WrongArgumentsAndFilesAreNamed)
         {{"/no/log"}, 1, "oqtrace: /no/log: No such file or directory\n"},
         {{lLog, "/"}, 1, "oqtrace: /: Is a directory\n"},
         {{"--chrome", "/no/file", lLog}, 1, "oqtrace: /no/file: No such file or directory\n"},
-        {{"--html", lLog, lLog}, 1, "oqtrace: " + lLog + ": the file is also read\n"},
+        {{"--html", lLog, lLog}, 1, "oqtrace: " + lLog + ": the file is used twice\n"},
+        {{"--html", lOutput, "--chrome", lOutput, lLog}, 1, "oqtrace: " + lOutput + ": the file is used twice\n"},
         {{"--folded", "/dev/full", lLog}, 1, "oqtrace: /dev/full: No space left on device\n"},
         {{"--chrome", "/dev/full", lLog}, 1, "oqtrace: /dev/full: No space left on device\n"},
         {{cTree + "/tests/CMakeLists.txt"}, 1, "oqtrace: " + cTree + "/tests/CMakeLists.txt: no line of a log\n"},
@@ -937,6 +938,8 @@ TEST_F(OqtraceTest, WrongArgumentsAndFilesAreNamed)
         EXPECT_EQ(acrCase.mStatus, lResult.mStatus) << acrCase.mError;
         EXPECT_EQ(acrCase.mError, lResult.mError);
     }
+    const Result lAppended = resultOf({OQTRACE, "--chrome", "-", lLog}, outputTo(lLog));  // would never end
+    EXPECT_EQ("oqtrace: -: the file is used twice\n", lAppended.mError);
     EXPECT_EQ(logOf("+OsLockFile -OsLockFile"), contentOf(lLog));
     for (const char* lpOption : {"--nonsense", "--chrome", "-x"}) {
         const Result lResult = resultOf({OQTRACE, lpOption});

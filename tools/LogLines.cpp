@@ -211,7 +211,6 @@ void LogFile::open()
     }
     mDevice = lState.st_dev;
     mInode = lState.st_ino;
-    mRegular = S_ISREG(lState.st_mode);
 }
 
 bool LogFile::next()

@@ -64,7 +64,6 @@ public:
     const std::string& path() const { return mPath; }
     dev_t device() const { return mDevice; }
     ino_t inode() const { return mInode; }
-    bool isRegular() const { return mRegular; }
 
     /// Starts again if the file was truncated. If the path now leads to another file, next() reads that file after the
     /// rest of this one. Call it at the end of the data.
@@ -85,7 +84,6 @@ private:
     int mDescriptor = -1;
     dev_t mDevice = 0;
     ino_t mInode = 0;
-    bool mRegular = false;
     std::vector<char> mBuffer;
     size_t mAt = 0;          // of the first byte that has not been taken
     size_t mSearched = 0;    // no line feed lies before this position

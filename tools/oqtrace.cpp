@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
 #include <stdexcept>
 
 #include "Calls.h"
@@ -57,24 +58,25 @@ const char* const cClearScreen = "\033[H\033[J";
 
 // ---- Output files ---------------------------------------------------------------------------------------------------
 
+/// The files that this command reads or writes.
+using Files = std::set<std::pair<dev_t, ino_t>>;
+
 /// A file that is written, or the standard output for "-".
 class Output
 {
 public:
-    Output(const std::string& acrPath, const LogReader& acrReader) : mPath(acrPath)
+    Output(const std::string& acrPath, Files& arUsed) : mPath(acrPath)
     {
         struct stat lState;
-        if ("-" != mPath && 0 == stat(mPath.c_str(), &lState)) {
-            for (const auto& acrFile : acrReader.files()) {
-                if (lState.st_dev == acrFile->device() && lState.st_ino == acrFile->inode()) {
-                    throw std::runtime_error(mPath + ": the file is also read");
-                }
-            }
+        const int lMissing = "-" == mPath ? fstat(STDOUT_FILENO, &lState) : stat(mPath.c_str(), &lState);
+        if (0 == lMissing && S_ISREG(lState.st_mode) && 0 != arUsed.count({lState.st_dev, lState.st_ino})) {
+            throw std::runtime_error(mPath + ": the file is used twice");
         }
         mpFile = "-" == mPath ? stdout : fopen(mPath.c_str(), "we");
-        if (NULL == mpFile) {
+        if (NULL == mpFile || fstat(fileno(mpFile), &lState) < 0) {
             fail(mPath);
         }
+        arUsed.emplace(lState.st_dev, lState.st_ino);
     }
     ~Output()
     {
@@ -669,19 +671,23 @@ int convert(const Options& acrOptions)
     std::unique_ptr<Output> lChromeFile, lHtmlFile, lFoldedFile;
     std::unique_ptr<ChromeTrace> lChrome, lHtml;
     const std::string_view lPage(cPage);
+    Files lUsed;
+    for (const auto& acrFile : lReader.files()) {
+        lUsed.emplace(acrFile->device(), acrFile->inode());
+    }
     if (!acrOptions.mChrome.empty()) {
-        lChromeFile = std::make_unique<Output>(acrOptions.mChrome, lReader);
+        lChromeFile = std::make_unique<Output>(acrOptions.mChrome, lUsed);
         lChrome = std::make_unique<ChromeTrace>(*lChromeFile, lCalls);
         lCalls.add(*lChrome);
     }
     if (!acrOptions.mHtml.empty()) {
-        lHtmlFile = std::make_unique<Output>(acrOptions.mHtml, lReader);
+        lHtmlFile = std::make_unique<Output>(acrOptions.mHtml, lUsed);
         lHtmlFile->write(lPage.substr(0, lPage.find(cBegin)));
         lHtml = std::make_unique<ChromeTrace>(*lHtmlFile, lCalls);
         lCalls.add(*lHtml);
     }
     if (!acrOptions.mFolded.empty()) {
-        lFoldedFile = std::make_unique<Output>(acrOptions.mFolded, lReader);
+        lFoldedFile = std::make_unique<Output>(acrOptions.mFolded, lUsed);
         lCalls.add(lStacks);
     }
     if (!acrOptions.hasOutput()) {
