@@ -52,8 +52,9 @@ const char* const cUsage =
     "  -h, --help             show this text\n"
     "  -V, --version          show the version\n\n"
     "To read a channel, oqshm attaches it for a moment. The attachment counts in shm_nattch during that time, and it\n"
-    "changes shm_atime, shm_dtime and shm_lpid. The layer does not use these values. A channel that no process has\n"
-    "attached keeps them unless --attach is given: the time of the last detach shows how long the channel is idle.\n\n"
+    "changes shm_atime, shm_dtime and shm_lpid. An OQCMailbox server that opens the channel at that moment may refuse\n"
+    "it. Without --attach, a channel that no process has attached keeps these values: the time of the last detach\n"
+    "shows how long the channel is idle.\n\n"
     "Exit status: 0 no problem in the channels shown; 1 a problem, or a possible problem; 2 wrong arguments, or the\n"
     "channels cannot be examined. With --as, only problems of the open count.\n";
 
