@@ -144,7 +144,7 @@ static int request(int aLockFile, pid_t aServer, const OQCString& acrFifo, const
 
 int main(int aCount, char** apWords)
 {
-    if (2 != aCount && 3 != aCount) {
+    if (2 != aCount && (3 != aCount || NULL != strchr("\n", apWords[2][strspn(apWords[2], " ")]))) {  // no program
         errx(2, "usage: jobserver DIRECTORY [\"PROGRAM [ARGUMENT]...\"]");
     }
     RegisterSignalHandler(SIGTERM, requestEnd);

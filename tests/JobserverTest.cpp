@@ -271,6 +271,9 @@ TEST_F(JobserverTest, ARequestMayArriveInPiecesAndAnInvalidRequestAffectsNoOther
 TEST_F(JobserverTest, AClientReportsARequestThatCannotBeSent)
 {
     const auto lServer = started();
+    for (const char* acWithoutProgram : {"", "  ", "\n/bin/true"}) {
+        EXPECT_EQ(2, resultOf({JOBSERVER, mFolder, acWithoutProgram}).mStatus);
+    }
     expectFailure("cannot send the request: Message too long\n", *client("/bin/true " + std::string(PIPE_BUF, 'x')));
     lServer->kill(SIGSTOP);
     OQCPipe lPipe((mFolder + "/fifo").c_str(), OQFM_Mode1, OQPS_NonBlocking);
