@@ -18,6 +18,7 @@
 #include <functional>
 #include <set>
 #include <stdexcept>
+#include <tuple>
 
 #include "Calls.h"
 
@@ -463,9 +464,9 @@ public:
         for (const auto& acrEntry : mRows) {
             lRows.emplace_back(acrEntry.first, &acrEntry.second);
         }
-        std::stable_sort(lRows.begin(), lRows.end(), [](const auto& acrLeft, const auto& acrRight) {
-            return acrLeft.first.first != acrRight.first.first ? acrLeft.first.first < acrRight.first.first
-                                                               : acrRight.second->mTotal < acrLeft.second->mTotal;
+        std::sort(lRows.begin(), lRows.end(), [](const auto& acrLeft, const auto& acrRight) {
+            return std::make_tuple(acrLeft.first.first, acrRight.second->mTotal, acrLeft.first.second) <
+                   std::make_tuple(acrRight.first.first, acrLeft.second->mTotal, acrRight.first.second);
         });
         for (const auto& acrRow : lRows) {
             lTable.push_back(cells(acrRow.first.second, *acrRow.second, lOpenCounts[acrRow.first]));
