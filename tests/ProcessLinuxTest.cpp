@@ -429,6 +429,25 @@ TEST_P(ProcessCreateTest, TheParentWaitsForTheThrowingChildWhenNoDescriptorIsFre
               }));
 }
 
+/// Returns how many mappings of shared anonymous memory this process has.
+int sharedMappings()
+{
+    std::ifstream lMaps("/proc/self/maps");
+    int lCount = 0;
+    for (std::string lLine; std::getline(lMaps, lLine);) {
+        lCount += std::string::npos == lLine.find("/dev/zero (deleted)") ? 0 : 1;
+    }
+    return lCount;
+}
+
+TEST_P(ProcessCreateTest, TheMemoryThatAChildSharesIsUnmapped)
+{
+    const int lBefore = sharedMappings();
+    EXPECT_EQ(0, ProcessWait(start("/bin/true"), 0));
+    EXPECT_EQ(42, ProcessWait(startInVain(), 0));
+    EXPECT_EQ(lBefore, sharedMappings());
+}
+
 TEST_P(ProcessCreateTest, TheParentWaitsForAThrowingChildThatSharesNoMemoryWithIt)
 {
 #if OQ_SANITIZED
