@@ -155,13 +155,13 @@ protected:
     OQCPipe pipe(OQEPipeState aState = OQPS_Blocking) { return OQCPipe(fifo(), OQFM_Mode1, aState); }
 
     /// Opens a server while a call fails. \return the text of the exception
-    static std::string textOfFailedServer()
+    static std::string failureOfAServer()
     {
         const Recording lRecording;
         try {
             OQCMailbox(key(), cSize, OQCM_Server);
         } catch (const OQCException& acrFailure) {
-            return acrFailure.what();
+            return std::to_string(acrFailure.code()) + " " + acrFailure.what();
         }
         return "no exception";
     }
@@ -701,19 +701,20 @@ TEST_F(GuardsTest, AFailureOfAnyCallOfAnOpenLeavesNothing)
 {
     for (unsigned int lCall = 1; lCall <= 2; ++lCall) {
         substitute::shmat.failOn(lCall, reinterpret_cast<void*>(-1), ENOMEM);
-        EXPECT_EQ("Cannot allocate memory", textOfFailedServer()) << lCall;
+        EXPECT_EQ("326 Cannot allocate memory", failureOfAServer()) << lCall;
         EXPECT_FALSE(isSegment(key())) << lCall;
     }
     substitute::shmat.failOn(99, nullptr, 0);
     for (unsigned int lCall = 2; lCall <= 3; ++lCall) {
         substitute::shmget.failOn(lCall, -1, ENOSPC);
-        EXPECT_EQ("No space left on device", textOfFailedServer()) << lCall;
+        EXPECT_EQ("326 No space left on device", failureOfAServer()) << lCall;
         EXPECT_FALSE(isSegment(key())) << lCall;
     }
     substitute::shmget.failOn(99, -1, 0);
     for (unsigned int lCall = 1; lCall <= 3; ++lCall) {
         substitute::shmctl.failOn(lCall, -1, EACCES);
-        EXPECT_EQ("Permission denied", textOfFailedServer()) << lCall;
+        const char* const cCodes[] = {"326", "173", "330"};  // the guard's own call, then those of the layer's open
+        EXPECT_EQ(std::string(cCodes[lCall - 1]) + " Permission denied", failureOfAServer());
         EXPECT_FALSE(isSegment(key())) << lCall;
     }
     EXPECT_FAILURE(OQCOpenFailedEx, 326, "No such file or directory", OQCMailbox(key(), cSize, OQCM_Client));
@@ -723,7 +724,7 @@ TEST_F(GuardsTest, AServerThatMayNotRemoveAnUnusedSegmentThrowsTheSystemsText)
 {
     const int lOld = shmget(key(), 7, IPC_CREAT | 0666);
     substitute::shmctl.failOn(2, -1, EPERM);  // IPC_RMID
-    EXPECT_EQ("Operation not permitted", textOfFailedServer());
+    EXPECT_EQ("326 Operation not permitted", failureOfAServer());
     EXPECT_EQ(0, shmctl(lOld, IPC_RMID, nullptr));
 }
 
