@@ -376,6 +376,17 @@ TEST_F(CompanionTest, StrerrorIsOfTheCallingThread)
     EXPECT_EQ(0, lWrong);
 }
 
+TEST_F(CompanionTest, StrerrorGivesTheTextsOfTheCLibrary)
+{
+    for (int lErrno = -2; lErrno < 4100; ++lErrno) {
+        char lBuffer[512];
+        errno = lErrno;
+        ClibStrerror(lBuffer, sizeof lBuffer);
+        const char* const lpText = strerrordesc_np(lErrno);
+        ASSERT_EQ(nullptr == lpText ? "Unknown error " + std::to_string(lErrno) : lpText, lBuffer);
+    }
+}
+
 TEST_F(CompanionTest, ReferenceCountIsOneWordThatCounts)
 {
     EXPECT_EQ(4U, sizeof(OQCReferenceCount));

@@ -107,22 +107,24 @@ UNWATCHED void* SubstituteBase::realFunction()
     return lpReal;
 }
 
+// BODY(type, function, arguments, their texts, function that makes the text of the result)
+#define LIST(...) __VA_ARGS__
+#define BODY(type, function, arguments, shown, result)                                   \
+    {                                                                                    \
+        if (!isRecorded(__builtin_return_address(0))) {                                  \
+            return substitute::function.real arguments;                                  \
+        }                                                                                \
+        const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown}); \
+        type const lResult = substitute::function.call arguments;                        \
+        lCall.returned(result(lResult));                                                 \
+        return lResult;                                                                  \
+    }
 // DEFINE(type, function, symbol, whether its calls are events by default, parameters, arguments, their texts,
 //        function that makes the text of the result, exception specification in the header)
 // The function has the linkage of its declaration in the header.
-#define LIST(...) __VA_ARGS__
 #define DEFINE(type, function, symbol, unasked, parameters, arguments, shown, result, ...) \
     Substitute<type parameters> substitute::function(symbol, unasked);                     \
-    UNWATCHED type function parameters __VA_ARGS__                                         \
-    {                                                                                      \
-        if (!isRecorded(__builtin_return_address(0))) {                                    \
-            return substitute::function.real arguments;                                    \
-        }                                                                                  \
-        const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown});   \
-        type const lResult = substitute::function.call arguments;                          \
-        lCall.returned(result(lResult));                                                   \
-        return lResult;                                                                    \
-    }
+    UNWATCHED type function parameters __VA_ARGS__ BODY(type, function, arguments, shown, result)
 // The same for a function that returns nothing.
 #define DEFINE_VOID(function, symbol, unasked, parameters, arguments, shown, ...)        \
     Substitute<void parameters> substitute::function(symbol, unasked);                   \
@@ -241,6 +243,12 @@ DEFINE(FILE*, fopen, "fopen", false, (const char* a, const char* b), (a, b), (qu
 DEFINE(void*, mmap, "mmap", false, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f),
        (place(a), number(static_cast<long long>(b)), number(c), number(d), number(e), number(f)), placeWithErrno, noexcept)
 #endif
+
+// The names under which the shared libraries call mknod() and stat(); see linux/SymbolVersions.h.
+extern "C" UNWATCHED int __xmknod(int, const char* a, mode_t b, dev_t* c) noexcept
+    BODY(int, mknod, (a, b, *c), (quoted(a), octal(b), number(static_cast<long long>(*c))), resultWithErrno)
+extern "C" UNWATCHED int __xstat(int, const char* a, struct stat* b) noexcept
+    BODY(int, stat, (a, b), (quoted(a), place(b)), resultWithErrno)
 // clang-format on
 
 // The C library's headers may define these functions inline, so these definitions have other names.
@@ -257,18 +265,19 @@ DEFINE(void*, mmap, "mmap", false, (void* a, size_t b, int c, int d, int e, off_
         lCall.returned(resultWithErrno(lResult));                                        \
         return lResult;                                                                  \
     }
-RENAMED(int, open, (const char* a, int b, mode_t c), (a, b, c), (quoted(a), openFlags(b), octal(c)), )
-RENAMED(ssize_t, read, (int a, void* b, size_t c), (a, b, c),
-        (number(a), place(b), number(static_cast<long long>(c))), )
-RENAMED(ssize_t, write, (int a, const void* b, size_t c), (a, b, c),
-        (number(a), place(b), number(static_cast<long long>(c))), )
-RENAMED(int, gethostname, (char* a, size_t b), (a, b), (place(a), number(static_cast<long long>(b))), noexcept)
-// Passes on the maximum number of arguments. Those beyond the caller's last one have undefined values and are ignored.
-RENAMED(long, syscall, (long a, long b, long c, long d, long e, long f, long g), (a, b, c, d, e, f, g),
-        (SYS_write == a ? Shown{"SYS_write"} : number(a), number(b)), noexcept)
+        RENAMED(int, open, (const char* a, int b, mode_t c), (a, b, c), (quoted(a), openFlags(b), octal(c)), )
+            RENAMED(ssize_t, read, (int a, void* b, size_t c), (a, b, c),
+                    (number(a), place(b), number(static_cast<long long>(c))), )
+                RENAMED(ssize_t, write, (int a, const void* b, size_t c), (a, b, c),
+                        (number(a), place(b), number(static_cast<long long>(c))), )
+                    RENAMED(int, gethostname, (char* a, size_t b), (a, b),
+                            (place(a), number(static_cast<long long>(b))), noexcept)
+    // Passes on the maximum number of arguments. Those beyond the caller's last one have undefined values and are ignored.
+    RENAMED(long, syscall, (long a, long b, long c, long d, long e, long f, long g), (a, b, c, d, e, f, g),
+            (SYS_write == a ? Shown{"SYS_write"} : number(a), number(b)), noexcept)
 
-// Has variable arguments, which a plan cannot receive. It formats the text, or uses the text that the test planned.
-Substitute<int(char*, const char*)> substitute::ClibSprintf("", true);
+    // Has variable arguments, which a plan cannot receive. It formats the text, or uses the text that the test planned.
+    Substitute<int(char*, const char*)> substitute::ClibSprintf("", true);
 int ClibSprintf(char* apBuffer, const char* acFormat, ...)
 {
     va_list lArguments;
