@@ -38,8 +38,7 @@ debian_package(
 child processes, commands, file locks and host identity: each a thin wrapper
 round one family of POSIX calls, all with one tree of exceptions and one log.
 .
-The companion runtime is for hosts that have none of their own.]]
-    "libc6 (>= 2.36)") # for packed relocations, which no symbol version records
+The companion runtime is for hosts that have none of their own.]])
 debian_package(
     development liboqlinux-dev libdevel "Linux operating-system abstraction layer (development files)"
     [[The layer wraps threads, mutexes, condition variables, named pipes,

@@ -38,7 +38,12 @@ void PrintLogMessageWithTimeStamp(unsigned int aLevel, const char* acTag, unsign
 char* ClibStrerror(char* apBuffer, unsigned int aSize)
 {
     const int lErrno = errno;  // preserved: the layer gets the text, logs a line and gets the text again
-    const char* const lpText = strerrordesc_np(lErrno);  // not strerror(), which may take a lock
+    // Not strerror(), which may take a lock.
+#if __GLIBC_PREREQ(2, 32)
+    const char* const lpText = strerrordesc_np(lErrno);
+#else
+    const char* const lpText = 0 <= lErrno && lErrno < sys_nerr ? sys_errlist[lErrno] : NULL;
+#endif
     if (NULL != lpText) {
         snprintf(apBuffer, aSize, "%s", lpText);
     } else {
