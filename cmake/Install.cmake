@@ -85,6 +85,6 @@ install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentati
         FILES_MATCHING PATTERN *.svg PATTERN *.png)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT examples)
 
-if(PROJECT_IS_TOP_LEVEL)
+if(OQ_TOP_LEVEL)
     include(cmake/Package.cmake)
 endif()

@@ -61,9 +61,11 @@ OQ_VERSIONS("2.27", "2.27", "2.27", "2.27", "2.27")
 #endif
 
 #if defined OQ_STAT || !__GLIBC_PREREQ(2, 32)
-// The table that strerrordesc_np() reads.
+// The table that strerrordesc_np() reads. Before 2.32, the C library's headers declared it.
+#if __GLIBC_PREREQ(2, 32)
 extern "C" const char* const _sys_errlist[];
-extern "C" const int _sys_nerr;
+extern "C" int _sys_nerr;
+#endif
 inline const char* errorText(int aError) { return 0 <= aError && aError < _sys_nerr ? _sys_errlist[aError] : NULL; }
 #define strerrordesc_np errorText
 #endif
