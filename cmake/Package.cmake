@@ -16,7 +16,7 @@ set(CPACK_DEBIAN_PACKAGE_SOURCE oqlinux)
 set(OQ_DEBIAN_VERSION ${CPACK_DEBIAN_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 
 configure_file(cmake/debian/changelog.in ${PROJECT_BINARY_DIR}/changelog.Debian @ONLY)
-execute_process(COMMAND gzip -9 --no-name --force ${PROJECT_BINARY_DIR}/changelog.Debian COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND gzip -9 --no-name --force --keep ${PROJECT_BINARY_DIR}/changelog.Debian COMMAND_ERROR_IS_FATAL ANY)
 
 # debian_package(COMPONENT NAME SECTION SUMMARY DESCRIPTION [DEPENDENCY...])
 #
@@ -74,12 +74,13 @@ oqtrace shows the calls that a log records: as a table, as a timeline, or for
 a flame graph.]])
 endif()
 
-# CPack detects the libraries' dependencies. Dependent packages get them from the generated shlibs file. The trigger
-# runs ldconfig after an install.
+# CPack detects the libraries' dependencies. Dependent packages get them from the symbols file, which scripts/package
+# makes. The generated shlibs file serves builds that ignore symbols files. The trigger runs ldconfig after an install.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/triggers ${PROJECT_BINARY_DIR}/symbols)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_ARCHITECTURE all)
 include(CPack)
