@@ -1,0 +1,3 @@
+catch throw
+run
+print $_exception
