@@ -1,8 +1,8 @@
 # Install rules. The components are:
 #
 #   runtime        both libraries
-#   development    the public headers, a CMake package (find_package(OQLinux)), pkg-config files, the manual pages of
-#                  functions and types, the GDB pretty-printers
+#   development    the public headers, the static libraries, a CMake package (find_package(OQLinux)), pkg-config files,
+#                  the manual pages of functions and types, the GDB pretty-printers
 #   documentation  the reference, the guide and the other pages
 #   examples       the sources of the examples, which can be built against the installed layer
 #   tools          oqshm and oqtrace with their manual pages and completion for bash
@@ -33,8 +33,9 @@ install_directories(documentation ${CMAKE_INSTALL_DOCDIR})
 install_directories(examples ${CMAKE_INSTALL_DOCDIR})
 
 install(
-    TARGETS OQLinux OQCompanion
+    TARGETS ${libraries}
     EXPORT OQLinuxTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
     INCLUDES DESTINATION ${OQ_HEADERS})
 install(FILES linux/OQLinux.h linux/OQGuards.h companion/OQCompanionSettings.h DESTINATION ${OQ_HEADERS} COMPONENT development)

@@ -44,8 +44,8 @@ debian_package(
     [[The layer wraps threads, mutexes, condition variables, named pipes,
 shared-memory mailboxes, child processes, commands and file locks.
 .
-Headers, CMake package, pkg-config files and a manual page for every function
-and type.]]
+Headers, static libraries, CMake package, pkg-config files and a manual page
+for every function and type.]]
     "liboqlinux${PROJECT_VERSION_MAJOR} (= ${OQ_DEBIAN_VERSION})")
 debian_package(
     documentation liboqlinux-doc doc "Linux operating-system abstraction layer (reference)"
