@@ -61,27 +61,26 @@ OQ_VERSIONS("2.27", "2.27", "2.27", "2.27", "2.27")
 #endif
 
 #if defined OQ_STAT || !__GLIBC_PREREQ(2, 32)
-// The table that strerrordesc_np() reads. Before 2.32, the C library's headers declared it.
-#if __GLIBC_PREREQ(2, 32)
-extern "C" const char* const _sys_errlist[];
-extern "C" int _sys_nerr;
-#endif
-inline const char* errorText(int aError) { return 0 <= aError && aError < _sys_nerr ? _sys_errlist[aError] : NULL; }
+// The table that strerrordesc_np() reads.
+extern const char* const cErrorTexts[] __asm__("_sys_errlist");
+extern const int cErrorCount __asm__("_sys_nerr");
+inline const char* errorText(int aError) { return 0 <= aError && aError < cErrorCount ? cErrorTexts[aError] : NULL; }
 #define strerrordesc_np errorText
 #endif
 
 // Before 2.33, the C library's headers defined stat() and mknod() as calls of these functions.
 #if defined OQ_STAT && __GLIBC_PREREQ(2, 33)
 #if !defined __LP64__ && defined _FILE_OFFSET_BITS && 64 == _FILE_OFFSET_BITS
-#define __xstat __xstat64
+int statOfVersion(int aVersion, const char* acPath, struct stat* apInfo) noexcept __asm__("__xstat64");
+#else
+int statOfVersion(int aVersion, const char* acPath, struct stat* apInfo) noexcept __asm__("__xstat");
 #endif
-extern "C" int __xstat(int aVersion, const char* acPath, struct stat* apInfo) noexcept;
-extern "C" int __xmknod(int aVersion, const char* acPath, mode_t aMode, dev_t* apDevice) noexcept;
+int mknodOfVersion(int aVersion, const char* acPath, mode_t aMode, dev_t* apDevice) noexcept __asm__("__xmknod");
 inline int makeNode(const char* acPath, mode_t aMode, dev_t aDevice)
 {
-    return __xmknod(OQ_MKNOD, acPath, aMode, &aDevice);
+    return mknodOfVersion(OQ_MKNOD, acPath, aMode, &aDevice);
 }
-#define stat(path, info) __xstat(OQ_STAT, path, info)
+#define stat(path, info) statOfVersion(OQ_STAT, path, info)
 #define mknod makeNode
 #endif
 
