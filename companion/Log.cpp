@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <type_traits>
 
 #include "OQCompanionSettings.h"
 
@@ -66,10 +67,11 @@ public:
     /// In a child of fork(), a thread that does not exist there may hold that lock.
     void time(const timespec& acrTime)
     {
-        const unsigned long lSeconds = static_cast<unsigned long>(acrTime.tv_sec);
-        const unsigned long lSecond = lSeconds % 86400;
+        // The width of time_t, which may exceed that of long.
+        const auto lSeconds = static_cast<std::make_unsigned<time_t>::type>(acrTime.tv_sec);
+        const auto lSecond = static_cast<unsigned long>(lSeconds % 86400);
         // Years start on 1 March, counted from year 0, so that the leap day is the last day of its year.
-        const unsigned long lDay = lSeconds / 86400 + 719468;
+        const unsigned long lDay = static_cast<unsigned long>(lSeconds / 86400) + 719468;
         const unsigned long lEra = lDay / 146097;
         const unsigned long lDayOfEra = lDay % 146097;
         const unsigned long lYearOfEra = (lDayOfEra - lDayOfEra / 1460 + lDayOfEra / 36524 - lDayOfEra / 146096) / 365;

@@ -1071,9 +1071,9 @@ TEST_F(Hostd, ProgramsOfADaemonIgnoreNoSignalAndTheirFailureIsToldAsAnError)
     expectFailure("hostctl: hostd answered: pgrep cannot be run, or cannot write /tmp/.vyrsyscmd",
                   {"ask", "running", "hostd"});
     const Result lResult = hostctl({"ask", "disks"});
-    unsigned long lIgnored = ~0UL;
-    EXPECT_EQ(1, sscanf(lResult.mOut.c_str(), "SigIgn: %lx", &lIgnored)) << lResult.mOut << lResult.mError;
-    EXPECT_EQ(0u, lIgnored & (1UL << (SIGPIPE - 1) | 1UL << (SIGXFSZ - 1)));
+    unsigned long long lIgnored = ~0ULL;  // 64 signals
+    EXPECT_EQ(1, sscanf(lResult.mOut.c_str(), "SigIgn: %llx", &lIgnored)) << lResult.mOut << lResult.mError;
+    EXPECT_EQ(0u, lIgnored & (1ULL << (SIGPIPE - 1) | 1ULL << (SIGXFSZ - 1)));
     unlink(path("df").c_str());
     unlink(path("pgrep").c_str());
     endOf(lDaemon);

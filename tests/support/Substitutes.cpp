@@ -8,6 +8,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
+
 namespace
 {
 
@@ -93,6 +96,31 @@ void SubstituteBase::planned()
     }
 }
 
+/// The C library's headers choose other symbols when a 32-bit program has a 64-bit time_t. They also choose them for the
+/// definitions below.
+#if !defined __LP64__ && defined _TIME_BITS && 64 == _TIME_BITS
+#define OPEN_SYMBOL "open64"
+UNWATCHED static const char* symbolOf(const char* acName)
+{
+    const char* const cWide[][2] = {{"clock_gettime", "__clock_gettime64"},
+                                    {"clock_nanosleep", "__clock_nanosleep_time64"},
+                                    {"fopen", "fopen64"},
+                                    {"lockf", "lockf64"},
+                                    {"mmap", "mmap64"},
+                                    {"open", "open64"},
+                                    {"pthread_cond_timedwait", "__pthread_cond_timedwait64"},
+                                    {"select", "__select64"},
+                                    {"shmctl", "__shmctl64"},
+                                    {"stat", "__stat64_time64"}};
+    const auto lpFound = std::find_if(std::begin(cWide), std::end(cWide),
+                                      [acName](auto& arNames) { return 0 == strcmp(acName, arNames[0]); });
+    return std::end(cWide) == lpFound ? acName : (*lpFound)[1];
+}
+#else
+#define OPEN_SYMBOL "open"
+static const char* symbolOf(const char* acName) { return acName; }
+#endif
+
 // Uses no local static variable, because its guard changes errno when several threads wait for it. Uses no std::atomic,
 // because the thread sanitizer instruments its functions.
 UNWATCHED void* SubstituteBase::realFunction()
@@ -100,7 +128,7 @@ UNWATCHED void* SubstituteBase::realFunction()
     void* lpReal = __atomic_load_n(&mReal, __ATOMIC_RELAXED);
     if (nullptr == lpReal) {
         const int lErrno = errno;
-        lpReal = dlsym(RTLD_NEXT, mSymbol);
+        lpReal = dlsym(RTLD_NEXT, symbolOf(mSymbol));
         __atomic_store_n(&mReal, lpReal, __ATOMIC_RELAXED);
         errno = lErrno;
     }
@@ -109,22 +137,20 @@ UNWATCHED void* SubstituteBase::realFunction()
 
 // BODY(type, function, arguments, their texts, function that makes the text of the result)
 #define LIST(...) __VA_ARGS__
-#define BODY(type, function, arguments, shown, result)                                   \
-    {                                                                                    \
-        if (!isRecorded(__builtin_return_address(0))) {                                  \
-            return substitute::function.real arguments;                                  \
-        }                                                                                \
-        const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown}); \
-        type const lResult = substitute::function.call arguments;                        \
-        lCall.returned(result(lResult));                                                 \
-        return lResult;                                                                  \
-    }
+#define BODY(type, function, arguments, shown, result)                               \
+    if (!isRecorded(__builtin_return_address(0))) {                                  \
+        return substitute::function.real arguments;                                  \
+    }                                                                                \
+    const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown}); \
+    type const lResult = substitute::function.call arguments;                        \
+    lCall.returned(result(lResult));                                                 \
+    return lResult
 // DEFINE(type, function, symbol, whether its calls are events by default, parameters, arguments, their texts,
 //        function that makes the text of the result, exception specification in the header)
 // The function has the linkage of its declaration in the header.
 #define DEFINE(type, function, symbol, unasked, parameters, arguments, shown, result, ...) \
     Substitute<type parameters> substitute::function(symbol, unasked);                     \
-    UNWATCHED type function parameters __VA_ARGS__ BODY(type, function, arguments, shown, result)
+    UNWATCHED type function parameters __VA_ARGS__ { BODY(type, function, arguments, shown, result); }
 // The same for a function that returns nothing.
 #define DEFINE_VOID(function, symbol, unasked, parameters, arguments, shown, ...)        \
     Substitute<void parameters> substitute::function(symbol, unasked);                   \
@@ -243,41 +269,39 @@ DEFINE(FILE*, fopen, "fopen", false, (const char* a, const char* b), (a, b), (qu
 DEFINE(void*, mmap, "mmap", false, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f),
        (place(a), number(static_cast<long long>(b)), number(c), number(d), number(e), number(f)), placeWithErrno, noexcept)
 #endif
+// clang-format on
 
 // The names under which the shared libraries call mknod() and stat(); see linux/SymbolVersions.h.
 extern "C" UNWATCHED int __xmknod(int, const char* a, mode_t b, dev_t* c) noexcept
-    BODY(int, mknod, (a, b, *c), (quoted(a), octal(b), number(static_cast<long long>(*c))), resultWithErrno)
+{
+    BODY(int, mknod, (a, b, *c), (quoted(a), octal(b), number(static_cast<long long>(*c))), resultWithErrno);
+}
 extern "C" UNWATCHED int __xstat(int, const char* a, struct stat* b) noexcept
-    BODY(int, stat, (a, b), (quoted(a), place(b)), resultWithErrno)
-// clang-format on
+{
+    BODY(int, stat, (a, b), (quoted(a), place(b)), resultWithErrno);
+}
 
 // The C library's headers may define these functions inline, so these definitions have other names.
-#define RENAMED(type, function, parameters, arguments, shown, ...)                       \
-    Substitute<type parameters> substitute::function(#function, false);                  \
-    extern "C" type planned_##function parameters __VA_ARGS__ __asm__(#function);        \
-    extern "C" UNWATCHED type planned_##function parameters __VA_ARGS__                  \
-    {                                                                                    \
-        if (!isRecorded(__builtin_return_address(0))) {                                  \
-            return substitute::function.real arguments;                                  \
-        }                                                                                \
-        const CallRecord lCall(substitute::function.isShown(), #function, {LIST shown}); \
-        const type lResult = substitute::function.call arguments;                        \
-        lCall.returned(resultWithErrno(lResult));                                        \
-        return lResult;                                                                  \
+#define RENAMED(type, function, symbol, parameters, arguments, shown, ...)     \
+    Substitute<type parameters> substitute::function(#function, false);        \
+    extern "C" type planned_##function parameters __VA_ARGS__ __asm__(symbol); \
+    extern "C" UNWATCHED type planned_##function parameters __VA_ARGS__        \
+    {                                                                          \
+        BODY(type, function, arguments, shown, resultWithErrno);               \
     }
-        RENAMED(int, open, (const char* a, int b, mode_t c), (a, b, c), (quoted(a), openFlags(b), octal(c)), )
-            RENAMED(ssize_t, read, (int a, void* b, size_t c), (a, b, c),
-                    (number(a), place(b), number(static_cast<long long>(c))), )
-                RENAMED(ssize_t, write, (int a, const void* b, size_t c), (a, b, c),
-                        (number(a), place(b), number(static_cast<long long>(c))), )
-                    RENAMED(int, gethostname, (char* a, size_t b), (a, b),
-                            (place(a), number(static_cast<long long>(b))), noexcept)
-    // Passes on the maximum number of arguments. Those beyond the caller's last one have undefined values and are ignored.
-    RENAMED(long, syscall, (long a, long b, long c, long d, long e, long f, long g), (a, b, c, d, e, f, g),
-            (SYS_write == a ? Shown{"SYS_write"} : number(a), number(b)), noexcept)
+RENAMED(int, open, OPEN_SYMBOL, (const char* a, int b, mode_t c), (a, b, c), (quoted(a), openFlags(b), octal(c)), )
+RENAMED(ssize_t, read, "read", (int a, void* b, size_t c), (a, b, c),
+        (number(a), place(b), number(static_cast<long long>(c))), )
+RENAMED(ssize_t, write, "write", (int a, const void* b, size_t c), (a, b, c),
+        (number(a), place(b), number(static_cast<long long>(c))), )
+RENAMED(int, gethostname, "gethostname", (char* a, size_t b), (a, b), (place(a), number(static_cast<long long>(b))),
+        noexcept)
+// Passes on the maximum number of arguments. Those beyond the caller's last one have undefined values and are ignored.
+RENAMED(long, syscall, "syscall", (long a, long b, long c, long d, long e, long f, long g), (a, b, c, d, e, f, g),
+        (SYS_write == a ? Shown{"SYS_write"} : number(a), number(b)), noexcept)
 
-    // Has variable arguments, which a plan cannot receive. It formats the text, or uses the text that the test planned.
-    Substitute<int(char*, const char*)> substitute::ClibSprintf("", true);
+// Has variable arguments, which a plan cannot receive. It formats the text, or uses the text that the test planned.
+Substitute<int(char*, const char*)> substitute::ClibSprintf("", true);
 int ClibSprintf(char* apBuffer, const char* acFormat, ...)
 {
     va_list lArguments;
