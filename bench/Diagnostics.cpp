@@ -1,5 +1,6 @@
 // Exceptions and log lines.
 
+#include <cxxabi.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -7,9 +8,13 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <functional>
+#include <memory>
+#include <regex>
 #include <stdexcept>
 #include <system_error>
 
+#include "../tests/support/Steps.h"
 #include "Bench.h"
 #include "Failures.h"
 #include "Fixed.h"
@@ -61,6 +66,9 @@ const char* const cText = "Not Supported";
 #endif
 #ifdef BENCH_POCO
 [[gnu::noinline, noreturn]] void throwPoco() { throw Poco::TimeoutException(cText); }
+#endif
+#ifdef BENCH_SPDLOG
+[[gnu::noinline, noreturn]] void throwSpdlog() { throw spdlog::spdlog_ex(cText); }
 #endif
 
 template <void Throw(), class Caught>
@@ -158,7 +166,7 @@ const char* const cMessage = "Resource temporarily unavailable";
 class LogFile
 {
 public:
-    LogFile() : mPath(directory() + "/log"), mFile(open(mPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_TRUNC, 0600))
+    LogFile() : mPath(directory() + "/log"), mFile(open(mPath.c_str(), O_RDWR | O_CREAT | O_APPEND | O_TRUNC, 0600))
     {
         check(0 <= mFile, "open");
     }
@@ -196,10 +204,10 @@ void writeRaw(int aFile)
     check(lLength == write(aFile, lLine, static_cast<size_t>(lLength)), "write");
 }
 
-void writeLayer()
+void writeLayer(const char* acMessage)
 {
     PrintLogMessageWithTimeStamp(OQLL_Error, "-E-", 88, "OsLockFile", ".//MiscLinux", "Failed to lock file, error: %s",
-                                 cMessage);
+                                 acMessage);
 }
 
 void rawLines(benchmark::State& arState, int aFile)
@@ -213,39 +221,63 @@ void layerLines(benchmark::State& arState, int aFile)
 {
     SetLogDescriptor(aFile);
     for (auto lIteration : arState) {
-        writeLayer();
+        writeLayer(cMessage);
     }
     SetLogDescriptor(STDERR_FILENO);
 }
 
 #ifdef BENCH_SPDLOG
+std::shared_ptr<spdlog::logger> openSpdlog(const std::string& acrPath)
+{
+    const auto lLogger =
+        std::make_shared<spdlog::logger>("bench", std::make_shared<spdlog::sinks::basic_file_sink_mt>(acrPath));
+    lLogger->set_formatter(std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%fZ %P %t -%L- %! (%s:%#) %v",
+                                                                       spdlog::pattern_time_type::utc));
+    lLogger->flush_on(spdlog::level::trace);
+    return lLogger;
+}
+
+void writeSpdlog(spdlog::logger& arLogger, const char* acMessage)
+{
+    arLogger.log(spdlog::source_loc{".//MiscLinux", 88, "OsLockFile"}, spdlog::level::err,
+                 "Failed to lock file, error: {}", acMessage);
+}
+
 void spdlogLines(benchmark::State& arState, const std::string& acrPath)
 {
-    spdlog::logger lLogger("bench", std::make_shared<spdlog::sinks::basic_file_sink_mt>(acrPath));
-    lLogger.set_formatter(std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%fZ %P %t -%L- %! (%s:%#) %v",
-                                                                      spdlog::pattern_time_type::utc));
-    lLogger.flush_on(spdlog::level::trace);
+    const auto lLogger = openSpdlog(acrPath);
     for (auto lIteration : arState) {
-        lLogger.log(spdlog::source_loc{".//MiscLinux", 88, "OsLockFile"}, spdlog::level::err,
-                    "Failed to lock file, error: {}", cMessage);
+        writeSpdlog(*lLogger, cMessage);
     }
 }
 #endif
 
 #ifdef BENCH_POCO
-void pocoLines(benchmark::State& arState)
+const char* const cPocoLogger = "bench-file";
+
+Poco::Logger& openPoco(const std::string& acrPath)
 {
-    const LogFile lFile;
-    Poco::AutoPtr<Poco::FileChannel> lpFile(new Poco::FileChannel(lFile.mPath));
+    Poco::AutoPtr<Poco::FileChannel> lpFile(new Poco::FileChannel(acrPath));
     lpFile->setProperty("flush", "true");
     Poco::AutoPtr<Poco::PatternFormatter> lpPattern(
         new Poco::PatternFormatter("%Y-%m-%dT%H:%M:%S.%FZ %P %I -%q- OsLockFile (%U:%u) %t"));
     Poco::AutoPtr<Poco::FormattingChannel> lpChannel(new Poco::FormattingChannel(lpPattern, lpFile));
-    Poco::Logger& lLogger = Poco::Logger::create("bench-file", lpChannel, Poco::Message::PRIO_TRACE);
+    return Poco::Logger::create(cPocoLogger, lpChannel, Poco::Message::PRIO_TRACE);
+}
+
+void writePoco(Poco::Logger& arLogger, const char* acMessage)
+{
+    arLogger.error(Poco::format("Failed to lock file, error: %s", std::string(acMessage)), ".//MiscLinux", 88);
+}
+
+void pocoLines(benchmark::State& arState)
+{
+    const LogFile lFile;
+    Poco::Logger& lLogger = openPoco(lFile.mPath);
     for (auto lIteration : arState) {
-        lLogger.error(Poco::format("Failed to lock file, error: %s", std::string(cMessage)), ".//MiscLinux", 88);
+        writePoco(lLogger, cMessage);
     }
-    Poco::Logger::destroy("bench-file");
+    Poco::Logger::destroy(cPocoLogger);
     lFile.mustHold(arState.iterations());
 }
 #endif
@@ -314,6 +346,156 @@ void writtenLines()
 #endif
 }
 
+// --- interrupted calls -----------------------------------------------------------------------------------------------
+
+#if defined(__x86_64__) || defined(__i386__)  // the trial requires the trap flag
+
+const char* const cInterruption = "Interrupted system call";
+
+/// Returns whose line it is. Every logger writes the same fields.
+LineKind kindOf(const std::string& acrLine)
+{
+    static const std::regex cLine(
+        "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{6}Z \\d+ \\d+ -E- OsLockFile "
+        "\\([./]*MiscLinux:88\\) Failed to lock file, error: (.*)");
+    std::smatch lFound;
+    const std::string lMessage = std::regex_match(acrLine, lFound, cLine) ? lFound[1].str() : "";
+    return cMessage == lMessage        ? LineKind::OfTheCall
+           : cInterruption == lMessage ? LineKind::OfTheInterruption
+                                       : LineKind::Torn;
+}
+
+/// Drops what the peers write on standard error when they fail.
+class Silence
+{
+public:
+    Silence() : mStandardError(dup(STDERR_FILENO))
+    {
+        const int lNull = open("/dev/null", O_WRONLY);
+        dup2(lNull, STDERR_FILENO);
+        close(lNull);
+    }
+    ~Silence()
+    {
+        dup2(mStandardError, STDERR_FILENO);
+        close(mStandardError);
+    }
+
+private:
+    const int mStandardError;
+};
+
+/// Interrupts calls of a logger and counts what happens at the instructions.
+/// \param[in] aOpen opens the log; the returned object closes it
+void interruptions(const std::string& acrRow, std::shared_ptr<void> (*aOpen)(const LogFile&), void (*aInterruption)(),
+                   bool (*aWritten)(), bool (*aFiltered)(), bool (*aThrown)())
+{
+    const std::pair<const char*, Interruption> cInterruptions[] = {
+        {"signal", Interruption::Signal}, {"fork", Interruption::Fork}, {"cancel", Interruption::Cancel}};
+    const std::tuple<const char*, bool (*)(), unsigned int> cCalls[] = {
+        {"written", aWritten, 1}, {"filtered", aFiltered, 0}, {"exception", aThrown, 0}};
+    for (const auto& [lCallName, lCall, lLines] : cCalls) {
+        for (const auto& [lName, lInterruption] : cInterruptions) {
+            LogUnderTrial lLog = {-1, aInterruption, 1, lCall, lLines, nullptr, kindOf};
+            if (aThrown == lCall) {
+                lLog.mEnd = reinterpret_cast<void*>(abi::__cxa_throw);
+            }
+            row("interrupted", acrRow + "/" + lCallName + "/" + lName,
+                [=, lInterruption = lInterruption](benchmark::State& arState) mutable {
+                    const LogFile lFile;
+                    const std::shared_ptr<void> lpOpen = aOpen(lFile);
+                    check(lCall(), "call");  // before: the loader binds, the thread gets memory
+                    check(0 == ftruncate(lFile.mFile, 0), "ftruncate");
+                    lLog.mFile = lFile.mFile;
+                    const Silence lSilence;
+                    for (auto lIteration : arState) {
+                        const Steps lSteps = interruptAtEachInstruction(lInterruption, lLog);
+                        check(lSteps.mIsOwnCallIntact, "the call without an interruption");
+                        arState.counters["instructions"] = lSteps.mInstructions;
+                        for (const auto& [lOutcome, lCount] : lSteps.mOutcomes) {
+                            arState.counters[lOutcome] = lCount;
+                        }
+                    }
+                })
+                ->Iterations(1)
+                ->Repetitions(1);
+        }
+    }
+}
+
+template <void Throw(), class Caught>
+bool isThrown()
+{
+    try {
+        Throw();
+    } catch (const Caught& acrFailure) {
+        return '\0' != *acrFailure.what();
+    }
+    return false;
+}
+
+void interruptedCalls()
+{
+    interruptions(
+        "OQLinux",
+        [](const LogFile& acrFile) {
+            SetLogDescriptor(acrFile.mFile);
+            return std::shared_ptr<void>(nullptr, [](void*) { SetLogDescriptor(STDERR_FILENO); });
+        },
+        [] { writeLayer(cInterruption); },
+        [] {
+            writeLayer(cMessage);
+            return true;
+        },
+        [] {
+            PrintLogMessageWithTimeStamp(OQLL_Trace, "-T-", 88, "OsLockFile", ".//MiscLinux", "%s", "Entered");
+            return true;
+        },
+        isThrown<throwInLayer, OQCNotSupportedEx>);
+#ifdef BENCH_SPDLOG
+    static spdlog::logger* spSpdlog;
+    interruptions(
+        "spdlog",
+        [](const LogFile& acrFile) {
+            const auto lLogger = openSpdlog(acrFile.mPath);
+            spSpdlog = lLogger.get();
+            return std::shared_ptr<void>(lLogger);
+        },
+        [] { writeSpdlog(*spSpdlog, cInterruption); },
+        [] {
+            writeSpdlog(*spSpdlog, cMessage);
+            return true;
+        },
+        [] {
+            spSpdlog->trace("{}", "Entered");
+            return true;
+        },
+        isThrown<throwSpdlog, spdlog::spdlog_ex>);
+#endif
+#ifdef BENCH_POCO
+    static Poco::Logger* spPoco;
+    interruptions(
+        "POCO",
+        [](const LogFile& acrFile) {
+            spPoco = &openPoco(acrFile.mPath);
+            spPoco->setLevel(Poco::Message::PRIO_WARNING);
+            return std::shared_ptr<void>(spPoco, [](void*) { Poco::Logger::destroy(cPocoLogger); });
+        },
+        [] { writePoco(*spPoco, cInterruption); },
+        [] {
+            writePoco(*spPoco, cMessage);
+            return true;
+        },
+        [] {
+            poco_information(*spPoco, "Entered");
+            return true;
+        },
+        isThrown<throwPoco, Poco::Exception>);
+#endif
+}
+
+#endif
+
 }  // namespace
 
 void registerDiagnostics()
@@ -331,4 +513,7 @@ void registerDiagnostics()
     failedOperations();
     filteredLines();
     writtenLines();
+#if defined(__x86_64__) || defined(__i386__)
+    interruptedCalls();
+#endif
 }
