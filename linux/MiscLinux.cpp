@@ -58,27 +58,27 @@ const hostent* lookUpHost(const char* acFunction)
     return lpHostEntry;
 }
 
-/// Passes each address that is not loopback to aTake, in host byte order and as text, until aTake returns true. Logs as
-/// acFunction. The loop tests for the end of the list only after the first entry, so the body tests that entry for
-/// null.
-template <class Take>
-void walkAddresses(const char* acFunction, const hostent* acHostEntry, Take aTake)
+/// Finds the next address that is not loopback, from arIndex on, in host byte order and as text. Logs as acFunction. The
+/// loop tests for the end of the list only after the first entry, so the body tests that entry for null.
+bool findAddress(const char* acFunction, const hostent* acHostEntry, unsigned int& arIndex, unsigned int& arAddress,
+                 char (&arText)[INET_ADDRSTRLEN])
 {
-    unsigned int lIndex = 0;
-    do {
+    while (0 == arIndex || NULL != acHostEntry->h_addr_list[arIndex]) {
+        const unsigned int lIndex = arIndex++;
         const char* const lpEntry = acHostEntry->h_addr_list[lIndex];
         if (NULL != lpEntry) {
             in_addr lAddress;
             ClibMemcpy(&lAddress, lpEntry, sizeof lAddress);
-            char lText[INET_ADDRSTRLEN];  // a copy: the host's logging function may also call inet_ntoa
-            snprintf(lText, sizeof lText, "%s", inet_ntoa(lAddress));
-            OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, lText);
-            if (0 != ClibnStrcmp(lText, "127.", cLoopbackPrefixLength) && aTake(ClibNtohl(lAddress.s_addr), lText)) {
-                return;
+            // Copies the text, because the host's logging function may also call inet_ntoa. Every address fits.
+            snprintf(arText, sizeof arText, "%s", inet_ntoa(lAddress));
+            OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, arText);
+            if (0 != ClibnStrcmp(arText, "127.", cLoopbackPrefixLength)) {
+                arAddress = ClibNtohl(lAddress.s_addr);
+                return true;
             }
         }
-        ++lIndex;
-    } while (NULL != acHostEntry->h_addr_list[lIndex]);
+    }
+    return false;
 }
 
 bool exists(const char* acPath)
@@ -261,16 +261,18 @@ int OsKill(int aPid, int aSignal) { return kill(aPid, aSignal); }
 void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses)
 {
     OQ_ENTERED();
-    const char* const lpFunction = __func__;
-    unsigned int lTaken = 0;
-    walkAddresses(lpFunction, lookUpHost(lpFunction), [&](unsigned int aAddress, const char* acText) {
-        OQ_TRACE_AS(lpFunction, "Using %s as one of System's IP Addresses", acText);
-        arAddresses.append(aAddress);
-        ++lTaken;
-        return false;
-    });
-    if (0 == lTaken) {
-        OQ_HALT_AS(lpFunction, cNoAddress);
+    const hostent* const lpHostEntry = lookUpHost(__func__);
+    unsigned int lIndex = 0;
+    unsigned int lAddress;
+    char lText[INET_ADDRSTRLEN];
+    bool lFound = false;
+    while (findAddress(__func__, lpHostEntry, lIndex, lAddress, lText)) {
+        OQ_TRACE("Using %s as one of System's IP Addresses", lText);
+        arAddresses.append(lAddress);
+        lFound = true;
+    }
+    if (!lFound) {
+        OQ_HALT_AS(__func__, cNoAddress);
         throwWith<OQCGetIpAddressFailEx>(cNoAddress);
     }
     OQ_LEFT();
@@ -279,18 +281,14 @@ void OsGetAllIpAddresses(OQCList<unsigned int>& arAddresses)
 void OsGetIpAddress(unsigned int& arAddress)
 {
     OQ_ENTERED();
-    const char* const lpFunction = __func__;
-    bool lFound = false;
-    walkAddresses(lpFunction, lookUpHost(lpFunction), [&](unsigned int aAddress, const char* acText) {
-        arAddress = aAddress;
-        OQ_TRACE_AS(lpFunction, "Using %s as the System's primary IP Address", acText);
-        lFound = true;
-        return true;
-    });
-    if (!lFound) {
-        OQ_HALT_AS(lpFunction, cNoAddress);
+    const hostent* const lpHostEntry = lookUpHost(__func__);
+    unsigned int lIndex = 0;
+    char lText[INET_ADDRSTRLEN];
+    if (!findAddress(__func__, lpHostEntry, lIndex, arAddress, lText)) {
+        OQ_HALT_AS(__func__, cNoAddress);
         throwWith<OQCGetIpAddressFailEx>(cNoAddress);
     }
+    OQ_TRACE("Using %s as the System's primary IP Address", lText);
     OQ_LEFT();
 }
 

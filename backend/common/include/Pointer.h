@@ -49,9 +49,12 @@ public:
     /// \throws OQCNoMemoryEx 2 "Out of Memory" when apPointer is null or the counter cannot be allocated; in the latter
     /// case the pointee stays allocated
     Pointer(T* apPointer, OQEPointerSizeType aSizeType, OQEPointerMemoryType aMemoryType)
-        : mPointer(apPointer), mReferenceCount(0), mSizeType(aSizeType), mMemoryType(aMemoryType)
+        : mPointer(apPointer),
+          mReferenceCount(0 == apPointer ? 0 : new (std::nothrow) OQCReferenceCount(1)),
+          mSizeType(aSizeType),
+          mMemoryType(aMemoryType)
     {
-        if (0 == apPointer || 0 == (mReferenceCount = new (std::nothrow) OQCReferenceCount(1))) {
+        if (0 == mReferenceCount) {
             throw OQCNoMemoryEx("Out of Memory", OQErrorCode<OQCNoMemoryEx>::value);
         }
     }
@@ -133,8 +136,12 @@ private:
     OQ_ASSERT_AS(condition, #condition, acFunction, "backend/common/include/Pointer")
         OQ_POINTER_ASSERT_AS(0 != mPointer);
         OQ_POINTER_ASSERT_AS(0 != mReferenceCount);
-        if (OQPST_Individual != mSizeType && OQPST_Array != mSizeType) {
-            OQ_POINTER_ASSERT_AS(false);
+        switch (mSizeType) {
+            case OQPST_Individual:
+            case OQPST_Array:
+                break;
+            default:
+                OQ_POINTER_ASSERT_AS(false);
         }
 #undef OQ_POINTER_ASSERT_AS
         return mPointer;
