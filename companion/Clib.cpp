@@ -39,6 +39,7 @@ struct LineMemory {
 };
 
 struct Close {
+    // NOLINTNEXTLINE(cert-err33-c): the stream has only been read.
     void operator()(FILE* apStream) const { fclose(apStream); }
 };
 
@@ -58,6 +59,7 @@ char* ClibStrerror(char* apBuffer, unsigned int aSize)
         memcpy(apBuffer, lpText, lLength);
         apBuffer[lLength] = '\0';
     } else {
+        // NOLINTNEXTLINE(cert-err33-c): a short buffer cuts the text.
         snprintf(apBuffer, aSize, "Unknown error %d", lErrno);
     }
     errno = lErrno;

@@ -121,6 +121,7 @@ public:
 private:
     size_t room() const { return static_cast<size_t>(mText + sizeof mText - 1 - mEnd); }
 
+    // cppcheck-suppress uninitMemberVarPrivate ; a line uses only the bytes that it has written
     char mText[1 + cLineSize];
     char* mEnd = mText + 1;
 };

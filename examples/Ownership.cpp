@@ -34,6 +34,7 @@ std::string findFault(int aDescriptor, mode_t aKind)
 
 std::string privateDirectory()
 {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread changes the environment.
     const char* const lpRuntime = getenv("XDG_RUNTIME_DIR");
     std::string lPath = NULL == lpRuntime ? "" : lpRuntime;
     if ('/' != lPath[0]) {  // a relative path depends on the working directory

@@ -21,6 +21,7 @@
 
 /// A buffer for the system's error text, local to the failing call. For a logged failure, the companion runtime writes
 /// the text into this buffer twice: first for the log line, then for the exception.
+// cppcheck-suppress noConstructor ; get() writes the buffer before anyone reads it
 class ErrorText
 {
 public:

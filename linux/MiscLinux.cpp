@@ -45,6 +45,7 @@ const hostent* lookUpHost(const char* acFunction)
 {
     char lHostName[cHostNameSize] = {};
     ClibGethostname(lHostName, sizeof lHostName);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): OQLinux.h allows one thread at a time.
     const hostent* const lpHostEntry = gethostbyname(lHostName);
     if (NULL == lpHostEntry) {
         errno = h_errno;  // reports the resolver's error number with the system's text for it
@@ -70,6 +71,7 @@ bool findAddress(const char* acFunction, const hostent* acHostEntry, unsigned in
             in_addr lAddress;
             ClibMemcpy(&lAddress, lpEntry, sizeof lAddress);
             // Copies the text, because the host's logging function may also call inet_ntoa. Every address fits.
+            // NOLINTNEXTLINE(concurrency-mt-unsafe,cert-err33-c): OQLinux.h allows one thread at a time.
             snprintf(arText, sizeof arText, "%s", inet_ntoa(lAddress));
             OQ_TRACE_AS(acFunction, "IP Address #%u - %s", lIndex, arText);
             if (0 != ClibnStrcmp(arText, "127.", cLoopbackPrefixLength)) {
@@ -144,6 +146,7 @@ void OsExecute(const char* acCommand, OQCList<OQCString>& arLines)
 {
     OQ_ENTERED();
     OQ_TRACE("Calling popen");
+    // NOLINTNEXTLINE(cert-env33-c): the operation runs the caller's shell command.
     FILE* const lpStream = popen(acCommand, "r");
     if (NULL == lpStream) {
         OQ_TRACE("Failed in popen");

@@ -89,6 +89,7 @@ private:
 /// The kernel's record of a signal action. It begins with the handler, unlike the C library's struct sigaction.
 struct KernelAction {
     void (*mHandler)(int);
+    // cppcheck-suppress unusedStructMember ; only the kernel uses it
     unsigned char mRest[64];  // flags, mask and other fields that depend on the architecture
 };
 
@@ -152,8 +153,10 @@ pid_t startProgram(const char* acPath, char* const* acArgv, char* const* acEnvp,
     volatile bool lSharesMemory = false;
     const SharedWithChild<volatile int> lErrorOfCopy;
     const NoSignals lNoSignals;
+    // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork): the comment above says what the child may do.
     const pid_t lChild = vfork();
     if (0 == lChild) {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Vfork): the variable is volatile, so the parent reads it.
         lSharesMemory = true;
         takeSignalsOfProgram(lNoSignals.before());
         execve(acPath, acArgv, acEnvp);
@@ -233,6 +236,8 @@ int ProcessCreate(const char* acPath, char* const* acArgv, char* const* acEnvp)
 {
     OQ_ENTERED();
     NoCancellation lNoCancellation;
+    // cppcheck-suppress fflushOnInputStream ; Linux defines the effect
+    // NOLINTNEXTLINE(cert-err33-c): a program starts whether or not this succeeds.
     fflush(stdin);  // stdin, not stdout: callers rely on unflushed output staying in the buffer
     int lError = 0;
     pid_t lChild = startProgram(acPath, acArgv, acEnvp, lError);
@@ -296,6 +301,7 @@ int isProcessRunning(const OQCString& acrName)
     OQ_ENTERED();
     char lCommand[256];
     ClibSprintf(lCommand, "pgrep %s > /tmp/.vyrsyscmd", acrName.get());
+    // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe): callers rely on the file. glibc's system() is thread-safe.
     const int lIgnored = system(lCommand);
     static_cast<void>(lIgnored);
     int lRunning = 0;

@@ -176,7 +176,7 @@ std::string nameOf(const std::string& acrLog)
 class ChromeTrace : public Observer
 {
 public:
-    ChromeTrace(Output& arOutput, const Calls& acrCalls) : mrOutput(arOutput), mrCalls(acrCalls) { mText = "["; }
+    ChromeTrace(Output& arOutput, const Calls& acrCalls) : mrOutput(arOutput), mrCalls(acrCalls) {}
 
     void onThread(const Thread& acrThread) override
     {
@@ -270,7 +270,7 @@ private:
 
     Output& mrOutput;
     const Calls& mrCalls;
-    std::string mText;
+    std::string mText = "[";
     std::map<uint64_t, bool> mProcesses;             // those that have a name
     std::vector<std::vector<std::string>> mEntered;  // by number of the thread, the first lines of its open calls
     int64_t mStart = 0;

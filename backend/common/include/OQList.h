@@ -24,6 +24,7 @@ public:
     OQCListAllocator() {}
     /// Converts from the allocator of another type.
     template <class U>
+    // cppcheck-suppress noExplicitConstructor ; an allocator must convert
     OQCListAllocator(const OQCListAllocator<U>&)
     {
     }

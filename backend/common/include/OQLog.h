@@ -22,6 +22,7 @@
                                                     const char* acCondition)
 {
     PrintLogMessageWithTimeStamp(OQLL_Halt, "-H-", aLine, acFunction, acFile, "Assertion [ %s ] failed\n", acCondition);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc calls each exit handler once, even if two threads exit.
     exit(1);
 }
 

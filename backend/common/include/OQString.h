@@ -22,6 +22,7 @@ public:
     /// Copies a text.
     /// \param[in] acText zero-terminated, not checked for null
     /// \throws OQCNoMemoryEx 2 "Out of Memory"
+    // cppcheck-suppress noExplicitConstructor ; callers pass literals
     OQ_EMITTED OQCString(const char* acText) : mString(allocated(acText)) {}
 
     /// Copies a string. Asserts "acrCopy.mString != 0".

@@ -63,6 +63,7 @@ public:
     /// \param[in] acrCopy a holder, or an empty Pointer
     Pointer(const Pointer& acrCopy)
         : mPointer(acrCopy.mPointer),
+          // cppcheck-suppress copyCtorPointerCopying ; the copies share the counter
           mReferenceCount(acrCopy.mReferenceCount),
           mSizeType(acrCopy.mSizeType),
           mMemoryType(acrCopy.mMemoryType)
