@@ -286,6 +286,24 @@ TEST_F(GuardsTest, AMutexOrAConditionThatCannotBeInitialisedIsAnException)
 
 // Condition variables
 
+TEST_F(GuardsTest, ConditionsThatAreInitialisedAtTheSameTimeHaveTheirOwnAttributes)
+{
+    std::vector<const pthread_condattr_t*> lAttributes;
+    substitute::pthread_cond_init.instead([&](pthread_cond_t* apCondition, const pthread_condattr_t* acAttributes) {
+        lAttributes.push_back(acAttributes);
+        if (1 == lAttributes.size()) {
+            const OQCCondition lSecond;  // instead of a second thread
+        }
+        return substitute::pthread_cond_init.real(apCondition, acAttributes);
+    });
+    {
+        const Recording lRecording;
+        const OQCCondition lFirst;
+    }
+    ASSERT_EQ(2U, lAttributes.size());
+    EXPECT_NE(lAttributes[0], lAttributes[1]);
+}
+
 TEST_F(GuardsTest, AWaitEndsWhenThePredicateHoldsAndHoldsTheLockAgain)
 {
     OQCMutex lMutex;
@@ -739,6 +757,40 @@ TEST_F(GuardsTest, AServerTakesTheKeyOfASegmentThatNobodyUses)
     EXPECT_NO_THROW(OQCMailbox(key(), cSize, OQCM_Client)) << "the old one was too small";
 }
 
+TEST_F(GuardsTest, AServerTakesTheKeyOfASegmentWithTheIdZero)
+{
+    const int lOld = shmget(key(), 7, IPC_CREAT | 0666);
+    substitute::shmget.instead([=](key_t aKey, size_t aSize, int aFlags) {
+        const int lId = substitute::shmget.real(aKey, aSize, aFlags);
+        return lOld == lId ? 0 : lId;
+    });
+    substitute::shmat.instead([=](int aId, const void* acAddress, int aFlags) {
+        return substitute::shmat.real(0 == aId ? lOld : aId, acAddress, aFlags);
+    });
+    substitute::shmctl.instead([=](int aId, int aCommand, shmid_ds* apState) {
+        return substitute::shmctl.real(0 == aId ? lOld : aId, aCommand, apState);
+    });
+    EXPECT_EQ("no exception", failureOfAServer());
+    EXPECT_EQ(-1, shmctl(lOld, IPC_RMID, nullptr)) << "the server has removed the segment";
+}
+
+TEST_F(GuardsTest, AServerOpensWhileAnotherIsRefused)
+{
+    const OQCMailbox lBusy(key(), cSize, OQCM_Server);
+    bool lIsRefused = false;
+    substitute::shmctl.instead([&](int aId, int aCommand, shmid_ds* apState) {
+        const int lResult = substitute::shmctl.real(aId, aCommand, apState);
+        if (IPC_STAT == aCommand && !lIsRefused) {
+            lIsRefused = true;  // before the second server, which comes here, too
+            EXPECT_EQ("326 Device or resource busy", failureOfAServer());
+        }
+        return lResult;
+    });
+    const Recording lRecording;
+    EXPECT_NO_THROW(OQCMailbox(key() + 1, cSize, OQCM_Server));
+    EXPECT_TRUE(lIsRefused);
+}
+
 TEST_F(GuardsTest, ASecondServerEmptiesTheMailboxOfTheFirstWithoutTheGuardAndIsRefusedWithIt)
 {
     Peer lFirst([](Peer& arOther) {
@@ -874,7 +926,16 @@ TEST_F(FileGuardsTest, AWaitLogsOneErrorLineAtItsEndAndGetsALockThatIsReleased)
         arOther.meet();
     });
     lOther.meet();
-    EXPECT_THROW(OQCFileLock lLock(mFile), OQCFileLockFailedEx);
+    bool lSleeps = false;
+    substitute::ClibSleepMS.instead([&](unsigned long aMilliseconds) {
+        lSleeps = true;
+        substitute::ClibSleepMS.real(aMilliseconds);
+    });
+    {
+        const Recording lRecording;
+        EXPECT_THROW(OQCFileLock lLock(mFile), OQCFileLockFailedEx);
+    }
+    EXPECT_FALSE(lSleeps) << "without a limit there is no wait";
     clearEvents();
     EXPECT_THROW(OQCFileLock(mFile, milliseconds(20)), OQCFileLockFailedEx);
     const std::string lLines = errorLines();
