@@ -194,19 +194,19 @@ private:
     std::deque<unsigned int> mItems;
 };
 
-const unsigned int cItems = OQ_SANITIZED ? 20000 : 100000;
+const unsigned int cItems = OQ_SLOW ? 20000 : 100000;
 
 /// Four producers pass different items to four consumers. Expects that each item arrives once.
 void expectNothingLost(Queue::Wait aWait)
 {
     Queue lQueue(aWait);
-    std::vector<std::atomic<unsigned char>> lTaken(cItems);
+    std::vector<std::atomic<unsigned int>> lTaken(cItems);
     inThreads(8, [&](unsigned int aThread) {
         for (unsigned int lItem = aThread % 4; lItem < cItems; lItem += 4) {
             aThread < 4 ? lQueue.put(lItem) : void(++lTaken[lQueue.take()]);
         }
     });
-    EXPECT_EQ(cItems, std::count(lTaken.begin(), lTaken.end(), 1));
+    EXPECT_EQ(cItems, std::count(lTaken.begin(), lTaken.end(), 1U));
     EXPECT_EQ("", traceOf(recorded(), "", ""));
 }
 
