@@ -67,7 +67,7 @@ TEST_F(MutexLinuxTest, ErrorsOfACallersErrorCheckingMutexAreThrown)
 
 TEST_F(MutexLinuxTest, NoIncrementOfEightThreadsIsLost)
 {
-    const unsigned int cRounds = OQ_SANITIZED ? 20000 : 1000000;
+    const unsigned int cRounds = OQ_SLOW ? 20000 : 1000000;
     unsigned int lCount = 0;
     inThreads(8, [&](unsigned int) {
         for (unsigned int lRound = 0; lRound < cRounds; ++lRound) {

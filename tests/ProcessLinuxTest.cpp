@@ -324,7 +324,7 @@ TEST_P(ProcessCreateTest, AThousandFailuresAtSeveralDepthsLeaveTheParentUndamage
         lThreads.emplace_back(disturb, std::cref(lStop));
     }
     const pid_t lParent = getpid();
-    const unsigned int cRounds = OQ_SANITIZED ? 100 : 1000;  // fork() is slow with the memory of a sanitizer
+    const unsigned int cRounds = OQ_SLOW ? 100 : 1000;
     for (unsigned int lRound = 0; lRound < cRounds && !HasFailure(); ++lRound) {
         int lChild = -1;
         try {

@@ -911,7 +911,7 @@ void exchange(int aKey, unsigned int aCount, bool aSpins, const std::function<vo
 
 TEST_F(SharedMemoryLinuxTest, TwentyThousandMessagesEachWayArriveWholeAndInOrder)
 {
-    exchange(key(1), OQ_SANITIZED ? 2000 : 20000, true);
+    exchange(key(1), OQ_SLOW ? 2000 : 20000, true);
 }
 
 TEST_F(SharedMemoryLinuxTest, FiveHundredMessagesEachWayArriveWithThePollOfOneMillisecond)
@@ -950,7 +950,7 @@ TEST_F(SharedMemoryLinuxTest, AnOnlookerNeverSeesBothFlagsSet)
         memset(lpShared, 0, sizeof(Seen));
         uint64_t lBefore = 0;
         std::unique_ptr<Peer> lOnlooker;
-        exchange(key(1), OQ_SANITIZED ? 2000 : 10000, true, [&](OQShmDesc& arDesc) {
+        exchange(key(1), OQ_SLOW ? 2000 : 10000, true, [&](OQShmDesc& arDesc) {
             lOnlooker.reset(new Peer([&](Peer&) { lookOn(arDesc, lrSeen); }));
             EXPECT_TRUE(eventually([&] { return 0 < lrSeen.mFree[1]; }));
             EXPECT_EQ(0U, lrSeen.mFull[0]);

@@ -29,6 +29,13 @@
 #define OQ_SANITIZED 0
 #endif
 
+/// True in sanitizer builds and under an emulator, where a program and fork() are many times slower.
+#ifdef OQ_EMULATED
+#define OQ_SLOW 1
+#else
+#define OQ_SLOW OQ_SANITIZED
+#endif
+
 /// Fails a test that leaves a new descriptor, thread, child, segment or file behind.
 class LeftoverTest : public ::testing::Test
 {
