@@ -134,9 +134,12 @@ unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned int aCount, 
 
 int ClibStat(const char* acPath, struct stat* apInfo)
 {
-    if (0 != stat(acPath, apInfo)) {
+    // On 32-bit systems, older versions of stat() write a part of the result before they report that a value is too large.
+    struct stat lInfo;
+    if (0 != stat(acPath, &lInfo)) {
         throwErrorText<OQCClibStatFailedEx>();
     }
+    *apInfo = lInfo;
     return 0;
 }
 

@@ -578,7 +578,7 @@ OUTCOME_OF_ERRORS(ClibStat, ThrowsWhenThePathCannotBeExamined, EACCES, EBADF, EF
     mWhen = "the path cannot be examined; on 32-bit systems also: a file of 2 GiB and more";
     mTrace = R"(
         ClibStat("file", memory)
-        stat("file", memory) = -1 ERROR
+        stat("file", local) = -1 ERROR
         ClibStrerror(local, 512) = "ERROR #1"
         throws OQCClibStatFailedEx 173 "ERROR #1"
     )";
