@@ -235,7 +235,7 @@ OQ_EXPORT unsigned int ClibFread(char* apBuffer, unsigned int aSize, unsigned in
 /// Examines a file.
 /// \posix stat()
 /// \param[in]  acPath path to examine
-/// \param[out] apInfo receives the file's status; unchanged on failure
+/// \param[out] apInfo receives the file's status; not null; unchanged on failure
 /// \return 0
 /// \throws OQCClibStatFailedEx 173 when the path cannot be examined
 /// \silent
