@@ -106,7 +106,6 @@ __attribute__((format(printf, 1, 2))) std::string text(const char* acFormat, ...
     char lText[1024];
     va_list lArguments;
     va_start(lArguments, acFormat);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): this version does not see va_start().
     vsnprintf(lText, sizeof lText, acFormat, lArguments);
     va_end(lArguments);
     return lText;
