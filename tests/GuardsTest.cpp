@@ -60,6 +60,7 @@ std::string errorLines()
     std::string lText;
     for (const Event& acrEvent : recorded()) {
         if (Event::Log == acrEvent.mKind && acrEvent.mLevel <= OQLL_Error) {
+            EXPECT_EQ("-H-" == acrEvent.mTag, OQLL_Halt == acrEvent.mLevel);
             lText += acrEvent.mTag + acrEvent.mFunction + " " + acrEvent.mName;
             for (const std::string& acrArgument : acrEvent.mArguments) {
                 lText += "|" + acrArgument;
